@@ -1,0 +1,36 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Domain/AgentState.h"
+
+#include "Domain/RawValueTable.h"
+
+namespace vimbrel {
+namespace {
+
+struct StateRow {
+  AgentState value;
+  std::string_view raw;
+  std::string_view label;
+};
+
+constexpr std::array<StateRow, 7> states{{
+    {AgentState::unknown, "unknown", "Unknown"},
+    {AgentState::idle, "idle", "Idle"},
+    {AgentState::working, "working", "Working"},
+    {AgentState::waiting, "waiting", "Waiting"},
+    {AgentState::completed, "completed", "Completed"},
+    {AgentState::error, "error", "Error"},
+    {AgentState::stale, "stale", "Stale"},
+}};
+
+static_assert(rowsFollowDeclaration(states));
+
+}  // namespace
+
+std::string_view rawValue(AgentState state) { return rowOf(states, state).raw; }
+std::string_view displayLabel(AgentState state) { return rowOf(states, state).label; }
+std::optional<AgentState> agentStateFromRawValue(std::string_view text) { return valueWithRaw(states, text); }
+AgentState agentStateFromLenientText(std::string_view text) {
+  return valueWithRawIgnoringCase(states, text).value_or(AgentState::unknown);
+}
+
+}  // namespace vimbrel

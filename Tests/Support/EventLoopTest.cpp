@@ -1,0 +1,107 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Support/EventLoop.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "Support/Fd.h"
+
+namespace vimbrel {
+namespace {
+
+using namespace std::chrono_literals;
+
+class EventLoopTest : public testing::TestWithParam<QueueHome> {};
+
+TEST_P(EventLoopTest, runsOneTaskAtATimeInOrderFromManyThreads) {
+  EventLoop loop;
+  auto queue = loop.makeQueue("test", GetParam());
+  std::atomic<int> inside{0};
+  std::vector<int> last(4, -1);
+  int total = 0;
+  std::vector<std::thread> posters;
+  for (int poster = 0; poster < 4; ++poster) {
+    posters.emplace_back([&, poster] {
+      for (int i = 0; i < 500; ++i) {
+        queue->post([&, poster, i] {
+          EXPECT_EQ(inside.fetch_add(1), 0);
+          EXPECT_TRUE(queue->isCurrent());
+          EXPECT_EQ(last[static_cast<std::size_t>(poster)], i - 1);
+          last[static_cast<std::size_t>(poster)] = i;
+          inside.fetch_sub(1);
+          if (++total == 2000) loop.stop();
+        });
+      }
+    });
+  }
+  loop.run();
+  for (auto& thread : posters) thread.join();
+  EXPECT_EQ(total, 2000);
+}
+
+TEST_P(EventLoopTest, watchesADescriptorUntilTheTokenIsDropped) {
+  EventLoop loop;
+  auto queue = loop.makeQueue("test", GetParam());
+  int ends[2];
+  ASSERT_EQ(pipe2(ends, O_CLOEXEC | O_NONBLOCK), 0);
+  const Fd reading(ends[0]);
+  const Fd writing(ends[1]);
+  std::string received;
+  Token watch;
+  queue->post([&] {
+    watch = queue->watchReadable(reading.get(), [&] {
+      char byte = 0;
+      while (read(reading.get(), &byte, 1) == 1) received += byte;
+      if (received.size() < 3) {
+        const char next = static_cast<char>('a' + received.size());
+        ASSERT_EQ(write(writing.get(), &next, 1), 1);
+      } else {
+        watch.reset();
+        loop.stop();
+      }
+    });
+    ASSERT_EQ(write(writing.get(), "a", 1), 1);
+  });
+  loop.run();
+  EXPECT_EQ(received, "abc");
+}
+
+TEST_P(EventLoopTest, firesTimersAndForgetsCancelledOnes) {
+  EventLoop loop;
+  auto queue = loop.makeQueue("test", GetParam());
+  int repeats = 0;
+  bool cancelledFired = false;
+  auto cancelled = queue->after(5ms, [&] { cancelledFired = true; });
+  cancelled.reset();
+  Token repeating = queue->every(1ms, 2ms, TimerPrecision::exact, [&] {
+    if (++repeats == 5) loop.stop();
+  });
+  loop.run();
+  EXPECT_GE(repeats, 5);
+  EXPECT_FALSE(cancelledFired);
+}
+
+TEST_P(EventLoopTest, aQueueMayOutliveItsLoop) {
+  std::shared_ptr<TaskQueue> queue;
+  Token token;
+  {
+    EventLoop loop;
+    queue = loop.makeQueue("test", GetParam());
+    token = queue->after(1h, [] { ADD_FAILURE(); });
+    queue->post([&] { loop.stop(); });
+    loop.run();
+  }
+  queue->post([] { ADD_FAILURE(); });
+  token.reset();
+}
+
+INSTANTIATE_TEST_SUITE_P(Homes, EventLoopTest, testing::Values(QueueHome::mainThread, QueueHome::background));
+
+}  // namespace
+}  // namespace vimbrel

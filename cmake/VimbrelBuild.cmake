@@ -1,0 +1,62 @@
+# SPDX-License-Identifier: Apache-2.0
+# Compiler settings and the three ways this project makes targets.
+
+set(CMAKE_CXX_STANDARD 23)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+
+find_program(VIMBREL_CCACHE ccache)
+if(VIMBREL_CCACHE)
+  set(CMAKE_C_COMPILER_LAUNCHER ${VIMBREL_CCACHE})
+  set(CMAKE_CXX_COMPILER_LAUNCHER ${VIMBREL_CCACHE})
+endif()
+find_program(VIMBREL_MOLD mold)
+if(VIMBREL_MOLD AND NOT VIMBREL_SANITIZE)
+  add_link_options(-fuse-ld=mold)
+endif()
+
+add_library(vimbrel_options INTERFACE)
+target_compile_options(vimbrel_options INTERFACE -Wall -Wextra -Wpedantic -Wshadow=local -Wnon-virtual-dtor -Wimplicit-fallthrough)
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+  # These three report false positives in library headers at the optimisation levels that are used here.
+  target_compile_options(vimbrel_options INTERFACE -Wno-maybe-uninitialized -Wno-restrict -Wno-stringop-overflow)
+endif()
+if(VIMBREL_WERROR)
+  target_compile_options(vimbrel_options INTERFACE -Werror)
+endif()
+if(VIMBREL_SANITIZE)
+  target_compile_options(vimbrel_options INTERFACE -fsanitize=${VIMBREL_SANITIZE} -fno-omit-frame-pointer)
+  target_link_options(vimbrel_options INTERFACE -fsanitize=${VIMBREL_SANITIZE})
+  if(VIMBREL_SANITIZE MATCHES "thread")
+    # Asio orders its queues with fences, which the thread sanitizer of this compiler announces it cannot model.
+    target_compile_options(vimbrel_options INTERFACE -Wno-tsan)
+  endif()
+endif()
+
+find_package(Threads REQUIRED)
+find_package(PkgConfig REQUIRED)
+
+# vimbrel_library(Name SOURCES a.cpp… DEPENDS Other… PRIVATE lib…)
+# One folder, one static library. DEPENDS names libraries of this project that stand below it.
+function(vimbrel_library name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;DEPENDS;PRIVATE" ${ARGN})
+  add_library(${name} STATIC ${ARG_SOURCES})
+  target_include_directories(${name} PUBLIC ${PROJECT_SOURCE_DIR}/Sources/VimbrelCore)
+  target_link_libraries(${name} PUBLIC ${ARG_DEPENDS} PRIVATE vimbrel_options ${ARG_PRIVATE})
+endfunction()
+
+# vimbrel_test(name SOURCES a.cpp… LINKS lib… [LABELS label…] [TIMEOUT seconds])
+# One GoogleTest program, one ctest entry.
+function(vimbrel_test name)
+  cmake_parse_arguments(ARG "" "TIMEOUT" "SOURCES;LINKS;LABELS" ${ARGN})
+  if(NOT ARG_TIMEOUT)
+    set(ARG_TIMEOUT 120)
+  endif()
+  add_executable(${name} ${ARG_SOURCES})
+  target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/Tests)
+  target_link_libraries(${name} PRIVATE vimbrel_options ${ARG_LINKS} GTest::gtest GTest::gmock GTest::gtest_main Threads::Threads)
+  add_test(NAME ${name} COMMAND ${name} --gtest_brief=1)
+  set_tests_properties(${name} PROPERTIES TIMEOUT ${ARG_TIMEOUT} LABELS "${ARG_LABELS}")
+endfunction()
