@@ -1,0 +1,37 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <expected>
+#include <memory>
+#include <string>
+
+#include "Domain/HookEvent.h"
+
+namespace vimbrel {
+
+/// Takes hook events as they arrive. Held weakly; called on the receiver's queue.
+class HookEventReceiverDelegate {
+ public:
+  virtual ~HookEventReceiverDelegate() = default;
+  virtual void didReceiveHookEvent(const HookEvent& event) = 0;
+};
+
+/// Why the receiver could not start; `text` is a sentence for people.
+struct HookReceiverError {
+  enum class Fault { payloadTooLarge, directory, alreadyServed, system };
+  Fault fault = Fault::system;
+  int code = 0;  ///< errno, where there is one
+  std::string text;
+};
+
+/// Where hook events come from, as the coordinator sees it.
+class HookEventReceiving {
+ public:
+  virtual ~HookEventReceiving() = default;
+  virtual void setDelegate(std::weak_ptr<HookEventReceiverDelegate> delegate) = 0;
+  [[nodiscard]] virtual std::expected<void, HookReceiverError> start() = 0;
+  virtual void stop() = 0;
+  [[nodiscard]] virtual bool isRunning() const = 0;
+};
+
+}  // namespace vimbrel
