@@ -60,3 +60,23 @@ function(vimbrel_test name)
   add_test(NAME ${name} COMMAND ${name} --gtest_brief=1)
   set_tests_properties(${name} PROPERTIES TIMEOUT ${ARG_TIMEOUT} LABELS "${ARG_LABELS}")
 endfunction()
+
+option(VIMBREL_FUZZERS "Build the fuzz targets with libFuzzer (clang)" OFF)
+
+# vimbrel_fuzz(Name LINKS lib…)
+# Fuzz/NameFuzz.cpp defines LLVMFuzzerTestOneInput. With VIMBREL_FUZZERS it becomes the fuzzer `fuzz_Name`; always, it
+# becomes a test that replays every file of its corpus, Fuzz/corpus/<name-in-kebab-case>.
+function(vimbrel_fuzz name)
+  cmake_parse_arguments(ARG "" "" "LINKS" ${ARGN})
+  string(REGEX REPLACE "([a-z])([A-Z])" "\\1-\\2" corpus ${name})
+  string(TOLOWER ${corpus} corpus)
+  add_executable(replay_${name} ${name}Fuzz.cpp ReplayMain.cpp)
+  target_link_libraries(replay_${name} PRIVATE vimbrel_options ${ARG_LINKS})
+  add_test(NAME replay_${name} COMMAND replay_${name} ${CMAKE_CURRENT_SOURCE_DIR}/corpus/${corpus})
+  set_tests_properties(replay_${name} PROPERTIES TIMEOUT 60 LABELS fuzz)
+  if(VIMBREL_FUZZERS)
+    add_executable(fuzz_${name} ${name}Fuzz.cpp)
+    target_link_libraries(fuzz_${name} PRIVATE vimbrel_options ${ARG_LINKS})
+    target_link_options(fuzz_${name} PRIVATE -fsanitize=fuzzer)
+  endif()
+endfunction()
