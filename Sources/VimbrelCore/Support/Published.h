@@ -24,7 +24,7 @@ class ChangeSignal {
     state_->observers.emplace(id, std::make_shared<std::function<void()>>(std::move(observer)));
     return Token{[weak = std::weak_ptr(state_), id] {
       if (const auto state = weak.lock()) {
-        const std::lock_guard guard(state->lock);
+        const std::lock_guard erasing(state->lock);
         state->observers.erase(id);
       }
     }};
