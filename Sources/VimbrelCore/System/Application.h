@@ -1,0 +1,59 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Platform/PlatformServices.h"
+#include "Support/Clock.h"
+#include "Support/TaskQueue.h"
+#include "System/AppCoordinator.h"
+#include "System/FilePreferences.h"
+
+namespace vimbrel {
+
+/// Where an application keeps what it owns. `ofUser` works them out from the environment.
+struct ApplicationDirectories {
+  std::string applicationSupport;  ///< holds "Vimbrel/run/vimbrel.sock"
+  std::string configuration;       ///< holds "Vimbrel/settings.json"
+  [[nodiscard]] static ApplicationDirectories ofUser();
+};
+
+/// Substitutes and additions; everything may be left out.
+struct ApplicationOptions {
+  /// Instead of the receiver on the hook socket: for runs without sockets, such as those on virtual time.
+  std::shared_ptr<HookEventReceiving> hookReceiver;
+  /// Started and stopped with the coordinator, after the application's own.
+  std::vector<std::shared_ptr<CoordinatorService>> services;
+};
+
+/// The one wiring of the background process: builds every service of `AppCoordinator` in dependency order and
+/// tears them down in reverse. Used alike by `vimbrel run`, by scripted simulations and by the tests on
+/// virtual time. Queue: the main queue.
+class Application {
+ public:
+  /// `queues` and `clock` must outlive the application.
+  Application(PlatformServices platform, QueueProvider& queues, const Clock& clock,
+              const ApplicationDirectories& directories, ApplicationOptions options = {});
+  ~Application();
+  Application(const Application&) = delete;
+  Application& operator=(const Application&) = delete;
+
+  void start() { coordinator_->start(); }
+  void stop() { coordinator_->stop(); }
+
+  [[nodiscard]] AppCoordinator& coordinator() { return *coordinator_; }
+  [[nodiscard]] SettingsStore& settings() { return coordinator_->settings(); }
+  [[nodiscard]] AgentStateCoordinator& agents() { return *coordinator_->parts().agentCoordinator; }
+  [[nodiscard]] PlatformServices& platform() { return platform_; }
+  /// Reads the settings file again if it changed; for queues that watch no files.
+  void reloadSettings() { preferences_->reload(); }
+
+ private:
+  PlatformServices platform_;
+  std::shared_ptr<FilePreferences> preferences_;
+  std::shared_ptr<AppCoordinator> coordinator_;
+};
+
+}  // namespace vimbrel
