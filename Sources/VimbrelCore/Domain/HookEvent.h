@@ -40,8 +40,10 @@ struct HookEvent {
   [[nodiscard]] std::string toJSONData() const;
 
   /// Reads one document leniently, field by field: only a document that is not an object, or lacks a string
-  /// "agent" or "state", fails. The failure is a text for people without quotation marks. `now` is the
-  /// timestamp of an event that carries none.
+  /// "agent" or "state", fails. Any other field of another type, or a number that no 64-bit type holds, is as
+  /// if it were absent; unknown keys are ignored; of a repeated key the last counts. A document of more than
+  /// `maximumHookEventBytes` or nested deeper than 64 levels fails. The failure is a text for people without
+  /// quotation marks. `now` is the timestamp of an event that carries none.
   [[nodiscard]] static std::expected<HookEvent, std::string> parse(std::string_view json, Instant now);
 };
 

@@ -6,6 +6,8 @@
 
 #include <cstdlib>
 
+#include "Support/ApplicationSupportPath.h"
+
 namespace vimbrel::directories {
 namespace {
 
@@ -34,7 +36,12 @@ std::string home() {
   return "/";
 }
 
-std::string applicationSupport() { return variableOrBelowHome("XDG_DATA_HOME", "/.local/share"); }
+std::string applicationSupport() {
+  std::string path;
+  appendApplicationSupport(path, std::getenv("XDG_DATA_HOME"), nullptr,
+                           [](std::string& sink) { sink += home(); });
+  return path;
+}
 std::string configuration() { return variableOrBelowHome("XDG_CONFIG_HOME", "/.config"); }
 std::string state() { return variableOrBelowHome("XDG_STATE_HOME", "/.local/state"); }
 

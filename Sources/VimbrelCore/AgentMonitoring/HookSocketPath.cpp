@@ -1,0 +1,12 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "AgentMonitoring/HookSocketPath.h"
+
+#include "Support/Directories.h"
+
+namespace vimbrel {
+
+std::string defaultHookSocketPath() {
+  return directories::applicationSupport().append(hookSocketBelowApplicationSupport);
+}
+
+}  // namespace vimbrel
