@@ -20,7 +20,13 @@ namespace {
 
 std::mutex sinkLock;
 std::shared_ptr<logging::Sink> currentSink;
+std::atomic<bool> hasSink{false};
 std::atomic<LogLevel> threshold{LogLevel::debug};
+
+bool isEnabled(LogLevel level) {
+  if (level == LogLevel::error) return true;
+  return level >= threshold.load(std::memory_order_relaxed) && hasSink.load(std::memory_order_relaxed);
+}
 
 void writeToStandardError(LogLevel level, std::string_view category, std::string_view text) {
   if (level != LogLevel::error) return;
@@ -30,7 +36,7 @@ void writeToStandardError(LogLevel level, std::string_view category, std::string
 
 void write(LogLevel level, const std::string& subsystem, const std::string& category, const char* format,
            va_list arguments) {
-  if (level < threshold.load(std::memory_order_relaxed)) return;
+  if (!isEnabled(level)) return;
   va_list again;
   va_copy(again, arguments);
   char brief[512];
@@ -91,12 +97,15 @@ void Logger::error(const char* format, ...) const { VIMBREL_LOG(LogLevel::error)
 
 #undef VIMBREL_LOG
 
+bool Logger::enabled(LogLevel level) const { return isEnabled(level); }
+
 namespace logging {
 
 Sink setSink(Sink sink) {
   auto next = sink ? std::make_shared<Sink>(std::move(sink)) : nullptr;
   const std::lock_guard guard(sinkLock);
   std::swap(currentSink, next);
+  hasSink = currentSink != nullptr;
   return next ? std::move(*next) : Sink{};
 }
 

@@ -21,6 +21,8 @@ class Logger {
   void info(const char* format, ...) const __attribute__((format(printf, 2, 3)));
   void error(const char* format, ...) const __attribute__((format(printf, 2, 3)));
 
+  /// False when a message at this level would be dropped: saves the work of preparing its arguments.
+  [[nodiscard]] bool enabled(LogLevel level) const;
   [[nodiscard]] const std::string& category() const { return category_; }
 
  private:
