@@ -1,0 +1,140 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "DeepHold/DeepSleepController.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <mutex>
+#include <random>
+#include <utility>
+
+#include "DeepHold/HelperSocketPath.h"
+#include "Support/Log.h"
+
+namespace vimbrel {
+namespace {
+
+/// A random (version 4) UUID in upper case.
+std::string makeLeaseId() {
+  std::random_device random;
+  std::array<unsigned, 4> words{random(), random(), random(), random()};
+  words[1] = (words[1] & 0xFFFF0FFFU) | 0x00004000U;
+  words[2] = (words[2] & 0x3FFFFFFFU) | 0x80000000U;
+  char text[37];
+  std::snprintf(text, sizeof text, "%08X-%04X-%04X-%04X-%04X%08X", words[0], words[1] >> 16U,
+                words[1] & 0xFFFFU, words[2] >> 16U, words[2] & 0xFFFFU, words[3]);
+  return text;
+}
+
+}  // namespace
+
+struct DeepSleepController::State {
+  std::string socketPath;
+  HelperExchange exchange;
+  std::shared_ptr<TaskQueue> operations;  // one operation at a time, in order
+  std::shared_ptr<TaskQueue> queue;       // the renewal timer's
+  Logger logger{"deepsleep"};
+
+  std::mutex lock;  // over what follows
+  std::optional<std::string> currentLeaseId;
+  Token renewalTimer;
+  bool tornDown = false;
+
+  std::string takeOrMakeLeaseId() {
+    const std::lock_guard guard(lock);
+    if (!currentLeaseId) currentLeaseId = makeLeaseId();
+    return *currentLeaseId;
+  }
+
+  void startRenewal(const std::string& leaseId, double ttlSeconds) {
+    const std::lock_guard guard(lock);
+    renewalTimer.reset();
+    if (tornDown) return;
+    const auto interval = std::chrono::duration_cast<std::chrono::nanoseconds>(
+        Seconds{std::max(std::min(ttlSeconds, 86400.0) * 0.25, 5.0)});
+    renewalTimer =
+        queue->every(interval, interval, TimerPrecision::shared,
+                     [ask = exchange, request = HelperRequest{HelperCommand::renew, leaseId, ttlSeconds}] {
+                       (void)ask(request);
+                     });
+  }
+
+  bool acquire(double ttlSeconds) {
+    const auto leaseId = takeOrMakeLeaseId();
+    const auto response = exchange({HelperCommand::acquire, leaseId, ttlSeconds});
+    if (!response || !response->ok) {
+      logger.error("Failed to acquire deep hold from helper");
+      return false;
+    }
+    startRenewal(leaseId, ttlSeconds);
+    logger.info("Successfully acquired deep hold lease %s", leaseId.c_str());
+    return true;
+  }
+
+  void release() {
+    std::optional<std::string> leaseId;
+    {
+      const std::lock_guard guard(lock);
+      renewalTimer.reset();
+      leaseId = std::exchange(currentLeaseId, std::nullopt);
+    }
+    if (!leaseId) return;
+    (void)exchange({HelperCommand::release, leaseId, std::nullopt});
+    logger.info("Released deep hold lease %s", leaseId->c_str());
+  }
+
+  DeepSleepStatus status() const {
+    auto response = exchange({HelperCommand::status, std::nullopt, std::nullopt});
+    if (response && response->status) return std::move(*response->status);
+    DeepSleepStatus status;
+    status.isHelperInstalled = ::access(socketPath.c_str(), F_OK) == 0;
+    return status;
+  }
+};
+
+DeepSleepController::DeepSleepController(QueueProvider& queues, std::optional<std::string> socketPath,
+                                         HelperExchange exchange)
+    : state_(std::make_shared<State>()) {
+  state_->socketPath = socketPath ? std::move(*socketPath) : chooseHelperSocketPath();
+  if (!exchange) {
+    exchange = [path = state_->socketPath](const HelperRequest& request) {
+      return exchangeWithHelper(path, request);
+    };
+  }
+  state_->exchange = std::move(exchange);
+  state_->operations = queues.makeQueue("com.vimbrel.deepsleepcontroller.operations", QueueHome::background);
+  state_->queue = queues.makeQueue("com.vimbrel.deepsleepcontroller", QueueHome::background);
+}
+
+DeepSleepController::~DeepSleepController() {
+  const std::lock_guard guard(state_->lock);
+  state_->tornDown = true;
+  state_->renewalTimer.reset();
+}
+
+const std::string& DeepSleepController::socketPath() const { return state_->socketPath; }
+
+void DeepSleepController::status(std::move_only_function<void(DeepSleepStatus)> done) {
+  state_->operations->post([state = state_, done = std::move(done)]() mutable {
+    auto status = state->status();
+    if (done) done(std::move(status));
+  });
+}
+
+void DeepSleepController::acquire(double ttlSeconds, std::move_only_function<void(bool)> done) {
+  state_->operations->post([state = state_, ttlSeconds, done = std::move(done)]() mutable {
+    const bool acquired = state->acquire(ttlSeconds);
+    if (done) done(acquired);
+  });
+}
+
+void DeepSleepController::release(std::move_only_function<void()> done) {
+  state_->operations->post([state = state_, done = std::move(done)]() mutable {
+    state->release();
+    if (done) done();
+  });
+}
+
+}  // namespace vimbrel
