@@ -1,0 +1,99 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Domain/BudgetIntelligence.h"
+
+#include <gtest/gtest.h>
+
+namespace vimbrel {
+namespace {
+
+using Context = BudgetMetric<ContextBudget>;
+using Quota = BudgetMetric<AccountQuotaBudget>;
+
+Context context(std::int64_t window, std::int64_t consumed) {
+  return Context::known(ContextBudget::create(window, consumed), 1, "test");
+}
+Quota quota(double remaining) {
+  return Quota::known(AccountQuotaBudget::create({.percentageRemaining = remaining}), 1, "test");
+}
+
+TEST(ContextBudget, keepsItsFiguresInRange) {
+  const auto tiny = ContextBudget::create(0, 10);
+  EXPECT_EQ(tiny.contextWindow(), 1);
+  EXPECT_EQ(tiny.tokensRemaining(), 0);
+  EXPECT_EQ(tiny.percentageUsed(), 100);
+  const auto over = ContextBudget::create(200'000, 250'000);
+  EXPECT_EQ(over.percentageRemaining(), 0);
+  EXPECT_TRUE(over.isLow());
+  EXPECT_EQ(ContextBudget::create(200'000, -5).tokensRemaining(), 200'000);
+}
+
+TEST(LowBudgetThreshold, warnsByTheWorseOfTheTwoAndPrefersTheQuota) {
+  using enum LowBudgetMetricType;
+  struct Case {
+    std::optional<double> context, quota;
+    std::string message;
+  };
+  const std::vector<Case> cases{
+      {20.01, std::nullopt, ""},
+      {20, std::nullopt, "Context window is low (20% remaining)"},
+      {19.5, std::nullopt, "Context window is low (20% remaining)"},
+      {10, std::nullopt, "Context window is critically low (10% remaining)"},
+      {std::nullopt, 7, "Account quota is critically low (7% remaining)"},
+      {5, std::nullopt, "Context window is exhausted (5% remaining)"},
+      {4, 8, "Context window is exhausted (4% remaining)"},
+      {9, 8, "Account quota is critically low (8% remaining)"},
+  };
+  for (const auto& [context, quota, message] : cases) {
+    const auto alert = LowBudgetThreshold::evaluate(context, quota);
+    EXPECT_EQ(alert ? alert->message : "", message);
+  }
+}
+
+TEST(BudgetTexts, areWrittenForPeople) {
+  const std::vector<std::pair<std::int64_t, std::string>> counts{
+      {-5, "-5"},        {999, "999"},      {1000, "1k"},        {1500, "2k"},
+      {200'000, "200k"}, {1'000'000, "1M"}, {1'234'567, "1.2M"}, {2'000'000, "2M"}};
+  for (const auto& [count, text] : counts) EXPECT_EQ(formatTokenCompact(count), text);
+  const std::vector<std::pair<CostBudget, std::string>> costs{{{0.004, true}, "<$0.01 est."},
+                                                              {{0, true}, "$0.00 est."},
+                                                              {{0.005, false}, "$0.01"},
+                                                              {{1.234, false}, "$1.23"}};
+  for (const auto& [cost, text] : costs) EXPECT_EQ(cost.formattedCost(), text);
+}
+
+TEST(ProviderBudgetReport, saysInOneLineWhatIsLeft) {
+  using Report = ProviderBudgetReport;
+  const CostBudget cost{0.42, true};
+  const auto unknown = Context::unavailable("Context unavailable");
+  struct Case {
+    Report report;
+    std::string actionable, idle;
+  };
+  const std::vector<Case> cases{
+      {{}, "Budget telemetry unavailable", "Idle · Ready for sessions"},
+      {{.cost = cost}, "$0.42 est.", "Idle · Ready for sessions"},
+      {{.sessionUsage = {.totalTokens = 1500}, .cost = cost},
+       "2k tokens · $0.42 est.",
+       "Last session: 2k tokens · $0.42 est."},
+      {{.context = context(200'000, 80'000), .quota = quota(45), .cost = cost},
+       "120k context left · 60% remaining · Quota 45% left · $0.42 est.",
+       "Last session: 120k context left · $0.42 est."},
+      {{.context = context(200'000, 80'000), .quota = quota(8)},
+       "8% quota left · Critically Low",
+       "Last session: 120k context left"},
+      {{.context = context(100, 97), .quota = quota(18), .cost = cost},
+       "18% quota left · Exhausted · $0.42 est.",
+       "Last session: 3 context left · $0.42 est."},
+  };
+  for (const auto& [fields, actionable, idle] : cases) {
+    const auto report = Report::make(fields);
+    EXPECT_EQ(report.actionableSummaryLine(), actionable);
+    EXPECT_EQ(report.idleSummaryLine(), idle);
+  }
+  EXPECT_EQ((Report{.quota = quota(12)}.actionableSummaryLine()), "12% quota left · Low")
+      << "a report without an alert";
+  EXPECT_EQ((Report{.agentType = AgentType::codex}.id()), "codex_global");
+}
+
+}  // namespace
+}  // namespace vimbrel

@@ -1,0 +1,187 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <gtest/gtest.h>
+
+#include <limits>
+#include <nlohmann/json.hpp>
+
+#include "Domain/HookUsage.h"
+#include "Domain/ModelRateCard.h"
+#include "Domain/UsageCodec.h"
+
+namespace vimbrel {
+namespace {
+
+constexpr std::int64_t most = std::numeric_limits<std::int64_t>::max();
+
+UsageEvent event(const std::string& session, double at, UsageEvent fields = {}) {
+  fields.id = "e";
+  fields.sessionId = session;
+  fields.timestamp = instantFromUnixSeconds(at);
+  fields.source = "test";
+  if (fields.agentType == AgentType::custom) fields.agentType = AgentType::claude;
+  return UsageEvent::make(fields);
+}
+
+TEST(UsageEvent, derivesItsTotalUtilizationAndKey) {
+  const auto sum = event(
+      "s1", 12.5, {.inputTokens = 100, .outputTokens = 50, .cachedTokens = 9000, .reasoningTokens = 10});
+  EXPECT_EQ(sum.totalTokens, 160);
+  EXPECT_EQ(sum.deduplicationKey(), "claude_s1_12.5_160");
+  EXPECT_EQ(event("s1", 12, {.turnId = "t7"}).deduplicationKey(), "claude_s1_t7");
+  EXPECT_EQ(event("s1", 12, {.turnId = ""}).deduplicationKey(), "claude_s1_12.0_0");
+  EXPECT_EQ(event("s1", 12, {.cachedTokens = 5}).effectiveTotalTokens(), std::nullopt);
+  EXPECT_EQ(event("s1", 12, {.inputTokens = most, .outputTokens = most}).totalTokens, most);
+
+  const auto use = [](std::optional<std::int64_t> total, std::optional<std::int64_t> window) {
+    return event("s", 0, {.totalTokens = total, .contextWindow = window}).contextUtilization();
+  };
+  EXPECT_EQ(use(300'000, 200'000), 1.0);
+  EXPECT_EQ(use(50'000, 200'000), 0.25);
+  EXPECT_EQ(use(0, 200'000), 0.0);
+  EXPECT_EQ(use(10, 0), std::nullopt);
+  EXPECT_EQ(use(std::nullopt, 200'000), std::nullopt);
+}
+
+TEST(SessionUsageRecord, foldsEventsAndMovesByTheDifferenceOfALaterReading) {
+  const auto first = event("s", 100, {.modelId = "a", .inputTokens = 10, .contextWindow = 5});
+  const auto older = event("s", 50, {.modelId = "b", .outputTokens = 7, .costEstimateUSD = 0.5});
+  auto record = SessionUsageRecord::openedBy(first.view());
+  record.fold(first.view());
+  EXPECT_EQ(record.estimatedCostUSD, std::nullopt);
+  record.fold(older.view());
+  EXPECT_EQ(record.modelId, "a");
+  EXPECT_EQ(record.lastActiveAt, instantFromUnixSeconds(100));
+  EXPECT_EQ(record.durationSeconds, 0);
+  EXPECT_EQ(record.totalTokens, 17);
+
+  const auto grown = event("s", 130, {.inputTokens = 25, .costEstimateUSD = 1, .quotaRemainingPercent = 40});
+  EXPECT_TRUE(grown.view().countsMoreThan(first.view()));
+  EXPECT_FALSE(first.view().countsMoreThan(first.view()));
+  ASSERT_TRUE(record.exchange(first.view(), grown.view()));
+  EXPECT_EQ(record.totalTokens, 32);
+  EXPECT_EQ(record.inputTokens, 25);
+  EXPECT_EQ(record.durationSeconds, 30);
+  EXPECT_EQ(record.estimatedCostUSD, 1.5);
+  EXPECT_EQ(record.contextWindow, 5);
+  EXPECT_EQ(record.quotaRemainingPercent, 40);
+
+  record.fold(event("s", 1, {.inputTokens = most}).view());
+  EXPECT_EQ(record.inputTokens, most);
+  EXPECT_FALSE(record.exchange(first.view(), grown.view())) << "what a saturated sum held is unknown";
+}
+
+TEST(UsageSummary, countsDistinctSessionsForEachAgentAndKeepsAnAbsentCostAbsent) {
+  const std::vector<UsageEvent> events{
+      event("a", 1, {.totalTokens = 5}), event("a", 2, {.inputTokens = 1}),
+      event("b", 3, {.cachedTokens = 4, .totalTokens = most}),
+      event("a", 4, {.agentType = AgentType::codex, .costEstimateUSD = 0.0})};
+  const auto summary = summarise(events);
+  EXPECT_EQ(summary.sessionCount, 2);
+  EXPECT_EQ(summary.turnCount, 4);
+  EXPECT_EQ(summary.totalTokens, most);
+  EXPECT_EQ(summary.cachedTokens, 4);
+  EXPECT_EQ(summary.estimatedCostUSD, 0.0);
+  ASSERT_EQ(summary.byAgent.size(), 2U);
+  EXPECT_EQ(summary.byAgent.at("claude").sessionCount, 2);
+  EXPECT_EQ(summary.byAgent.at("claude").turnCount, 3);
+  EXPECT_EQ(summary.byAgent.at("claude").estimatedCostUSD, std::nullopt);
+  EXPECT_EQ(summarise({}), UsageSummary{});
+}
+
+TEST(UsageCodec, readsBackWhatItWroteInBothDateFormsAndRefusesGaps) {
+  auto full = event("s", 1731790000.25,
+                    {.turnId = "t",
+                     .modelId = "m",
+                     .inputTokens = 1,
+                     .outputTokens = 2,
+                     .cachedTokens = 3,
+                     .cacheWriteTokens = 4,
+                     .reasoningTokens = 5,
+                     .contextWindow = 6,
+                     .costEstimateUSD = 0.1,
+                     .quotaRemainingPercent = 7});
+  EXPECT_EQ(usageEventFromJson(toJson(full, DateCoding::referenceSeconds), DateCoding::referenceSeconds),
+            full);
+  auto record = SessionUsageRecord::openedBy(full.view());
+  record.fold(full.view());
+  EXPECT_EQ(
+      sessionUsageRecordFromJson(toJson(record, DateCoding::referenceSeconds), DateCoding::referenceSeconds),
+      record);
+  const auto exported = toJson(record, DateCoding::iso8601);
+  EXPECT_EQ(exported["startedAt"], "2024-11-16T20:46:40Z");
+  EXPECT_TRUE(sessionUsageRecordFromJson(exported, DateCoding::iso8601));
+  const auto summary = summarise({{full}});
+  EXPECT_EQ(usageSummaryFromJson(toJson(summary)), summary);
+  for (const auto* key : {"id", "agentType", "sessionId", "timestamp", "source"}) {
+    auto broken = toJson(full, DateCoding::referenceSeconds);
+    broken.erase(key);
+    EXPECT_FALSE(usageEventFromJson(broken, DateCoding::referenceSeconds)) << key;
+  }
+  EXPECT_EQ(toJson(event("s", 0), DateCoding::referenceSeconds).size(), 5U) << "absent fields are left out";
+}
+
+TEST(ModelRateCard, findsTheExactElseTheLongestKey) {
+  const auto key = [](std::optional<std::string_view> id) {
+    const auto* row = ModelRateCard::builtIn().find(id);
+    return row == nullptr ? std::string("none") : row->key;
+  };
+  EXPECT_EQ(key(" GPT-4o\n"), "gpt-4o");
+  EXPECT_EQ(key("gpt-4o-mini-2024-07-18"), "gpt-4o-mini");
+  EXPECT_EQ(key("o1-mini-x"), "o1-mini");
+  EXPECT_EQ(key("anthropic/claude-3-opus-latest"), "claude-3-opus");
+  EXPECT_EQ(key("claude-3-5-sonnet-latest"), "claude-3-5-sonnet");
+  EXPECT_EQ(key("llama-3"), "none");
+  EXPECT_EQ(key(" \n"), "none");
+  EXPECT_EQ(key(std::nullopt), "none");
+  EXPECT_EQ(ModelRateCard::builtIn().rows().size(), 19U);
+}
+
+TEST(ModelRateCard, takesEachTokenOnceAtItsPrice) {
+  const auto million = 1'000'000;
+  EXPECT_EQ(ModelRateCard::estimateCost("claude-3-5-sonnet-20241022", million, million, {}, {}, {}), 18.0);
+  EXPECT_EQ(ModelRateCard::estimateCost("gemini-1.5-flash", {}, {}, 2 * million, {}, {}), 0.0375);
+  EXPECT_EQ(ModelRateCard::estimateCost("gpt-4o", {}, {}, {}, {}, {}), 0.0);
+  EXPECT_EQ(ModelRateCard::estimateCost("llama-3", 1, 1, 1, 1, 1), std::nullopt);
+  EXPECT_EQ(ModelRateCard::contextWindow("gpt-5.6-terra"), 258'400);
+  EXPECT_EQ(ModelRateCard::contextWindow("llama-3"), std::nullopt);
+  const auto& card = ModelRateCard::builtIn();
+  EXPECT_EQ(card.price("claude-opus-5", {.cacheWriteTokens = million, .oneHourCacheWriteTokens = million}),
+            18.75 + 30.0);
+  EXPECT_EQ(card.price("gpt-5.6-terra", BilledTokens::fromNestedCounts(3 * million, million, million)),
+            2 * 3.0 + 12.0 + 1.5);
+}
+
+TEST(ModelRateCard, anotherCardAddsAndOverridesRows) {
+  const auto card =
+      ModelRateCard::builtIn().with({{" Llama-3", {1, 2, 0, 0, 0}}, {"gpt-4o", {9, 9, 9, 9, 9}}, {" ", {}}});
+  EXPECT_EQ(card.price("meta/llama-3-70b", {.outputTokens = 500'000}), 1.0);
+  EXPECT_EQ(card.price("gpt-4o", {.inputTokens = 1'000'000}), 9.0);
+  EXPECT_EQ(card.find("gpt-4o")->contextWindow, 128'000);
+  EXPECT_EQ(card.rows().size(), 20U);
+  EXPECT_EQ(ModelRateCard::builtIn().price("gpt-4o", {.inputTokens = 1'000'000}), 2.5);
+}
+
+TEST(HookUsage, convertsWhatCountsAndNothingElse) {
+  HookEvent hook{.agent = AgentType::claude, .sessionId = "s", .timestamp = instantFromUnixSeconds(9)};
+  hook.cachedTokens = 50;
+  EXPECT_EQ(toUsageEvent(hook), std::nullopt);
+  hook.model = " GPT-4o";
+  auto usage = toUsageEvent(hook);
+  ASSERT_TRUE(usage);
+  EXPECT_EQ(usage->totalTokens, std::nullopt);
+  EXPECT_EQ(usage->inputTokens, std::nullopt);
+  EXPECT_EQ(usage->modelId, " GPT-4o");
+  EXPECT_EQ(usage->costEstimateUSD, 50 / 1e6 * 1.25);
+  hook.inputTokens = most;
+  hook.reasoningTokens = most;
+  hook.model = std::nullopt;
+  usage = toUsageEvent(hook);
+  ASSERT_TRUE(usage);
+  EXPECT_EQ(usage->totalTokens, most);
+  EXPECT_EQ(usage->costEstimateUSD, std::nullopt);
+  EXPECT_EQ(usage->source, "relay-hook");
+  EXPECT_NE(usage->id, toUsageEvent(hook)->id);
+}
+
+}  // namespace
+}  // namespace vimbrel
