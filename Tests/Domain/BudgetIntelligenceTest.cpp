@@ -3,6 +3,10 @@
 
 #include <gtest/gtest.h>
 
+#include <nlohmann/json.hpp>
+
+#include "Domain/BudgetCodec.h"
+
 namespace vimbrel {
 namespace {
 
@@ -93,6 +97,34 @@ TEST(ProviderBudgetReport, saysInOneLineWhatIsLeft) {
   EXPECT_EQ((Report{.quota = quota(12)}.actionableSummaryLine()), "12% quota left · Low")
       << "a report without an alert";
   EXPECT_EQ((Report{.agentType = AgentType::codex}.id()), "codex_global");
+}
+
+TEST(BudgetCodec, readsBackWhatItWroteAndForgivesOnlyWhatAMetricMayLack) {
+  const auto full = ProviderBudgetReport::make(
+      {.agentType = AgentType::codex,
+       .sessionId = "s",
+       .modelId = "m",
+       .context = context(200, 190),
+       .quota = Quota::known(AccountQuotaBudget::create({40, 60, 300, instantFromUnixSeconds(5e8), "pro"}),
+                             0.5, "q"),
+       .sessionUsage = {.inputTokens = 1, .recordedAt = instantFromUnixSeconds(7)},
+       .cost = CostBudget{1, true},
+       .lastUpdated = instantFromUnixSeconds(9),
+       .source = "codex"});
+  for (const auto dates : {DateCoding::iso8601, DateCoding::referenceSeconds}) {
+    EXPECT_EQ(providerBudgetReportFromJson(toJson(full, dates), dates), full);
+    EXPECT_EQ(providerBudgetReportFromJson(toJson(ProviderBudgetReport{}, dates), dates),
+              ProviderBudgetReport{});
+  }
+  auto metric = toJson(full.context);
+  metric.erase("source");
+  metric["confidence"] = "high";
+  EXPECT_EQ(contextMetricFromJson(metric)->source(), "unknown");
+  EXPECT_EQ(contextMetricFromJson(metric)->confidence(), 1.0);
+  EXPECT_EQ(contextMetricFromJson({{"type", "later"}})->unavailableReason(), "Unavailable");
+  metric.erase("value");
+  EXPECT_FALSE(contextMetricFromJson(metric));
+  EXPECT_FALSE(contextMetricFromJson(nlohmann::json::object()));
 }
 
 }  // namespace
