@@ -60,8 +60,9 @@ class TaskQueue {
                       TimerPrecision precision, std::move_only_function<void()> task) = 0;
 
   /// Runs `ready` whenever the descriptor is readable (or has failed), for as long as the token lives;
-  /// `ready` must read until it would block. The descriptor stays the caller's and must outlive the token.
-  /// Virtual queues have no descriptors: there the watch never fires. Any thread.
+  /// `ready` must read until it would block. A descriptor has one watch at a time, for reading or for
+  /// writing. The descriptor stays the caller's and must outlive the token. Virtual queues have no
+  /// descriptors: there the watch never fires. Any thread.
   virtual Token watchReadable(int descriptor, std::move_only_function<void()> ready) = 0;
 
   /// As `watchReadable`, but once, when the descriptor can be written to.

@@ -1,0 +1,120 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Control/RpcDispatcher.h"
+
+#include <utility>
+
+#include "Control/RpcResult.h"
+#include "Support/StrictJson.h"
+
+namespace vimbrel {
+namespace {
+
+using nlohmann::json;
+
+/// Texts come from file names, arguments and hooks: what is not UTF-8 must not stop the answer.
+std::string dumped(const json& document) {
+  return document.dump(-1, ' ', false, json::error_handler_t::replace);
+}
+
+std::string responseLine(const json& id, const RpcResult& result) {
+  json response{{"jsonrpc", "2.0"}, {"id", id}};
+  if (result) {
+    response["result"] = *result;
+  } else {
+    response["error"] = {{"code", static_cast<int>(result.error().fault)},
+                         {"message", result.error().message}};
+  }
+  return dumped(response);
+}
+
+bool isAllowedId(const json& id) { return id.is_string() || id.is_number() || id.is_null(); }
+
+}  // namespace
+
+RpcReply::RpcReply(Send send) : send_(std::move(send)) {}
+
+RpcReply::RpcReply(RpcReply&& other) noexcept : send_(std::exchange(other.send_, nullptr)) {}
+
+RpcReply::~RpcReply() {
+  if (send_) send_(std::unexpected(RpcError{RpcFault::internalError, "the request was dropped unanswered"}));
+}
+
+void RpcReply::operator()(const RpcResult& result) {
+  if (auto send = std::exchange(send_, nullptr)) send(result);
+}
+
+void RpcDispatcher::add(std::string name, Handler handler) {
+  handlers_[std::move(name)] = [handler = std::move(handler)](const json& params, RpcPeer&, RpcReply reply) {
+    reply(handler(params));
+  };
+}
+
+void RpcDispatcher::addForPeer(std::string name, PeerHandler handler) {
+  handlers_[std::move(name)] = [handler = std::move(handler)](const json& params, RpcPeer& peer,
+                                                              RpcReply reply) {
+    reply(handler(params, peer));
+  };
+}
+
+void RpcDispatcher::addLater(std::string name, LaterHandler handler) {
+  handlers_[std::move(name)] = [handler = std::move(handler)](const json& params, RpcPeer&, RpcReply reply) {
+    handler(params, std::move(reply));
+  };
+}
+
+std::vector<std::string> RpcDispatcher::methodNames() const {
+  std::vector<std::string> names;
+  for (const auto& [name, handler] : handlers_) names.push_back(name);
+  return names;
+}
+
+void RpcDispatcher::handle(std::string_view request, RpcPeer& peer,
+                           std::function<void(std::string line)> answer) const {
+  const auto refuse = [&answer](const json& id, RpcFault fault, std::string message) {
+    answer(responseLine(id, std::unexpected(RpcError{fault, std::move(message)})));
+  };
+  const auto document = parseJson(request);
+  if (!document) return refuse(nullptr, RpcFault::parseError, "not valid JSON");
+  if (document->is_array()) {
+    return refuse(nullptr, RpcFault::invalidRequest, "batches are not supported: send one request a line");
+  }
+  if (!document->is_object()) return refuse(nullptr, RpcFault::invalidRequest, "not a JSON object");
+
+  const auto idMember = document->find("id");
+  const bool isNotification = idMember == document->end();
+  const json id = isNotification ? json(nullptr) : *idMember;
+  if (!isAllowedId(id)) {
+    return refuse(nullptr, RpcFault::invalidRequest, "\"id\" must be a string, a number or null");
+  }
+  const auto version = document->find("jsonrpc");
+  if (version == document->end() || *version != "2.0") {
+    return refuse(id, RpcFault::invalidRequest, "\"jsonrpc\" must be \"2.0\"");
+  }
+  const auto method = document->find("method");
+  if (method == document->end() || !method->is_string()) {
+    return refuse(id, RpcFault::invalidRequest, "\"method\" must be a string");
+  }
+
+  RpcReply reply([isNotification, id, answer = std::move(answer)](const RpcResult& result) {
+    answer(isNotification ? std::string{} : responseLine(id, result));
+  });
+  const auto handler = handlers_.find(method->get_ref<const std::string&>());
+  if (handler == handlers_.end()) {
+    return reply(std::unexpected(
+        RpcError{RpcFault::methodNotFound, "there is no method \"" + method->get<std::string>() + "\""}));
+  }
+  const auto params = document->find("params");
+  const json given = params == document->end() ? json::object() : *params;
+  if (!given.is_object()) {
+    return reply(std::unexpected(RpcError{RpcFault::invalidParams, "\"params\" must be an object"}));
+  }
+  handler->second(given, peer, std::move(reply));
+}
+
+std::string rpcNotificationLine(std::string_view method, const json& params) {
+  return dumped({{"jsonrpc", "2.0"}, {"method", method}, {"params", params}});
+}
+
+std::string rpcErrorLine(const RpcError& error) { return responseLine(nullptr, std::unexpected(error)); }
+
+}  // namespace vimbrel
