@@ -1,0 +1,220 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <gtest/gtest.h>
+#include <sys/prctl.h>
+
+#include <algorithm>
+#include <map>
+#include <optional>
+#include <thread>
+
+#include "ChildProcess.h"
+#include "Platform/Linux/ProcProcessList.h"
+#include "Platform/Linux/PsProcessList.h"
+#include "Support/VirtualTime.h"
+
+namespace vimbrel {
+namespace {
+
+using std::chrono_literals::operator""s;
+using namespace std::string_literals;
+
+struct ListWorld {
+  VirtualTime time{instantFromUnixSeconds(1'800'000'000)};
+  std::shared_ptr<ProcessTable> table = std::make_shared<ProcessTable>(time);
+  ProcProcessList list{table};
+  ProcessEntries last;
+
+  /// One scan, a second after the one before: what is said of the process, if anything.
+  std::optional<std::string> scan(pid_t pid) {
+    time.advance(1s);
+    last = list.readRelevant([](std::string_view command) { return command.contains("sought"); });
+    if (!last) return std::nullopt;
+    const auto found = std::ranges::find(*last, pid, &ProcessEntry::pid);
+    if (found == last->end()) return std::nullopt;
+    return found->command;
+  }
+  void scans(int count) {
+    for (int i = 0; i < count; ++i) (void)scan(0);
+  }
+};
+
+std::map<std::int32_t, std::string> byPid(const ProcessEntries& entries) {
+  std::map<std::int32_t, std::string> result;
+  for (const auto& entry : *entries) result.emplace(entry.pid, entry.command);
+  return result;
+}
+
+/// Compares the processes that were the same before and after the reference was taken.
+void expectSameAsPs(const std::vector<pid_t>& mustCompare) {
+  ::setenv("LC_ALL", "C.UTF-8", 1);
+  ListWorld world;
+  PsProcessList reference;
+  const auto before = world.list.readAll();
+  const auto expected = reference.readAll();
+  const auto after = world.list.readAll();
+  ASSERT_TRUE(before && expected && after);
+  const auto first = byPid(before);
+  const auto second = byPid(after);
+  std::size_t compared = 0;
+  for (const auto& [pid, command] : byPid(expected)) {
+    const auto ours = first.find(pid);
+    if (ours == first.end() || !second.contains(pid) || second.at(pid) != ours->second) continue;
+    EXPECT_EQ(ours->second, command) << pid;
+    ++compared;
+  }
+  EXPECT_GE(compared, mustCompare.size() + 1);
+  EXPECT_TRUE(std::ranges::is_sorted(*before, {}, &ProcessEntry::pid));
+  std::size_t shown = 0;
+  for (const auto pid : mustCompare) {
+    EXPECT_EQ(first.contains(pid), byPid(expected).contains(pid)) << pid << " is shown by only one";
+    shown += first.contains(pid) ? 1 : 0;
+  }
+  EXPECT_EQ(shown, mustCompare.size() - 2) << "two of them show nothing but blanks";
+}
+
+TEST(ProcProcessList, givesTheLinesOfPsForWhateverProgramsShow) {
+  const std::vector<std::string> arguments[] = {
+      {"plain", "--with", "two words"},
+      {"new\nline", "tab\t", "\x01\x1f\x7f", "trailing "},
+      {"  blanks first", "", ""},
+      {" "},
+      {"\n\n"},
+      {"bad \xff bytes", "\xc3\xa9t\xc3\xa9"},
+      {"cut \xe2\x98"},
+      {"cut \xe2\x98!", "\xc3\xa9"},
+      {"surrogate \xed\xa0\x80 \xc3\xa9", "beyond \xf4\x90\x80\x80 overlong \xe0\x80\x80"},
+      {"lone \x80 \xc3\xa9"},
+      {"snow \xe2\x98\x83, wide \xe6\xbc\xa2, combining e\xcc\x81, private \xee\x80\x80, bom \xef\xbb\xbf"},
+      {"nel \xc2\x85 csi \xc2\x9b nbsp \xc2\xa0"},
+      {"separators \xe2\x80\xa8 812 sought \xe2\x80\xa9"},
+      {"long", std::string(100'000, 'x')},
+      {"too long", std::string(90'000, 'y'), std::string(90'000, 'z')},
+      {"gone", "--blank"},
+  };
+  std::vector<ChildProcess> children;
+  for (const auto& some : arguments) children.emplace_back().exec(some);
+  for (const char* name : {"a b", "a)b( (", "[x]", "new\nline", "tab\t\\", "\xff\xc3\xa9", "\xc3\xa9", ""}) {
+    children.emplace_back([name] { ::prctl(PR_SET_NAME, name); }).endUnreaped();
+  }
+  std::vector<pid_t> pids;
+  for (const auto& child : children) pids.push_back(child.pid());
+  expectSameAsPs(pids);
+
+  ListWorld world;
+  EXPECT_EQ(byPid(world.list.readAll()).at(children.back().pid()), "[] <defunct>");
+}
+
+TEST(ProcProcessList, seesAFreshProcessThatExecsWithinTwoScans) {
+  ListWorld world;
+  world.scans(2);
+  ChildProcess child;
+  EXPECT_FALSE(world.scan(child.pid()));
+  child.exec({"sought", "at once"});
+  EXPECT_EQ(world.scan(child.pid()), "sought at once");
+}
+
+TEST(ProcProcessList, seesAnOldProcessThatExecsWithinFifteenSecondsAlsoWhenNothingElseHappens) {
+  ListWorld world;
+  std::vector<ChildProcess> crowd(40);
+  ChildProcess child;
+  world.scans(40);
+  for (const int quietSeconds : {0, 3, 7, 12}) {
+    world.scans(quietSeconds);
+    const auto name = "sought " + std::to_string(quietSeconds);
+    ChildProcess old;
+    world.scans(30);
+    old.exec({name});
+    int seconds = 1;
+    while (world.scan(old.pid()) != name && seconds < 60) ++seconds;
+    EXPECT_LE(seconds, 15);
+  }
+}
+
+TEST(ProcProcessList, forgetsAProcessAtTheNextScanAfterItsEndAndKeepsAZombiesLine) {
+  ListWorld world;
+  ChildProcess child([] { ::prctl(PR_SET_NAME, "sought-name"); });
+  child.exec({"sought"});
+  EXPECT_EQ(world.scan(child.pid()), "sought");
+  const auto pid = child.pid();
+  child.end();
+  EXPECT_EQ(world.scan(pid), std::nullopt);
+
+  // A program's file name is its name, so only one that is sought leaves a zombie that is.
+  const auto link = "/tmp/sought-" + std::to_string(::getpid());
+  ASSERT_EQ(::symlink(PATIENT_PROGRAM, link.c_str()), 0);
+  ChildProcess second;
+  second.exec({"sought"}, link);
+  ::unlink(link.c_str());
+  EXPECT_EQ(world.scan(second.pid()), "sought");
+  second.endUnreaped();
+  const auto zombie = world.scan(second.pid());
+  ASSERT_TRUE(zombie);
+  EXPECT_TRUE(zombie->starts_with("[sought-") && zombie->ends_with("] <defunct>")) << *zombie;
+  const auto gone = second.pid();
+  second.end();
+  EXPECT_EQ(world.scan(gone), std::nullopt);
+}
+
+TEST(ProcProcessList, returnsTheSamePointerWhileNothingRelevantChanges) {
+  ListWorld world;
+  ChildProcess child;
+  child.exec({"sought"});
+  world.scans(1);
+  const auto first = world.last;
+  const ChildProcess irrelevant;
+  world.scans(20);
+  EXPECT_EQ(world.last, first);
+  ChildProcess another;
+  another.exec({"sought too"});
+  world.scans(1);
+  EXPECT_NE(world.last, first);
+  EXPECT_EQ(world.last->size(), 2U);
+}
+
+TEST(ProcProcessList, takesThreadsForNoProcesses) {
+  ListWorld world;
+  world.scans(2);
+  std::atomic<bool> isDone = false;
+  std::atomic<pid_t> thread = 0;
+  std::thread worker([&] {
+    ::prctl(PR_SET_NAME, "sought");
+    thread = ::gettid();
+    thread.notify_one();
+    isDone.wait(false);
+  });
+  thread.wait(0);
+  EXPECT_FALSE(world.scan(thread));
+  const auto all = byPid(world.list.readAll());
+  EXPECT_FALSE(all.contains(thread));
+  isDone = true;
+  isDone.notify_one();
+  worker.join();
+}
+
+TEST(ProcessTable, tellsALateObserverOfEverybodyAndTheFirstOneNothingTwice) {
+  struct Counting final : ProcessTableObserver {
+    std::map<std::int32_t, std::string> processes;
+    void processChanged(std::int32_t pid, std::string_view command, ProcReader::Kind /*kind*/) override {
+      processes[pid] = command;
+    }
+    void processGone(std::int32_t pid) override { processes.erase(pid); }
+  };
+  ListWorld world;
+  ChildProcess child;
+  child.exec({"sought"});
+  EXPECT_TRUE(world.scan(child.pid()));
+  const auto first = world.last;
+  Counting late;
+  world.table->attach(late);
+  const auto pid = child.pid();
+  EXPECT_TRUE(world.scan(pid));
+  EXPECT_EQ(late.processes.at(pid), "sought");
+  EXPECT_EQ(world.last, first);
+  child.end();
+  EXPECT_FALSE(world.scan(pid));
+  EXPECT_FALSE(late.processes.contains(pid));
+  world.table->detach(late);
+}
+
+}  // namespace
+}  // namespace vimbrel
