@@ -1,0 +1,36 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Domain/PolicyConfigurationCodec.h"
+
+#include <nlohmann/json.hpp>
+
+#include "Support/StrictJson.h"
+
+namespace vimbrel {
+
+nlohmann::json toJson(const PolicyConfiguration& configuration) {
+  return {{"masterEnabled", configuration.masterEnabled},
+          {"manualHoldEnabled", configuration.manualHoldEnabled},
+          {"batteryFloorPercent", configuration.batteryFloorPercent},
+          {"batteryHysteresisPercent", configuration.batteryHysteresisPercent},
+          {"onlyOnAC", configuration.onlyOnAC},
+          {"releaseDebounceSeconds", configuration.releaseDebounceSeconds},
+          {"staleSessionTTLSeconds", configuration.staleSessionTTLSeconds},
+          {"deepLidProtectionEnabled", configuration.deepLidProtectionEnabled}};
+}
+
+std::expected<PolicyConfiguration, DecodeError> policyConfigurationFromJson(const nlohmann::json& json) {
+  StrictJsonObject object(json, "policy configuration");
+  PolicyConfiguration configuration;
+  configuration.masterEnabled = object.boolean("masterEnabled");
+  configuration.manualHoldEnabled = object.boolean("manualHoldEnabled");
+  configuration.batteryFloorPercent = object.integer("batteryFloorPercent");
+  configuration.batteryHysteresisPercent = object.integer("batteryHysteresisPercent");
+  configuration.onlyOnAC = object.boolean("onlyOnAC");
+  configuration.releaseDebounceSeconds = object.number("releaseDebounceSeconds");
+  configuration.staleSessionTTLSeconds = object.number("staleSessionTTLSeconds");
+  configuration.deepLidProtectionEnabled = object.boolean("deepLidProtectionEnabled");
+  if (object.error()) return std::unexpected(DecodeError{*object.error()});
+  return configuration;
+}
+
+}  // namespace vimbrel

@@ -1,0 +1,322 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Power/WakePolicyEngine.h"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <limits>
+#include <utility>
+
+#include "Domain/AgentType.h"
+#include "Domain/RawValueTable.h"
+#include "Support/DurationText.h"
+
+namespace vimbrel {
+namespace {
+
+/// The sessions that count as busy.
+struct Activity {
+  std::int64_t count = 0;
+  std::array<bool, allAgentTypes.size()> agents{};
+  Instant lastEventAt{Seconds{-std::numeric_limits<double>::infinity()}};  ///< the youngest event of theirs
+
+  explicit Activity(const PolicyEvaluationContext& context) {
+    const double limit = context.config.staleSessionTTLSeconds;
+    for (const auto& session : context.sessions.entries()) {
+      if (!session->isWorking() || !((context.now - session->lastEventAt).count() <= limit)) continue;
+      ++count;
+      agents[static_cast<std::size_t>(session->agentType)] = true;
+      lastEventAt = std::max(lastEventAt, session->lastEventAt);
+    }
+  }
+
+  [[nodiscard]] std::string reason() const {
+    std::vector<std::string_view> names;
+    for (const auto agent : allAgentTypes) {
+      if (agents[static_cast<std::size_t>(agent)]) names.push_back(displayName(agent));
+    }
+    std::ranges::sort(names);
+    const auto repeated = std::ranges::unique(names);
+    names.erase(repeated.begin(), repeated.end());
+    std::string text;
+    for (const auto name : names) {
+      if (!text.empty()) text += ", ";
+      text += name;
+    }
+    return text + " working";
+  }
+};
+
+/// What a rule may look at. The session table is walked when the first rule asks for it.
+class Inputs {
+ public:
+  explicit Inputs(const PolicyEvaluationContext& context) : context(context), config(context.config) {}
+  const PolicyEvaluationContext& context;
+  const PolicyConfiguration& config;
+
+  [[nodiscard]] const Activity& activity() const {
+    if (!activity_) activity_.emplace(context);
+    return *activity_;
+  }
+  [[nodiscard]] WakeDecision hold(std::string reason, std::int64_t count) const {
+    return WakeDecision::hold(std::move(reason), count, config.deepLidProtectionEnabled);
+  }
+
+ private:
+  mutable std::optional<Activity> activity_;
+};
+
+using Verdict = std::optional<WakeDecision>;
+
+std::string text(std::int64_t number) { return std::to_string(number); }
+std::string_view onOff(bool value) { return value ? "on" : "off"; }
+
+Verdict blockedIf(bool condition, SafetyBlock block) {
+  if (!condition) return std::nullopt;
+  return WakeDecision::blocked(block);
+}
+
+// ---- Master switch
+
+Verdict masterSwitch(const Inputs& in) {
+  return blockedIf(!in.config.masterEnabled, SafetyBlock::masterDisabled);
+}
+
+void explainMasterSwitch(const Inputs& in, PolicyRuleTrace& trace) {
+  trace.saw = "the master switch is " + std::string(onOff(in.config.masterEnabled));
+  trace.wouldChange = in.config.masterEnabled ? "switching masterEnabled off" : "switching masterEnabled on";
+}
+
+// ---- Pause
+
+Verdict pause(const Inputs& in) {
+  const auto& until = in.context.pauseUntil;
+  return blockedIf(until && in.context.now < *until, SafetyBlock::paused);
+}
+
+void explainPause(const Inputs& in, PolicyRuleTrace& trace) {
+  const auto& until = in.context.pauseUntil;
+  if (!until) {
+    trace.saw = "no pause";
+  } else {
+    trace.saw = std::string(trace.says ? "paused until " : "a pause that ended at ") + formatIso8601(*until);
+  }
+  trace.wouldChange = trace.says ? "the end of the pause, or resuming" : "pausing";
+  if (trace.says) trace.changesAt = until;
+}
+
+// ---- Heat
+
+Verdict heat(const Inputs& in) {
+  return blockedIf(in.context.thermalState == SystemThermalState::critical, SafetyBlock::thermalCritical);
+}
+
+void explainHeat(const Inputs& in, PolicyRuleTrace& trace) {
+  trace.saw = "thermal pressure is " + std::string(rawValue(in.context.thermalState));
+  trace.wouldChange = trace.says ? "thermal pressure below critical" : "thermal pressure reaching critical";
+}
+
+// ---- AC only
+
+Verdict acOnly(const Inputs& in) {
+  return blockedIf(in.config.onlyOnAC && !in.context.powerSource.isOnAC, SafetyBlock::acDisconnected);
+}
+
+void explainAcOnly(const Inputs& in, PolicyRuleTrace& trace) {
+  const bool isOnAC = in.context.powerSource.isOnAC;
+  trace.saw = "AC-only mode is " + std::string(onOff(in.config.onlyOnAC)) + ", running from " +
+              (isOnAC ? "AC power" : "the battery");
+  if (trace.says) {
+    trace.wouldChange = "connecting AC power, or switching onlyOnAC off";
+  } else if (in.config.onlyOnAC) {
+    trace.wouldChange = "disconnecting AC power";
+  } else {
+    trace.wouldChange = isOnAC ? "switching onlyOnAC on and disconnecting AC power" : "switching onlyOnAC on";
+  }
+}
+
+// ---- Battery floor
+
+/// Settings keep these sums small; a document may hold anything.
+std::int64_t saturatingSum(std::int64_t left, std::int64_t right) {
+  std::int64_t sum = 0;
+  if (!__builtin_add_overflow(left, right, &sum)) return sum;
+  return right > 0 ? std::numeric_limits<std::int64_t>::max() : std::numeric_limits<std::int64_t>::min();
+}
+
+/// The lowest charge at which protection is allowed on battery.
+std::int64_t lowestAllowedCharge(const Inputs& in) {
+  const bool wasCut = in.context.isCurrentlyBatteryBlocked;
+  return saturatingSum(in.config.batteryFloorPercent, wasCut ? in.config.batteryHysteresisPercent : 1);
+}
+
+Verdict batteryFloor(const Inputs& in) {
+  const auto& power = in.context.powerSource;
+  if (!power.batteryPercent || power.isOnAC || power.isCharging) return std::nullopt;
+  return blockedIf(*power.batteryPercent < lowestAllowedCharge(in), SafetyBlock::batteryBelowFloor);
+}
+
+void explainBatteryFloor(const Inputs& in, PolicyRuleTrace& trace) {
+  const auto& power = in.context.powerSource;
+  trace.saw = power.batteryPercent ? text(*power.batteryPercent) + " %" : "charge unknown";
+  trace.saw += power.isOnAC ? " on AC power" : " on battery";
+  if (power.isCharging) trace.saw += ", charging";
+  trace.saw += ", floor " + text(in.config.batteryFloorPercent) + " %";
+  const auto allowed = text(lowestAllowedCharge(in));
+  if (in.context.isCurrentlyBatteryBlocked) trace.saw += ", cut off until " + allowed + " %";
+  if (trace.says) {
+    trace.wouldChange = "AC power, charging, or a charge of " + allowed + " %";
+  } else if (!power.batteryPercent) {
+    trace.wouldChange = "nothing on a machine whose charge is unknown";
+  } else {
+    trace.wouldChange = "a charge below " + allowed + " % on battery";
+  }
+}
+
+// ---- Manual hold
+
+Verdict manualHold(const Inputs& in) {
+  if (!in.config.manualHoldEnabled) return std::nullopt;
+  return in.hold("Manual hold requested", in.activity().count);
+}
+
+void explainManualHold(const Inputs& in, PolicyRuleTrace& trace) {
+  trace.saw = "manual hold is " + std::string(onOff(in.config.manualHoldEnabled));
+  trace.wouldChange = trace.says ? "switching manual hold off" : "switching manual hold on";
+}
+
+// ---- Agents at work
+
+Verdict agentsAtWork(const Inputs& in) {
+  if (in.activity().count == 0) return std::nullopt;
+  return in.hold(in.activity().reason(), in.activity().count);
+}
+
+void explainAgentsAtWork(const Inputs& in, PolicyRuleTrace& trace) {
+  const auto total = static_cast<std::int64_t>(in.context.sessions.size());
+  trace.saw = text(in.activity().count) + " of " + text(total) + (total == 1 ? " session" : " sessions") +
+              " at work and heard of within " + formatDuration(Seconds{in.config.staleSessionTTLSeconds});
+  if (trace.says) {
+    trace.wouldChange = "every agent stopping, or silence of them all until the time limit";
+    trace.changesAt = in.activity().lastEventAt + Seconds{in.config.staleSessionTTLSeconds};
+  } else {
+    trace.wouldChange = "an agent starting to work";
+  }
+}
+
+// ---- Release debounce
+
+/// Up to the next whole number, and within its type whatever a document asked for.
+std::int64_t wholeSecondsUp(double seconds) {
+  constexpr double limit = 9.2e18;
+  return seconds < limit ? static_cast<std::int64_t>(std::ceil(seconds))
+                         : std::numeric_limits<std::int64_t>::max();
+}
+
+Verdict releaseDebounce(const Inputs& in) {
+  const auto& stoppedAt = in.context.lastActiveAgentStoppedAt;
+  if (!stoppedAt || in.activity().count != 0) return std::nullopt;
+  const double elapsed = (in.context.now - *stoppedAt).count();
+  const double debounce = in.config.releaseDebounceSeconds;
+  if (!(elapsed >= 0 && elapsed < debounce)) return std::nullopt;
+  return in.hold("Release debounce (" + text(wholeSecondsUp(debounce - elapsed)) + "s)", 0);
+}
+
+void explainReleaseDebounce(const Inputs& in, PolicyRuleTrace& trace) {
+  const auto& stoppedAt = in.context.lastActiveAgentStoppedAt;
+  const Seconds debounce{in.config.releaseDebounceSeconds};
+  if (in.activity().count != 0) {
+    trace.saw = "agents are at work";
+    trace.wouldChange = "every agent stopping";
+    return;
+  }
+  if (!stoppedAt) {
+    trace.saw = "no agent has stopped yet";
+    trace.wouldChange = "an agent that works and then stops";
+    return;
+  }
+  const auto elapsed = in.context.now - *stoppedAt;
+  trace.saw = "the last agent " +
+              (elapsed < Seconds{0} ? std::string("stops in the future")
+                                    : "stopped " + formatDuration(elapsed) + " ago") +
+              ", release delay " + formatDuration(debounce);
+  trace.wouldChange = trace.says ? "the end of the delay" : "an agent that works and then stops";
+  if (trace.says) trace.changesAt = *stoppedAt + debounce;
+  if (elapsed < Seconds{0} && debounce > Seconds{0}) trace.changesAt = *stoppedAt;
+}
+
+// ---- No reason to hold
+
+Verdict noReasonToHold(const Inputs& /*in*/) { return WakeDecision::release("No active agent sessions"); }
+
+void explainNoReasonToHold(const Inputs& /*in*/, PolicyRuleTrace& trace) {
+  trace.saw = "nothing else";
+  trace.wouldChange = "any rule above";
+}
+
+/// A rule's verdict, and its account. The account is given the trace with `says` filled in.
+struct Rule {
+  PolicyRule value;
+  std::string_view raw;
+  std::string_view label;
+  Verdict (*decide)(const Inputs&);
+  void (*explain)(const Inputs&, PolicyRuleTrace&);
+};
+
+constexpr std::array<Rule, 9> rules{{
+    {PolicyRule::masterSwitch, "masterSwitch", "Master switch", masterSwitch, explainMasterSwitch},
+    {PolicyRule::pause, "pause", "Pause", pause, explainPause},
+    {PolicyRule::heat, "heat", "Heat", heat, explainHeat},
+    {PolicyRule::acOnly, "acOnly", "AC only", acOnly, explainAcOnly},
+    {PolicyRule::batteryFloor, "batteryFloor", "Battery floor", batteryFloor, explainBatteryFloor},
+    {PolicyRule::manualHold, "manualHold", "Manual hold", manualHold, explainManualHold},
+    {PolicyRule::agentsAtWork, "agentsAtWork", "Agents at work", agentsAtWork, explainAgentsAtWork},
+    {PolicyRule::releaseDebounce, "releaseDebounce", "Release delay", releaseDebounce,
+     explainReleaseDebounce},
+    {PolicyRule::noReasonToHold, "noReasonToHold", "Otherwise", noReasonToHold, explainNoReasonToHold},
+}};
+static_assert(rowsFollowDeclaration(rules));
+
+}  // namespace
+
+std::string_view rawValue(PolicyRule rule) { return rowOf(rules, rule).raw; }
+std::string_view displayLabel(PolicyRule rule) { return rowOf(rules, rule).label; }
+
+std::string_view rawValue(PolicyRuleOutcome outcome) {
+  switch (outcome) {
+    case PolicyRuleOutcome::passed:
+      return "passed";
+    case PolicyRuleOutcome::decided:
+      return "decided";
+    case PolicyRuleOutcome::overruled:
+      break;
+  }
+  return "overruled";
+}
+
+WakeDecision WakePolicyEngine::evaluate(const PolicyEvaluationContext& context) const {
+  const Inputs inputs(context);
+  for (const auto& rule : rules) {
+    if (auto verdict = rule.decide(inputs)) return *std::move(verdict);
+  }
+  std::unreachable();  // the last rule always applies
+}
+
+PolicyExplanation WakePolicyEngine::explain(const PolicyEvaluationContext& context) const {
+  const Inputs inputs(context);
+  std::optional<WakeDecision> decision;
+  std::vector<PolicyRuleTrace> traces;
+  for (const auto& rule : rules) {
+    auto& trace = traces.emplace_back();
+    trace.rule = rule.value;
+    trace.says = rule.decide(inputs);
+    if (trace.says) {
+      trace.outcome = decision ? PolicyRuleOutcome::overruled : PolicyRuleOutcome::decided;
+      if (!decision) decision = trace.says;
+    }
+    rule.explain(inputs, trace);
+  }
+  return {*std::move(decision), std::move(traces)};
+}
+
+}  // namespace vimbrel
