@@ -2,9 +2,9 @@
 #pragma once
 
 #include <functional>
+#include <memory>
 #include <string>
 
-#include "Support/Fd.h"
 #include "Support/TaskQueue.h"
 
 namespace vimbrel {
@@ -14,17 +14,20 @@ namespace vimbrel {
 /// watched as well.
 class FileWatch {
  public:
-  FileWatch() = default;
+  FileWatch();
+  FileWatch(FileWatch&&) noexcept;
+  FileWatch& operator=(FileWatch&&) noexcept;
+  ~FileWatch();
 
   /// Calls `changed` on `queue` after changes, several at once perhaps, until the object is destroyed or
-  /// assigned. Gives an inactive watch when the directory cannot be watched. `queue` must outlive it.
+  /// assigned. Gives an inactive watch when the directory cannot be watched.
   static FileWatch start(const std::string& path, TaskQueue& queue, std::function<void()> changed);
 
-  [[nodiscard]] bool isActive() const { return static_cast<bool>(descriptor_); }
+  [[nodiscard]] bool isActive() const { return state_ != nullptr; }
 
  private:
-  Fd descriptor_;
-  Token token_;  // declared last: the watch ends before its descriptor is closed
+  struct State;
+  std::unique_ptr<State> state_;
 };
 
 }  // namespace vimbrel

@@ -97,7 +97,7 @@ class AppCoordinator final : public AgentStateCoordinatorDelegate,
 
   const CoordinatorParts parts_;
   const Clock& clock_;
-  const WakePolicyEngine policyEngine_;
+  const WakePolicyEngine policyEngine_{};
   const Logger logger_{"coordinator"};
 
   Published<WakeDecision> currentDecision_{WakeDecision::release("Initializing")};

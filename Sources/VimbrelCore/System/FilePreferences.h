@@ -5,12 +5,14 @@
 #include <memory>
 #include <mutex>
 #include <nlohmann/json_fwd.hpp>
+#include <span>
 #include <string>
 #include <vector>
 
 #include "Support/FileWatch.h"
 #include "Support/Log.h"
 #include "System/Preferences.h"
+#include "System/SettingDescriptions.h"
 
 namespace vimbrel {
 
@@ -22,14 +24,8 @@ namespace vimbrel {
 /// name. Each thing that cannot be used is logged once for as long as it stands.
 class FilePreferences final : public Preferences {
  public:
-  struct Key {
-    std::string name;
-    PreferenceType type;
-    std::string defaultText;  ///< for the warning about a value that cannot be used
-  };
-
-  /// Reads the file, which need not exist. `knownKeys` are those whose values are checked.
-  FilePreferences(std::string path, std::vector<Key> knownKeys);
+  /// Reads the file, which need not exist. `settings` are those whose values are checked; they must last.
+  FilePreferences(std::string path, std::span<const SettingDescription> settings);
   ~FilePreferences() override;
 
   /// Follows edits of the file: reads it again on `queue` when it changes.
@@ -47,10 +43,11 @@ class FilePreferences final : public Preferences {
   /// True when the values in force may have changed. Under the lock.
   bool readFileLocked();
   void noteWarningsLocked(std::vector<std::string> warnings);
+  [[nodiscard]] std::expected<void, PreferencesError> storeLocked(std::span<const Change> changes);
   [[nodiscard]] std::expected<void, PreferencesError> keepAsideLocked(const std::string& path);
 
   const std::string path_;
-  const std::vector<Key> knownKeys_;
+  const std::span<const SettingDescription> settings_;
   const Logger logger_{"settings"};
   mutable std::mutex lock_;
   std::unique_ptr<Document> document_;

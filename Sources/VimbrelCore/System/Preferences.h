@@ -24,6 +24,10 @@ using PreferenceValue = std::variant<std::monostate, bool, std::int64_t, double,
 
 enum class PreferenceType : std::uint8_t { boolean, integer, number, date };
 
+/// The value as the given type: a whole number reads as a number, and a number without a fraction as a whole
+/// number; nothing else converts, which gives `std::monostate`.
+[[nodiscard]] PreferenceValue convertPreference(const PreferenceValue& value, PreferenceType type);
+
 /// Why preferences could not be written: a sentence for people.
 struct PreferencesError {
   std::string text;
@@ -36,8 +40,7 @@ class Preferences {
   using Change = std::pair<std::string_view, PreferenceValue>;
 
   virtual ~Preferences() = default;
-  /// The stored value, if there is one that converts to the type: a whole number reads as a number, and a
-  /// number without a fraction as a whole number; nothing else converts.
+  /// The stored value, if there is one that converts to the type (see `convertPreference`).
   [[nodiscard]] virtual PreferenceValue value(std::string_view key, PreferenceType type) const = 0;
   /// Stores all of the values or, on failure, none; `std::monostate` removes its key.
   [[nodiscard]] virtual std::expected<void, PreferencesError> store(std::span<const Change> changes) = 0;
