@@ -7,7 +7,7 @@
 
 namespace vimbrel {
 
-nlohmann::json toJson(const PolicyConfiguration& configuration) {
+nlohmann::ordered_json toJson(const PolicyConfiguration& configuration) {
   return {{"masterEnabled", configuration.masterEnabled},
           {"manualHoldEnabled", configuration.manualHoldEnabled},
           {"batteryFloorPercent", configuration.batteryFloorPercent},

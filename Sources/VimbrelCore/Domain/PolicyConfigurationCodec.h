@@ -10,7 +10,7 @@
 namespace vimbrel {
 
 /// An object with the field names as keys; all of them are required.
-[[nodiscard]] nlohmann::json toJson(const PolicyConfiguration& configuration);
+[[nodiscard]] nlohmann::ordered_json toJson(const PolicyConfiguration& configuration);
 [[nodiscard]] std::expected<PolicyConfiguration, DecodeError> policyConfigurationFromJson(
     const nlohmann::json& json);
 

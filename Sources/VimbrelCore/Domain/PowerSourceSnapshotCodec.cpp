@@ -7,11 +7,12 @@
 
 namespace vimbrel {
 
-nlohmann::json toJson(const PowerSourceSnapshot& snapshot) {
-  nlohmann::json json{{"isCharging", snapshot.isCharging},
-                      {"isOnAC", snapshot.isOnAC},
-                      {"isLowPowerMode", snapshot.isLowPowerMode}};
+nlohmann::ordered_json toJson(const PowerSourceSnapshot& snapshot) {
+  nlohmann::ordered_json json;
   if (snapshot.batteryPercent) json["batteryPercent"] = *snapshot.batteryPercent;
+  json["isCharging"] = snapshot.isCharging;
+  json["isOnAC"] = snapshot.isOnAC;
+  json["isLowPowerMode"] = snapshot.isLowPowerMode;
   if (snapshot.timeRemainingMinutes) json["timeRemainingMinutes"] = *snapshot.timeRemainingMinutes;
   return json;
 }

@@ -10,7 +10,7 @@
 namespace vimbrel {
 
 /// An object with the field names as keys; absent fields are left out.
-[[nodiscard]] nlohmann::json toJson(const PowerSourceSnapshot& snapshot);
+[[nodiscard]] nlohmann::ordered_json toJson(const PowerSourceSnapshot& snapshot);
 [[nodiscard]] std::expected<PowerSourceSnapshot, DecodeError> powerSourceSnapshotFromJson(
     const nlohmann::json& json);
 

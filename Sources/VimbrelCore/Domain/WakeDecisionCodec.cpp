@@ -7,7 +7,7 @@
 
 namespace vimbrel {
 
-nlohmann::json toJson(const WakeDecision& decision) {
+nlohmann::ordered_json toJson(const WakeDecision& decision) {
   if (const auto* hold = decision.asHold()) {
     return {{"hold",
              {{"reason", hold->reason},

@@ -11,7 +11,7 @@ namespace vimbrel {
 
 /// {"hold":{"reason":"…","activeAgentCount":2,"requiresDeepHold":false}}, {"release":{"reason":"…"}} or
 /// {"blocked":{"block":"Protection paused"}}.
-[[nodiscard]] nlohmann::json toJson(const WakeDecision& decision);
+[[nodiscard]] nlohmann::ordered_json toJson(const WakeDecision& decision);
 [[nodiscard]] std::expected<WakeDecision, DecodeError> wakeDecisionFromJson(const nlohmann::json& json);
 
 }  // namespace vimbrel
