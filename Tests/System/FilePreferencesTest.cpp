@@ -1,0 +1,194 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "System/FilePreferences.h"
+
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+
+#include "CapturedLog.h"
+#include "Support/AtomicFile.h"
+#include "Support/EventLoop.h"
+#include "System/SettingsStore.h"
+#include "TemporaryDirectory.h"
+
+namespace vimbrel {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::Test;
+
+class SettingsFile : public Test {
+ protected:
+  void write(const std::string& text) { std::ofstream(path) << text; }
+  [[nodiscard]] std::string contents() const { return readFile(path).value_or("(none)"); }
+  std::shared_ptr<FilePreferences> open() {
+    return std::make_shared<FilePreferences>(path, settingDescriptions());
+  }
+
+  TemporaryDirectory directory;
+  const std::string path = directory.file("settings.json");
+  const SystemClock clock;
+  CapturedLog log;
+};
+
+TEST_F(SettingsFile, fallsBackKeyByKeyWithOneWarningEach) {
+  const std::vector<std::tuple<std::string, std::string, std::string>> cases{
+      {"masterEnabled", R"("off")", "true or false; using true"},
+      {"masterEnabled", "0", "true or false; using true"},
+      {"releaseDelaySeconds", R"("soon")", "a number; using 30.0"},
+      {"batteryFloorPercent", "20.5", "a whole number; using 15"},
+      {"batteryFloorPercent", "99999999999999999999", "a whole number; using 15"},
+      {"batteryFloorPercent", "{\"deep\":[1,2]}", "a whole number; using 15"},
+      {"pauseUntil", R"("tomorrow")", "a time such as \"2026-01-31T10:00:00Z\"; using null"},
+      {"pauseUntil", "1800000000", "a time such as \"2026-01-31T10:00:00Z\"; using null"},
+  };
+  for (const auto& [key, value, warning] : cases) {
+    const auto text = "{\"" + key + "\": " + value + ", \"onlyOnAC\": true, \"unknown\": 7}";
+    write(text);
+    const auto preferences = open();
+    const SettingsStore settings(preferences, clock);
+    EXPECT_EQ(settings.value(key), findSetting(key)->defaultValue) << text;
+    EXPECT_TRUE(settings.onlyOnAC()) << "its neighbours count all the same: " << text;
+    ASSERT_EQ(settings.warnings().size(), 1U) << text;
+    EXPECT_TRUE(settings.warnings()[0].ends_with(warning)) << settings.warnings()[0];
+    preferences->reload();
+    EXPECT_EQ(log.take(), std::vector{"error settings: " + settings.warnings()[0]});
+    EXPECT_EQ(contents(), text) << "a read must not write";
+  }
+}
+
+TEST_F(SettingsFile, keepsUnknownKeysAndOrderWhenItWrites) {
+  write(R"({"zebra": [1, {"a": null}], "onlyOnAC": false, "masterEnabled": true, "note": "für mich"})");
+  SettingsStore settings(open(), clock);
+  ASSERT_TRUE(settings.setOnlyOnAC(true));
+  ASSERT_TRUE(settings.setPauseUntil(instantFromUnixSeconds(1'800'000'000.5)));
+  EXPECT_EQ(contents(), R"({
+  "zebra": [
+    1,
+    {
+      "a": null
+    }
+  ],
+  "onlyOnAC": true,
+  "masterEnabled": true,
+  "note": "für mich",
+  "pauseUntil": "2027-01-15T08:00:00.500Z"
+}
+)");
+  EXPECT_EQ(SettingsStore(open(), clock).pauseUntil(), instantFromUnixSeconds(1'800'000'000.5));
+  ASSERT_TRUE(settings.resume());
+  EXPECT_EQ(contents().find("pauseUntil"), std::string::npos);
+}
+
+TEST_F(SettingsFile, keepsWhatItCannotReadAsideBeforeTheFirstWrite) {
+  const std::vector<std::string> hostile{"",
+                                         "not json",
+                                         "[1,2]",
+                                         "{\"masterEnabled\": false",
+                                         "{\"onlyOnAC\": 1e999}",
+                                         std::string("\xff\xfe\0", 3),
+                                         std::string(200'000, '['),
+                                         "{\"a\":" + std::string(5000, '[') + std::string(5000, ']') + "}"};
+  for (std::size_t i = 0; i < hostile.size(); ++i) {
+    write(hostile[i]);
+    SettingsStore settings(open(), clock);
+    EXPECT_TRUE(settings.masterEnabled());
+    EXPECT_EQ(settings.warnings().size(), 1U);
+    EXPECT_EQ(contents(), hostile[i]);
+    ASSERT_TRUE(settings.setOnlyOnAC(true));
+    EXPECT_EQ(contents(), "{\n  \"onlyOnAC\": true\n}\n");
+    EXPECT_EQ(readFile(path + ".unreadable-" + std::to_string(i + 1)), hostile[i]);
+    EXPECT_TRUE(settings.warnings().empty());
+  }
+}
+
+TEST_F(SettingsFile, keepsItsValuesThroughAnUnfinishedEdit) {
+  write(R"({"batteryFloorPercent": 40})");
+  const auto preferences = open();
+  const SettingsStore settings(preferences, clock);
+  write(R"({"batteryFloorPercent": )");
+  preferences->reload();
+  EXPECT_EQ(settings.batteryFloorPercent(), 40);
+  write(R"({"batteryFloorPercent": 25})");
+  preferences->reload();
+  EXPECT_EQ(settings.batteryFloorPercent(), 25);
+  EXPECT_TRUE(settings.warnings().empty());
+  fs::remove(path);
+  preferences->reload();
+  EXPECT_EQ(settings.batteryFloorPercent(), 15);
+}
+
+TEST_F(SettingsFile, losesNoEditThatItHasNotNoticedYet) {
+  write(R"({"batteryFloorPercent": 40})");
+  SettingsStore settings(open(), clock);
+  int announced = 0;
+  const auto token = settings.objectWillChange().subscribe([&] { ++announced; });
+  write(R"({"batteryFloorPercent": 25})");
+  ASSERT_TRUE(settings.setOnlyOnAC(true));
+  EXPECT_EQ(settings.batteryFloorPercent(), 25);
+  EXPECT_EQ(announced, 2) << "one for the edit, one for the write";
+}
+
+TEST_F(SettingsFile, saysWhyAWriteFailedAndStaysAsItWas) {
+  write(R"({"batteryFloorPercent": 40})");
+  SettingsStore settings(open(), clock);
+  int announced = 0;
+  const auto token = settings.objectWillChange().subscribe([&] { ++announced; });
+
+  // Files of no length stand in for a full disk.
+  struct rlimit old{};
+  ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &old), 0);
+  const auto previous = std::signal(SIGXFSZ, SIG_IGN);
+  const rlimit none{0, old.rlim_max};
+  ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &none), 0);
+  const auto full = settings.setBatteryFloorPercent(20);
+  const auto reset = settings.resetToDefaults();
+  ::setrlimit(RLIMIT_FSIZE, &old);
+  std::signal(SIGXFSZ, previous);
+
+  ASSERT_FALSE(full);
+  EXPECT_EQ(full.error().text, "cannot write " + path + ": File too large");
+  EXPECT_FALSE(reset);
+  EXPECT_EQ(settings.batteryFloorPercent(), 40);
+  EXPECT_EQ(contents(), R"({"batteryFloorPercent": 40})");
+  EXPECT_EQ(announced, 0);
+  EXPECT_EQ(std::distance(fs::directory_iterator(directory.path()), {}), 1) << "nothing is left behind";
+
+  // A directory that cannot be: a file stands in its place.
+  SettingsStore elsewhere(std::make_shared<FilePreferences>(path + "/settings.json", settingDescriptions()),
+                          clock);
+  EXPECT_TRUE(elsewhere.masterEnabled());
+  EXPECT_FALSE(elsewhere.setMasterEnabled(false));
+  EXPECT_TRUE(elsewhere.masterEnabled());
+  EXPECT_FALSE(settings.setReleaseDelaySeconds(std::numeric_limits<double>::infinity()));
+}
+
+TEST_F(SettingsFile, isReplacedWhereALinkPointsTo) {
+  fs::create_directory(directory.file("dotfiles"));
+  std::ofstream(directory.file("dotfiles/settings.json")) << "{}";
+  fs::create_symlink("dotfiles/settings.json", path);
+  SettingsStore settings(open(), clock);
+  ASSERT_TRUE(settings.setOnlyOnAC(true));
+  EXPECT_TRUE(fs::is_symlink(path));
+  EXPECT_EQ(readFile(directory.file("dotfiles/settings.json")), "{\n  \"onlyOnAC\": true\n}\n");
+}
+
+TEST_F(SettingsFile, followsEditsWhileTheLoopRuns) {
+  const auto deep = directory.file("new/Vimbrel/settings.json");
+  const auto preferences = std::make_shared<FilePreferences>(deep, settingDescriptions());
+  EventLoop loop;
+  preferences->watch(*loop.mainQueue());
+  SettingsStore settings(preferences, clock);
+  const auto token = settings.objectWillChange().subscribe([&] { loop.stop(); });
+  auto guard = loop.mainQueue()->after(std::chrono::seconds(20), [&] { loop.stop(); });
+  ASSERT_TRUE(replaceFile(deep, R"({"batteryFloorPercent": 33})"));
+  loop.run();
+  EXPECT_EQ(settings.batteryFloorPercent(), 33);
+}
+
+}  // namespace
+}  // namespace vimbrel
