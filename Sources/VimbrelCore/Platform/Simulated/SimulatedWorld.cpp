@@ -2,11 +2,11 @@
 #include "Platform/Simulated/SimulatedWorld.h"
 
 #include <algorithm>
-#include <charconv>
 #include <initializer_list>
 #include <limits>
 #include <nlohmann/json.hpp>
 
+#include "Platform/ProcessLine.h"
 #include "Support/StrictJson.h"
 
 namespace vimbrel {
@@ -62,24 +62,10 @@ void readApplication(const json& value, Reading& reading) {
   reading.document.world.applications.push_back(std::move(application));
 }
 
-/// "  812 /usr/local/bin/codex exec fix tests"
-std::optional<ProcessEntry> processFromLine(std::string_view line) {
-  const auto start = line.find_first_not_of(" \t");
-  if (start == std::string_view::npos) return std::nullopt;
-  line.remove_prefix(start);
-  ProcessEntry entry;
-  const auto [end, fault] = std::from_chars(line.data(), line.data() + line.size(), entry.pid);
-  line.remove_prefix(static_cast<std::size_t>(end - line.data()));
-  const auto command = line.find_first_not_of(' ');
-  if (fault != std::errc{} || command == std::string_view::npos || command == 0) return std::nullopt;
-  entry.command = line.substr(command);
-  return entry;
-}
-
 void readProcess(const json& value, Reading& reading) {
   if (!value.is_string()) return reading.fail("world: \"processes\" holds something that is not a string");
   const auto& line = value.get_ref<const std::string&>();
-  auto entry = processFromLine(line);
+  auto entry = parseProcessLine(line);
   if (!entry)
     return reading.fail("world: \"" + line.substr(0, 60) + "\" is no process line (\"PID COMMAND\")");
   reading.document.world.processes.push_back(*std::move(entry));
