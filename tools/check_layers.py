@@ -25,7 +25,7 @@ BELOW = {
 # Headers that may be seen by one file only, which keeps the library behind it replaceable.
 CONFINED = {
     "asio.hpp": ["Support/EventLoop.cpp"],
-    "spdlog/": ["Support/Log.cpp"],
+    "spdlog/": ["Support/SystemLog.cpp"],
 }
 INCLUDE = re.compile(r'^\s*#\s*include\s+[<"]([^>"]+)[>"]', re.MULTILINE)
 

@@ -39,6 +39,9 @@ using Sink = std::function<void(LogLevel, std::string_view subsystem, std::strin
 /// Replaces the sink for the whole process; an empty sink restores the initial one. Returns the one before.
 Sink setSink(Sink sink);
 
+/// Drops messages below this level unformatted.
+void setThreshold(LogLevel lowest);
+
 /// Sends messages to the journal when standard error is connected to it, else to a file `name`.log in the
 /// given directory, which is rotated at 1 MiB with two old files kept. Messages below `threshold` are dropped
 /// unformatted.

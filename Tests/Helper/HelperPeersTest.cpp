@@ -1,0 +1,163 @@
+// SPDX-License-Identifier: Apache-2.0
+// What peers may do to the real helper process.
+#include <grp.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+
+#include <chrono>
+#include <functional>
+#include <random>
+
+#include "DeepHold/DeepHoldProtocolCodec.h"
+#include "DeepHold/HelperExchange.h"
+#include "HelperProcess.h"
+#include "Support/AtomicFile.h"
+
+namespace vimbrel {
+namespace {
+
+HelperResponse ask(const HelperProcess& helper, const HelperRequest& request) {
+  const auto response = exchangeWithHelper(helper.socketPath(), request);
+  EXPECT_TRUE(response) << "the helper did not answer within a second";
+  return response.value_or(HelperResponse{});
+}
+
+bool isHeld(const HelperProcess& helper) {
+  return ask(helper, {}).status.value_or(DeepSleepStatus{}).currentSystemSleepDisabled;
+}
+
+/// Sends the bytes as they are and returns what comes back, "" when the connection just ends.
+std::string exchangeBytes(const HelperProcess& helper, const std::string& bytes) {
+  const auto socket = connectToUnixSocket(helper.socketPath(), 5000);
+  if (!socket) return "no connection";
+  (void)::send(socket->get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
+  ::shutdown(socket->get(), SHUT_WR);
+  std::string answer(maximumHelperMessageBytes, '\0');
+  answer.resize(
+      static_cast<std::size_t>(std::max<ssize_t>(0, ::recv(socket->get(), answer.data(), answer.size(), 0))));
+  return answer;
+}
+
+TEST(HelperPeers, holdRenewAndReleaseAndATerminatedHelperRestores) {
+  HelperProcess helper({"--user", "--simulate"});
+  EXPECT_FALSE(isHeld(helper));
+  EXPECT_TRUE(ask(helper, {HelperCommand::acquire, "A", 60}).ok);
+  EXPECT_TRUE(ask(helper, {HelperCommand::renew, "A", 60}).ok);
+  EXPECT_TRUE(isHeld(helper));
+  EXPECT_EQ(ask(helper, {HelperCommand::release, "B", std::nullopt}).error, "another lease is active");
+  EXPECT_EQ(helper.end(SIGTERM), 0);
+  EXPECT_EQ(readFile(helper.stateFile()).value(), R"({"isHolding":false,"originalSleepDisabled":false})");
+  struct stat status{};
+  EXPECT_NE(::stat(helper.socketPath().c_str(), &status), 0) << "the socket is removed";
+}
+
+TEST(HelperPeers, sendGarbageAndAreToldSo) {
+  HelperProcess helper({"--user", "--simulate"});
+  ASSERT_TRUE(ask(helper, {HelperCommand::acquire, "A", 60}).ok);
+  const std::string nested(4000, '{');
+  for (const auto& bytes : {std::string("x"), std::string("\0\0\0", 3), std::string("[1]"),
+                            std::string("{\"command\":\"acquire\"}"), std::string("{\"command\":7}"),
+                            std::string("{\"command\":\"release\",\"leaseId\":\"\xff\xfe\"}"), nested,
+                            std::string("{\"command\":\"acquire\",\"leaseId\":\"B\",\"ttlSeconds\":1e400}"),
+                            "{\"command\":\"status\",\"leaseId\":\"" + std::string(9000, 'a') + "\"}"}) {
+    const auto response = decodeHelperResponse(exchangeBytes(helper, bytes));
+    ASSERT_TRUE(response) << bytes.substr(0, 40);
+    EXPECT_FALSE(response->ok);
+    EXPECT_FALSE(response->error.value_or("").empty());
+  }
+  EXPECT_EQ(exchangeBytes(helper, "{\"command\":"), "") << "half a request has no answer";
+  std::mt19937 random(7);
+  for (int round = 0; round < 200; ++round) {
+    std::string bytes(random() % 600, '\0');
+    for (auto& byte : bytes) byte = static_cast<char>(random());
+    (void)exchangeBytes(helper, (round % 2 == 0 ? "{" : "") + bytes);
+  }
+  EXPECT_TRUE(isHeld(helper)) << "nothing of this touched the lease";
+}
+
+TEST(HelperPeers, nameLeasesWithEveryKindOfByte) {
+  HelperProcess helper({"--user", "--simulate"});
+  for (int byte = 0; byte < 128; ++byte) {
+    const std::string id = "a" + std::string(1, static_cast<char>(byte)) + "b\u20ac\U0001F4A4";
+    ASSERT_TRUE(ask(helper, {HelperCommand::acquire, id, 60}).ok) << byte;
+    EXPECT_EQ(ask(helper, {}).status.value().activeLeaseId, id);
+    EXPECT_TRUE(ask(helper, {HelperCommand::release, id, std::nullopt}).ok);
+  }
+  // The worst that fits: every byte of the id takes six in the answer.
+  ASSERT_TRUE(ask(helper, {HelperCommand::acquire, std::string(256, '\1'), 60}).ok);
+  EXPECT_EQ(ask(helper, {}).status.value().activeLeaseId, std::string(256, '\1'));
+}
+
+TEST(HelperPeers, delayNobodyByTheHundredOrWithoutEnd) {
+  HelperProcess helper({"--user", "--simulate"});
+  std::vector<Fd> halfOpen;
+  for (int i = 0; i < 300; ++i) {
+    auto socket = connectToUnixSocket(helper.socketPath(), 1000);
+    ASSERT_TRUE(socket);
+    (void)::send(socket->get(), "{\"comm", i % 7, MSG_NOSIGNAL);
+    halfOpen.push_back(std::move(*socket));
+    if (i % 30 != 0) continue;
+    EXPECT_TRUE(ask(helper, {HelperCommand::acquire, "A", 60}).ok);
+  }
+  EXPECT_TRUE(isHeld(helper));
+
+  auto greedy = connectToUnixSocket(helper.socketPath(), 1000);
+  ASSERT_TRUE(greedy);
+  const std::string piece(65536, ' ');
+  std::size_t taken = 0;
+  for (ssize_t sent = 1; sent > 0 && taken < (1U << 30U);) {
+    sent = ::send(greedy->get(), piece.data(), piece.size(), MSG_NOSIGNAL);
+    taken += static_cast<std::size_t>(std::max<ssize_t>(sent, 0));
+  }
+  EXPECT_LT(taken, 1U << 20U) << "the helper hung up long before a gigabyte";
+  EXPECT_TRUE(isHeld(helper));
+  EXPECT_TRUE(ask(helper, {HelperCommand::release, "A", std::nullopt}).ok);
+  EXPECT_EQ(helper.end(SIGTERM), 0);
+}
+
+/// Runs `body` in a process of another user without any of our groups; its result becomes the exit status.
+int asUser(uid_t user, gid_t group, const std::function<int()>& body) {
+  const pid_t child = ::fork();
+  if (child == 0) {
+    if (::setgroups(0, nullptr) != 0 || ::setgid(group) != 0 || ::setuid(user) != 0) ::_exit(99);
+    ::_exit(body());
+  }
+  int status = 0;
+  ::waitpid(child, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 98;
+}
+
+TEST(HelperPeers, ofAnotherUserAreRefusedUnlessTheirGroupOwnsTheSocket) {
+  if (::geteuid() != 0) GTEST_SKIP() << "only root can act as a second user";
+  constexpr uid_t stranger = 65534;
+  constexpr gid_t strangersGroup = 65534;
+  constexpr gid_t helpersGroup = 60001;
+  const auto acquiring = [](const HelperProcess& helper) {
+    return [&helper] {
+      const auto response = exchangeWithHelper(helper.socketPath(), {HelperCommand::acquire, "A", 60});
+      return !response ? 2 : response->ok ? 0 : response->error.value_or("").empty() ? 3 : 1;
+    };
+  };
+  HelperProcess own({"--user", "--simulate"});
+  ::chmod(own.directory.path().c_str(), 0755);
+  EXPECT_EQ(asUser(stranger, strangersGroup, acquiring(own)), 2) << "the file's mode keeps strangers out";
+  ::chmod(own.socketPath().c_str(), 0666);
+  EXPECT_EQ(asUser(stranger, strangersGroup, acquiring(own)), 1);
+  EXPECT_EQ(asUser(0, 0, acquiring(own)), 0);
+
+  // Without polkit, because there is no bus.
+  HelperProcess system({"--simulate"});
+  ::chmod(system.directory.path().c_str(), 0755);
+  EXPECT_EQ(asUser(stranger, strangersGroup, acquiring(system)), 1);
+  // A directory that hands its group down gives the socket that group.
+  HelperProcess grouped({"--simulate"}, [](const std::string& directory) {
+    EXPECT_EQ(::chown(directory.c_str(), 0, helpersGroup), 0);
+    ::chmod(directory.c_str(), 02755);
+  });
+  EXPECT_EQ(asUser(stranger, helpersGroup, acquiring(grouped)), 0);
+  EXPECT_EQ(asUser(stranger, strangersGroup, acquiring(grouped)), 1);
+}
+
+}  // namespace
+}  // namespace vimbrel

@@ -1,0 +1,66 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <poll.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "Support/UnixSocket.h"
+#include "TemporaryDirectory.h"
+
+namespace vimbrel {
+
+/// The real helper as a process of its own, on a socket in a temporary directory, ended with the object.
+class HelperProcess {
+ public:
+  /// `prepare` is given the directory before the start.
+  explicit HelperProcess(std::vector<std::string> arguments,
+                         const std::function<void(const std::string&)>& prepare = nullptr) {
+    if (prepare) prepare(directory.path());
+    arguments.insert(arguments.begin(), {VIMBREL_HELPER, "--socket", socketPath(), "--state", stateFile()});
+    pid_ = ::fork();
+    if (pid_ == 0) {
+      ::setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent", 1);  // never the machine's own bus
+      std::vector<char*> argv;
+      for (auto& argument : arguments) argv.push_back(argument.data());
+      argv.push_back(nullptr);
+      ::freopen(directory.file("log").c_str(), "w", stderr);
+      ::execv(argv[0], argv.data());
+      ::_exit(127);
+    }
+    for (int i = 0; i < 2000 && !isUnixSocketServed(socketPath()) && isRunning(); ++i) ::poll(nullptr, 0, 5);
+  }
+  ~HelperProcess() { end(SIGKILL); }
+  HelperProcess(const HelperProcess&) = delete;
+  HelperProcess& operator=(const HelperProcess&) = delete;
+
+  [[nodiscard]] std::string socketPath() const { return directory.file("s"); }
+  [[nodiscard]] std::string stateFile() const { return directory.file("state.json"); }
+  [[nodiscard]] bool isRunning() {
+    if (pid_ > 0 && ::waitpid(pid_, &status_, WNOHANG) == pid_) pid_ = -1;
+    return pid_ > 0;
+  }
+  /// Sends the signal and waits; returns the exit status, or minus the signal that ended the process.
+  int end(int signalNumber) {
+    if (isRunning()) {
+      ::kill(pid_, signalNumber);
+      ::waitpid(pid_, &status_, 0);
+      pid_ = -1;
+    }
+    return WIFEXITED(status_) ? WEXITSTATUS(status_) : -WTERMSIG(status_);
+  }
+
+  TemporaryDirectory directory;
+
+ private:
+  pid_t pid_ = -1;
+  int status_ = 0;
+};
+
+}  // namespace vimbrel

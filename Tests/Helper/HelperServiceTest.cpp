@@ -1,0 +1,182 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "HelperService.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <limits>
+
+#include "DeepHold/LeaseStoreWorld.h"
+#include "Support/VirtualTime.h"
+#include "TemporaryDirectory.h"
+
+namespace vimbrel {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr uid_t someUser = 1000;
+
+/// A helper's service in virtual time; `restart` is what follows a kill.
+struct World {
+  World() { restart(); }
+  void restart() {
+    if (service) power->disabled = false;  // The kernel gave the inhibitor of the killed process back.
+    service = std::make_unique<HelperService>(
+        HelperServiceParts{power, [] { return std::string("not today"); }, stateFile, time.mainQueue(),
+                           [this] { uninstalled = true; }},
+        time);
+    service->start();
+  }
+  HelperResponse ask(HelperCommand command, std::optional<std::string> id = std::nullopt,
+                     std::optional<double> ttl = std::nullopt, uid_t peer = someUser) {
+    return service->answer({command, std::move(id), ttl}, peer);
+  }
+  bool acquire(const std::string& id, double ttl) { return ask(HelperCommand::acquire, id, ttl).ok; }
+
+  TemporaryDirectory directory;
+  std::string stateFile = directory.file("state.json");
+  LogCapture log;
+  VirtualTime time{instantFromReferenceSeconds(1000)};
+  std::shared_ptr<RecordingPower> power = std::make_shared<RecordingPower>();
+  std::unique_ptr<HelperService> service;
+  bool uninstalled = false;
+};
+
+TEST(HelperService, letsGoAtTheVeryExpiry) {
+  World world;
+  ASSERT_TRUE(world.acquire("A", 7));
+  world.time.advance(6999ms);
+  EXPECT_TRUE(world.power->disabled);
+  world.time.advance(2ms);
+  EXPECT_FALSE(world.power->disabled);
+}
+
+TEST(HelperService, countsARenewalFromWhenItCame) {
+  World world;
+  ASSERT_TRUE(world.acquire("A", 7));
+  world.time.advance(6s);
+  EXPECT_TRUE(world.ask(HelperCommand::renew, "A", 7).ok);
+  world.time.advance(6s);
+  EXPECT_TRUE(world.power->disabled);
+  world.time.advance(2s);
+  EXPECT_FALSE(world.power->disabled);
+  EXPECT_EQ(world.ask(HelperCommand::renew, "A", 7).error, "there is no lease to renew");
+}
+
+TEST(HelperService, letsGoInTimeAlthoughTheClockWasSetBack) {
+  World world;
+  ASSERT_TRUE(world.acquire("A", 60));
+  world.time.jumpWallClock(Seconds{-86400});
+  world.time.advance(59s);
+  EXPECT_TRUE(world.power->disabled);
+  world.time.advance(6s);
+  EXPECT_FALSE(world.power->disabled);
+  // Set forward, the lease is over by the wall clock; the watchdog sees that within its five seconds.
+  ASSERT_TRUE(world.acquire("A", 60));
+  world.time.jumpWallClock(Seconds{86400});
+  world.time.advance(6s);
+  EXPECT_FALSE(world.power->disabled);
+}
+
+TEST(HelperService, refusesWhatCannotBeALease) {
+  World world;
+  const struct {
+    std::optional<std::string> id;
+    std::optional<double> ttl;
+    const char* why;
+  } cases[] = {
+      {std::nullopt, 60, "\"leaseId\" is missing"},
+      {"A", std::nullopt, "\"ttlSeconds\" is missing"},
+      {"A", 0, "\"ttlSeconds\" is not positive"},
+      {"A", -1e300, "\"ttlSeconds\" is not positive"},
+      {"A", 3600.001, "\"ttlSeconds\" is above one hour"},
+      {"A", std::numeric_limits<double>::quiet_NaN(), "\"ttlSeconds\" is not a finite number"},
+      {"A", std::numeric_limits<double>::infinity(), "\"ttlSeconds\" is not a finite number"},
+      {std::string(257, 'x'), 60, "\"leaseId\" is longer than 256 bytes"},
+  };
+  for (const auto& item : cases) {
+    EXPECT_EQ(world.ask(HelperCommand::acquire, item.id, item.ttl).error, item.why);
+    EXPECT_FALSE(world.ask(HelperCommand::renew, item.id, item.ttl).ok);
+  }
+  EXPECT_TRUE(world.power->writes.empty());
+  EXPECT_TRUE(world.acquire("", 3600)) << "ids are opaque";
+}
+
+TEST(HelperService, takesUpOnlyWhatASavedStateCanMean) {
+  const struct {
+    const char* state;
+    bool held;
+    const char* logged;  // the front of an expected line, or nothing
+  } cases[] = {
+      {R"({"isHolding":true,"activeLeaseId":"A","expiresAt":1030,"originalSleepDisabled":false})", true,
+       "info Took the deep hold up again"},
+      {R"({"isHolding":true,"activeLeaseId":"A","expiresAt":999,"originalSleepDisabled":false})", false,
+       "error Lease expired at"},
+      {R"({"isHolding":true,"activeLeaseId":"A","expiresAt":9999,"originalSleepDisabled":false})", false,
+       "error Letting go of the saved state: a lease of more than an hour"},
+      {R"({"isHolding":true,"activeLeaseId":"A","expiresAt":1030,"originalSleepDisabled":true})", false,
+       "error Letting go of the saved state: a setting from before"},
+      {R"({"isHolding":true,"activeLeaseId":"A","originalSleepDisabled":false})", false,
+       "error Letting go of the saved state: a lease without"},
+      {R"({"isHolding":false,"originalSleepDisabled":true})", false, nullptr},
+      {R"({"isHolding":true,"acti)", false, "error Starting without a lease: "},
+      {"", false, "error Starting without a lease: "},
+      {R"({"version":3,"windows":[]})", false, "error Starting without a lease: "},
+  };
+  for (const auto& item : cases) {
+    World world;
+    world.log.lines.clear();
+    ASSERT_TRUE(replaceFile(world.stateFile, item.state));
+    world.restart();
+    EXPECT_EQ(world.power->disabled, item.held) << item.state;
+    bool logged = item.logged == nullptr && world.log.lines.empty();
+    for (const auto& line : world.log.lines)
+      logged |= item.logged != nullptr && line.starts_with(item.logged);
+    EXPECT_TRUE(logged) << item.state;
+    world.time.advance(31s);
+    EXPECT_FALSE(world.power->disabled) << item.state;
+  }
+}
+
+TEST(HelperService, saysThatItsStateCannotBeKept) {
+  World world;
+  world.stateFile = "/dev/null/state.json";
+  world.restart();
+  EXPECT_TRUE(world.log.lines.at(1).starts_with("error A lease will not survive a restart of the helper"));
+  EXPECT_TRUE(world.acquire("A", 60));
+  world.service->stop();
+  EXPECT_FALSE(world.power->disabled);
+}
+
+TEST(HelperService, saysWhyItCannotHoldAndGoesOnTryingForAsLongAsTheLease) {
+  World world;
+  world.power->works = false;
+  EXPECT_EQ(world.ask(HelperCommand::acquire, "A", 60).error,
+            "the system does not let the helper disable sleep: not today");
+  world.power->works = true;
+  world.time.advance(6s);
+  EXPECT_TRUE(world.power->disabled) << "the service behind the setting came back";
+  world.power->disabled = false;
+  world.time.advance(5s);
+  EXPECT_TRUE(world.power->disabled) << "it lost the inhibitor";
+  EXPECT_TRUE(world.ask(HelperCommand::release, "A").ok);
+  world.time.advance(3600s);
+  EXPECT_FALSE(world.power->disabled);
+}
+
+TEST(HelperService, isRemovedByRootAlone) {
+  World world;
+  world.acquire("A", 60);
+  EXPECT_FALSE(world.ask(HelperCommand::uninstall).ok);
+  world.time.runReady();
+  EXPECT_FALSE(world.uninstalled);
+  EXPECT_TRUE(world.ask(HelperCommand::uninstall, std::nullopt, std::nullopt, 0).ok);
+  world.time.runReady();
+  EXPECT_TRUE(world.uninstalled);
+  EXPECT_FALSE(world.power->disabled);
+  EXPECT_FALSE(std::filesystem::exists(world.stateFile));
+}
+
+}  // namespace
+}  // namespace vimbrel
