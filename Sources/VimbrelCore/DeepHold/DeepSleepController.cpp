@@ -4,32 +4,26 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
-#include <cstdio>
 #include <mutex>
-#include <random>
 #include <utility>
 
 #include "DeepHold/HelperSocketPath.h"
 #include "Support/Log.h"
+#include "Support/Uuid.h"
 
 namespace vimbrel {
 namespace {
 
-/// A random (version 4) UUID in upper case.
+/// A random UUID in its canonical form, which is upper case where this protocol comes from.
 std::string makeLeaseId() {
-  std::random_device random;
-  std::array<unsigned, 4> words{random(), random(), random(), random()};
-  words[1] = (words[1] & 0xFFFF0FFFU) | 0x00004000U;
-  words[2] = (words[2] & 0x3FFFFFFFU) | 0x80000000U;
-  char text[37];
-  std::snprintf(text, sizeof text, "%08X-%04X-%04X-%04X-%04X%08X", words[0], words[1] >> 16U,
-                words[1] & 0xFFFFU, words[2] >> 16U, words[2] & 0xFFFFU, words[3]);
-  return text;
+  auto id = randomUuid();
+  for (auto& character : id) {
+    if (character >= 'a' && character <= 'f') character = static_cast<char>(character - 'a' + 'A');
+  }
+  return id;
 }
 
 }  // namespace
-
 struct DeepSleepController::State {
   std::string socketPath;
   HelperExchange exchange;
