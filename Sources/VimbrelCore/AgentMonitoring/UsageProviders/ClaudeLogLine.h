@@ -1,0 +1,49 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "Domain/ModelRateCard.h"
+#include "Domain/UsageEvent.h"
+#include "Support/Instant.h"
+
+namespace vimbrel {
+
+/// Which times of a log are believed. The live reading dates a record by its own time only when that is
+/// written in whole seconds, and by the time of reading otherwise; the reading of history believes every
+/// record.
+enum class LogTimes : std::uint8_t { wholeSecondsOnly, all };
+
+/// One line of a Claude Code log that carries usage.
+struct ClaudeLogRecord {
+  UsageEvent event;
+  std::int64_t contextWindow = 0;        ///< tokens
+  std::optional<std::string> directory;  ///< where the agent worked
+};
+
+/// Reads lines of Claude Code's conversation logs. Not for several threads at once.
+class ClaudeLogParser {
+ public:
+  ClaudeLogParser();
+  ~ClaudeLogParser();
+
+  enum class Outcome : std::uint8_t { noJson, noUsage, usage };
+
+  /// `line` needs 64 readable bytes behind it. `fileName` without its extension is the session of a line that
+  /// names none; `number` is the line's number from the start of its file.
+  Outcome parse(std::string_view line, std::uint64_t number, std::string_view fileName, Instant now,
+                LogTimes times, const ModelRateCard& card, ClaudeLogRecord& record);
+
+  /// False for lines that cannot carry usage, without parsing them: most of a log.
+  [[nodiscard]] static bool mayCarryUsage(std::string_view line);
+
+ private:
+  struct State;
+  std::unique_ptr<State> state_;
+};
+
+}  // namespace vimbrel

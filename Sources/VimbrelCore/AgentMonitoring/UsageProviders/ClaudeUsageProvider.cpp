@@ -1,0 +1,124 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "AgentMonitoring/UsageProviders/ClaudeUsageProvider.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace vimbrel {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr std::size_t filesRead = 5;
+
+std::vector<std::string> projectsBelow(const std::vector<std::string>& roots) {
+  std::vector<std::string> directories;
+  for (const auto& root : roots) directories.push_back(root + "/projects");
+  return directories;
+}
+
+std::string stemOf(const std::string& path) {
+  const auto name = path.substr(path.rfind('/') + 1);
+  return name.substr(0, name.rfind('.'));
+}
+
+}  // namespace
+
+std::vector<std::string> claudeRoots(const std::string& home, const std::string& configuration,
+                                     const std::string& configDirectories) {
+  std::vector<std::string> roots;
+  const auto add = [&](std::string root) {
+    while (root.size() > 1 && root.ends_with('/')) root.pop_back();
+    if (root.starts_with('/') && std::find(roots.begin(), roots.end(), root) == roots.end()) {
+      roots.push_back(std::move(root));
+    }
+  };
+  for (std::size_t start = 0; start < configDirectories.size();) {
+    const auto comma = std::min(configDirectories.find(',', start), configDirectories.size());
+    add(configDirectories.substr(start, comma - start));
+    start = comma + 1;
+  }
+  add(home + "/.claude");
+  add(configuration + "/claude");
+  return roots;
+}
+
+ClaudeUsageProvider::ClaudeUsageProvider(const std::vector<std::string>& roots,
+                                         std::shared_ptr<TaskQueue> queue, const Clock& clock,
+                                         const ModelRateCard& card, const TreeChangesFactory& changes)
+    : PollingUsageProvider(AgentType::claude, std::move(queue), 3000ms, clock, Logger("usage.claude"),
+                           "ClaudeUsageProvider active on " + projectsBelow(roots).front()),
+      card_(card),
+      files_(
+          projectsBelow(roots), [](std::string_view name) { return name.ends_with(".jsonl"); }, changes,
+          clock) {}
+
+std::vector<UsageEvent> ClaudeUsageProvider::readSource() {
+  std::vector<UsageEvent> events;
+  if (!files_.refresh()) return events;
+  bool reported = false;  // The newest file that says something tells of the latest turn.
+  for (const auto& path : files_.newest(filesRead)) {
+    const auto latest = parseFile(path, fileOffsets_[path], &events);
+    if (latest && !std::exchange(reported, true)) setReport(reportOf(*latest));
+  }
+  return events;
+}
+
+void ClaudeUsageProvider::findReport() {
+  files_.refresh();
+  for (const auto& path : files_.newest(1)) {
+    JsonLinesPosition fromStart;
+    if (const auto latest = parseFile(path, fromStart, nullptr)) setReport(reportOf(*latest));
+  }
+}
+
+std::optional<ClaudeLogRecord> ClaudeUsageProvider::parseFile(const std::string& path,
+                                                              JsonLinesPosition& position,
+                                                              std::vector<UsageEvent>* events) {
+  const auto session = stemOf(path);
+  const auto now = clock().now();
+  std::optional<ClaudeLogRecord> latest;
+  JsonLinesReader reader;
+  reader.read(path, position, [&](const JsonLinesReader::Line& line) {
+    if (line.isTerminated && !ClaudeLogParser::mayCarryUsage(line.text)) return true;
+    ClaudeLogRecord record;
+    const auto outcome =
+        parser_.parse(line.text, line.number, session, now, LogTimes::wholeSecondsOnly, card_, record);
+    if (outcome == ClaudeLogParser::Outcome::usage) {
+      if (events != nullptr) events->push_back(record.event);
+      latest = std::move(record);
+    }
+    return outcome != ClaudeLogParser::Outcome::noJson;
+  });
+  return latest;
+}
+
+ProviderBudgetReport ClaudeUsageProvider::reportOf(const ClaudeLogRecord& record) const {
+  const auto& event = record.event;
+  const auto now = clock().now();
+  std::optional<CostBudget> cost;
+  if (event.costEstimateUSD) cost = CostBudget{std::max(*event.costEstimateUSD, 0.0), true};
+  return ProviderBudgetReport::make({
+      .agentType = AgentType::claude,
+      .sessionId = event.sessionId,
+      .modelId = event.modelId,
+      .context = BudgetMetric<ContextBudget>::known(
+          ContextBudget::create(record.contextWindow, event.totalTokens.value_or(0)), 1.0,
+          "claude-project-log"),
+      .quota = BudgetMetric<AccountQuotaBudget>::unavailable("Quota unavailable"),
+      .sessionUsage = UsageMetrics{.inputTokens = event.inputTokens,
+                                   .outputTokens = event.outputTokens,
+                                   .cachedTokens = event.cachedTokens,
+                                   .cacheWriteTokens = event.cacheWriteTokens,
+                                   .reasoningTokens = event.reasoningTokens,
+                                   .totalTokens = event.totalTokens,
+                                   .contextWindow = record.contextWindow,
+                                   .sessionCostEstimateUSD = std::nullopt,
+                                   .recordedAt = now},
+      .cost = cost,
+      .lastUpdated = now,
+      .source = "claude",
+  });
+}
+
+}  // namespace vimbrel

@@ -1,0 +1,66 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "AgentMonitoring/UsageProviders/OpenCodeUsageProvider.h"
+
+#include <algorithm>
+
+namespace vimbrel {
+
+using namespace std::chrono_literals;
+
+OpenCodeUsageProvider::OpenCodeUsageProvider(std::string databasePath, std::shared_ptr<TaskQueue> queue,
+                                             const Clock& clock, const ModelRateCard& card)
+    : PollingUsageProvider(AgentType::opencode, std::move(queue), 3000ms, clock, Logger("usage.opencode"),
+                           "OpenCodeUsageProvider active on " + databasePath),
+      database_(std::move(databasePath)),
+      parser_(card) {}
+
+std::vector<UsageEvent> OpenCodeUsageProvider::readSource() {
+  std::vector<UsageEvent> events;
+  // Taken before the reading: what is written meanwhile shows at the next poll.
+  const auto version = database_.version();
+  if (!version || version == lastRead_) return events;
+  const auto now = clock().now();
+  const bool complete = database_.newestMessages([&](const OpenCodeRow& row) {
+    const auto usage = parser_.parse(row, now);
+    if (!usage) return;
+    considerReport(*usage);
+    const auto total = usage->event.totalTokens.value_or(0);
+    const auto [known, isNew] = knownMessageIds_.try_emplace(std::string(row.id), total);
+    if (!isNew && known->second >= total) return;
+    known->second = total;
+    events.push_back(usage->event);
+  });
+  if (complete) lastRead_ = version;
+  return events;
+}
+
+void OpenCodeUsageProvider::findReport() { pollLatestEvents(); }
+
+void OpenCodeUsageProvider::considerReport(const OpenCodeUsage& usage) {
+  const auto& event = usage.event;
+  if (report() && event.timestamp < report()->lastUpdated) return;
+  std::optional<CostBudget> cost;
+  if (event.costEstimateUSD) cost = CostBudget{std::max(*event.costEstimateUSD, 0.0), usage.isCostEstimated};
+  setReport(ProviderBudgetReport::make({
+      .agentType = AgentType::opencode,
+      .sessionId = event.sessionId,
+      .modelId = event.modelId,
+      .context = BudgetMetric<ContextBudget>::known(
+          ContextBudget::create(usage.contextWindow, event.totalTokens.value_or(0)), 1.0, "opencode-db"),
+      .quota = BudgetMetric<AccountQuotaBudget>::unavailable("Quota unavailable"),
+      .sessionUsage = UsageMetrics{.inputTokens = event.inputTokens,
+                                   .outputTokens = event.outputTokens,
+                                   .cachedTokens = event.cachedTokens,
+                                   .cacheWriteTokens = event.cacheWriteTokens,
+                                   .reasoningTokens = event.reasoningTokens,
+                                   .totalTokens = event.totalTokens,
+                                   .contextWindow = usage.contextWindow,
+                                   .sessionCostEstimateUSD = std::nullopt,
+                                   .recordedAt = clock().now()},
+      .cost = cost,
+      .lastUpdated = event.timestamp,
+      .source = "opencode-db",
+  }));
+}
+
+}  // namespace vimbrel
