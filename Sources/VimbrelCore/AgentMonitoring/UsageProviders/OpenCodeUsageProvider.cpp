@@ -20,6 +20,9 @@ std::vector<UsageEvent> OpenCodeUsageProvider::readSource() {
   const auto version = database_.version();
   if (!version || version == lastRead_) return events;
   const auto now = clock().now();
+  // Only the newest messages are asked for; the old ones may be delivered again, as after a restart.
+  constexpr std::size_t mostKnown = 10000;
+  if (knownMessageIds_.size() > mostKnown) knownMessageIds_.clear();
   const bool complete = database_.newestMessages([&](const OpenCodeRow& row) {
     const auto usage = parser_.parse(row, now);
     if (!usage) return;
