@@ -3,10 +3,8 @@
 
 #include <cstdint>
 #include <functional>
-#include <map>
 #include <memory>
 #include <string>
-#include <utility>
 
 #include "Platform/NotificationCenter.h"
 #include "Platform/SoundPlayer.h"
