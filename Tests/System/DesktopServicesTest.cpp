@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <gtest/gtest.h>
 
-#include "CapturedLog.h"
 #include "Support/VirtualTime.h"
 #include "System/GlobalShortcutController.h"
 #include "System/LaunchAtLoginController.h"
