@@ -1,0 +1,27 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "AgentMonitoring/Adapters/AgentAdapter.h"
+
+namespace vimbrel {
+
+/// Gemini CLI: lifecycle hooks in its settings.
+class GeminiAdapter final : public AgentAdapter {
+ public:
+  explicit GeminiAdapter(AgentEnvironment environment) : environment_(std::move(environment)) {}
+  [[nodiscard]] AgentType agentType() const override { return AgentType::gemini; }
+  [[nodiscard]] IntegrationType integrationType() const override { return IntegrationType::lifecycleHook; }
+  [[nodiscard]] std::optional<std::string> targetConfigPath() const override {
+    return "~/.gemini/settings.json";
+  }
+  [[nodiscard]] IntegrationStatus detect() const override;
+  [[nodiscard]] std::optional<std::string> manualSetupSnippet(
+      std::string_view relayBinaryPath) const override;
+  [[nodiscard]] std::optional<std::string> manualSetupInstructions() const override;
+  [[nodiscard]] std::optional<CurrentSetup> currentSetup(std::string_view relayBinaryPath) const override;
+
+ private:
+  AgentEnvironment environment_;
+};
+
+}  // namespace vimbrel

@@ -1,0 +1,84 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "AgentMonitoring/AgentRegistry.h"
+
+#include <cstdlib>
+#include <thread>
+#include <utility>
+
+#include "AgentMonitoring/Adapters/ClaudeCodeAdapter.h"
+#include "AgentMonitoring/Adapters/CodexAdapter.h"
+#include "AgentMonitoring/Adapters/GeminiAdapter.h"
+#include "AgentMonitoring/Adapters/OpenCodeAdapter.h"
+#include "AgentMonitoring/Adapters/ProcessAdapters.h"
+#include "Support/Directories.h"
+
+namespace vimbrel {
+
+AgentEnvironment AgentEnvironment::fromProcess(std::shared_ptr<RunningApplications> runningApplications) {
+  AgentEnvironment environment;
+  environment.home = directories::home();
+  if (const char* path = std::getenv("PATH")) environment.path = path;
+  environment.configurationHome = directories::configuration();
+  environment.dataHome = directories::applicationSupport();
+  environment.applicationDirectories.push_back(environment.dataHome + "/applications");
+  const char* variable = std::getenv("XDG_DATA_DIRS");
+  std::string_view rest = variable != nullptr && *variable != '\0' ? variable : "/usr/local/share:/usr/share";
+  while (!rest.empty()) {
+    const auto colon = rest.find(':');
+    if (colon != 0)
+      environment.applicationDirectories.push_back(std::string(rest.substr(0, colon)) + "/applications");
+    rest.remove_prefix(colon == std::string_view::npos ? rest.size() : colon + 1);
+  }
+  for (const auto* exported :
+       {"/var/lib/flatpak/exports/share/applications", "/var/lib/snapd/desktop/applications"}) {
+    environment.applicationDirectories.emplace_back(exported);
+  }
+  environment.runningApplications = std::move(runningApplications);
+  return environment;
+}
+
+AgentRegistry::AgentRegistry(AgentEnvironment environment) : environment_(std::move(environment)) {
+  registerDefaultAdapters();
+}
+
+void AgentRegistry::registerDefaultAdapters() {
+  const std::lock_guard guard(lock_);
+  adapters_[AgentType::claude] = std::make_shared<ClaudeCodeAdapter>(environment_);
+  adapters_[AgentType::codex] = std::make_shared<CodexAdapter>(environment_);
+  adapters_[AgentType::gemini] = std::make_shared<GeminiAdapter>(environment_);
+  adapters_[AgentType::opencode] = std::make_shared<OpenCodeAdapter>(environment_);
+  adapters_[AgentType::antigravity] = std::make_shared<AntigravityAdapter>(environment_);
+  adapters_[AgentType::cursor] = std::make_shared<CursorAdapter>(environment_);
+  adapters_[AgentType::windsurf] = std::make_shared<WindsurfAdapter>(environment_);
+  adapters_[AgentType::aider] = std::make_shared<AiderAdapter>(environment_);
+}
+
+std::shared_ptr<const AgentAdapter> AgentRegistry::adapter(AgentType agent) const {
+  const std::lock_guard guard(lock_);
+  const auto found = adapters_.find(agent);
+  return found == adapters_.end() ? nullptr : found->second;
+}
+
+std::vector<std::shared_ptr<const AgentAdapter>> AgentRegistry::allAdapters() const {
+  const std::lock_guard guard(lock_);
+  std::vector<std::shared_ptr<const AgentAdapter>> adapters;
+  for (const auto& [agent, adapter] : adapters_) adapters.push_back(adapter);
+  return adapters;
+}
+
+std::map<AgentType, IntegrationStatus> AgentRegistry::detectAll() const {
+  const auto adapters = allAdapters();
+  std::vector<IntegrationStatus> statuses(adapters.size());
+  {
+    std::vector<std::jthread> detections;
+    for (std::size_t i = 0; i < adapters.size(); ++i) {
+      detections.emplace_back([&statuses, &adapters, i] { statuses[i] = adapters[i]->detect(); });
+    }
+  }
+  std::map<AgentType, IntegrationStatus> result;
+  for (std::size_t i = 0; i < adapters.size(); ++i)
+    result.emplace(adapters[i]->agentType(), std::move(statuses[i]));
+  return result;
+}
+
+}  // namespace vimbrel
