@@ -1,0 +1,35 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "AgentMonitoring/Adapters/HookCommand.h"
+
+#include <algorithm>
+
+namespace vimbrel {
+
+std::string shellWord(std::string_view text) {
+  const auto isPlain = [](char c) {
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+           std::string_view("_-./+,:@%").find(c) != std::string_view::npos;
+  };
+  if (!text.empty() && std::all_of(text.begin(), text.end(), isPlain)) return std::string(text);
+  std::string word = "'";
+  for (const char c : text) {
+    if (c == '\'') {
+      word += "'\\''";
+    } else {
+      word += c;
+    }
+  }
+  return word + "'";
+}
+
+HookCommand::HookCommand(std::string_view relayPath, AgentType agent, std::string_view sessionKey)
+    : beginning_(shellWord(relayPath) + " --agent " + std::string(rawValue(agent)) + " --state "),
+      ending_(" --pid $PPID") {
+  if (!sessionKey.empty()) ending_ += " --session-key " + std::string(sessionKey);
+}
+
+std::string HookCommand::reporting(AgentState state) const {
+  return beginning_ + std::string(rawValue(state)) + ending_;
+}
+
+}  // namespace vimbrel
