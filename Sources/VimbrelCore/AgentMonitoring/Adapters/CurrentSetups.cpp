@@ -49,7 +49,7 @@ std::optional<CurrentSetup> ClaudeCodeAdapter::currentSetup(std::string_view rel
   hooks["Stop"] = Json::array({nested(hook(AgentState::idle))});
   hooks["SessionEnd"] = Json::array({nested(hook(AgentState::completed))});
   const std::string path = "~/.claude/settings.json";
-  return CurrentSetup{path, written(Json{{"hooks", hooks}}), "json", "Claude Code 2 and later",
+  return CurrentSetup{path, written(Json{{"hooks", hooks}}), "json", "Claude Code as of autumn 2026",
                       mergeInstructions(path, "3. Save the file and start Claude Code anew.")};
 }
 
@@ -70,7 +70,7 @@ std::optional<CurrentSetup> CodexAdapter::currentSetup(std::string_view relayBin
   const std::string path = "~/.codex/hooks.json";
   return CurrentSetup{
       path, written(Json{{"hooks", hooks}}), "json",
-      "Codex CLI versions that read hooks.json; older ones have only the notify setting",
+      "Codex CLI as of autumn 2026; older versions have only the notify setting",
       mergeInstructions(path,
                         "3. Start Codex and trust the hooks once with the command /hooks.\n"
                         "4. Codex trusts the text as it is: after every change of this file it leaves "
@@ -95,7 +95,7 @@ std::optional<CurrentSetup> GeminiAdapter::currentSetup(std::string_view relayBi
   hooks["AfterAgent"] = hook(AgentState::idle);
   hooks["SessionEnd"] = hook(AgentState::completed);
   const std::string path = "~/.gemini/settings.json";
-  return CurrentSetup{path, written(Json{{"hooks", hooks}}), "json", "Gemini CLI versions with hooks",
+  return CurrentSetup{path, written(Json{{"hooks", hooks}}), "json", "Gemini CLI as of autumn 2026",
                       mergeInstructions(path, "3. Save the file and start Gemini CLI anew.")};
 }
 
@@ -149,7 +149,7 @@ export const Vimbrel = async ({ $ }) => {
 };
 )js";
   const std::string path = "~/.config/opencode/plugins/vimbrel.js";
-  return CurrentSetup{path, snippet, "javascript", "OpenCode 1.0 and later",
+  return CurrentSetup{path, snippet, "javascript", "OpenCode as of autumn 2026",
                       "1. Create the plugin directory if it does not exist:\n"
                       "   mkdir -p ~/.config/opencode/plugins\n"
                       "2. Save this text as " +
@@ -168,7 +168,7 @@ std::optional<CurrentSetup> CursorAdapter::currentSetup(std::string_view relayBi
   hooks["sessionEnd"] = hook(AgentState::completed);
   const std::string path = "~/.cursor/hooks.json";
   return CurrentSetup{
-      path, written(Json{{"version", 1}, {"hooks", hooks}}), "json", "Cursor versions with hooks",
+      path, written(Json{{"version", 1}, {"hooks", hooks}}), "json", "Cursor as of autumn 2026",
       mergeInstructions(path,
                         "3. Keep the names of the events as they are: one that Cursor does not know "
                         "makes it leave out the whole file.")};
@@ -184,7 +184,7 @@ std::optional<CurrentSetup> WindsurfAdapter::currentSetup(std::string_view relay
   hooks["post_run_command"] = hook(AgentState::working);
   hooks["post_cascade_response"] = hook(AgentState::idle);
   const std::string path = "~/.codeium/windsurf/hooks.json";
-  return CurrentSetup{path, written(Json{{"hooks", hooks}}), "json", "Windsurf versions with Cascade hooks",
+  return CurrentSetup{path, written(Json{{"hooks", hooks}}), "json", "Windsurf as of autumn 2026",
                       mergeInstructions(path, "3. Save the file and start Windsurf anew.")};
 }
 
@@ -198,7 +198,7 @@ std::optional<CurrentSetup> AntigravityAdapter::currentSetup(std::string_view re
   hooks["Stop"] = hook(AgentState::idle);
   const std::string path = "~/.gemini/config/hooks.json";
   return CurrentSetup{
-      path, written(Json{{"vimbrel", hooks}}), "json", "Antigravity versions with hooks",
+      path, written(Json{{"vimbrel", hooks}}), "json", "Antigravity as of autumn 2026",
       mergeInstructions(path,
                         "3. Check the file with a JSON tool: Antigravity leaves out a file with any "
                         "error, without a word.")};
@@ -210,7 +210,7 @@ std::optional<CurrentSetup> AiderAdapter::currentSetup(std::string_view relayBin
       Json(relay.reporting(AgentState::waiting)).dump(-1, ' ', false, Json::error_handler_t::replace);
   const std::string path = "~/.aider.conf.yml";
   return CurrentSetup{
-      path, "notifications: true\nnotifications-command: " + command + "\n", "yaml", "Aider 0.76 and later",
+      path, "notifications: true\nnotifications-command: " + command + "\n", "yaml", "Aider as of autumn 2026",
       "1. Open " + path +
           " in your text editor, or create it.\n"
           "2. Add these two lines.\n"
