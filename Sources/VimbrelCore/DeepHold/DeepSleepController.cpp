@@ -33,8 +33,20 @@ struct DeepSleepController::State {
 
   std::mutex lock;  // over what follows
   std::optional<std::string> currentLeaseId;
+  std::string lastRefusal;
   Token renewalTimer;
   bool tornDown = false;
+
+  void noteRefusal(std::string why) {
+    const std::lock_guard guard(lock);
+    lastRefusal = std::move(why);
+  }
+
+  /// What a missing answer means.
+  [[nodiscard]] std::string silence() const {
+    return ::access(socketPath.c_str(), F_OK) == 0 ? "the helper at " + socketPath + " does not answer"
+                                                   : "no helper is installed";
+  }
 
   std::string takeOrMakeLeaseId() {
     const std::lock_guard guard(lock);
@@ -59,9 +71,11 @@ struct DeepSleepController::State {
     const auto leaseId = takeOrMakeLeaseId();
     const auto response = exchange({HelperCommand::acquire, leaseId, ttlSeconds});
     if (!response || !response->ok) {
+      noteRefusal(response ? response->error.value_or("the helper gives no reason") : silence());
       logger.error("Failed to acquire deep hold from helper");
       return false;
     }
+    noteRefusal({});
     startRenewal(leaseId, ttlSeconds);
     logger.info("Successfully acquired deep hold lease %s", leaseId.c_str());
     return true;
@@ -129,6 +143,23 @@ void DeepSleepController::release(std::move_only_function<void()> done) {
     state->release();
     if (done) done();
   });
+}
+
+void DeepSleepController::letLapse() {
+  state_->operations->post([state = state_] {
+    const std::lock_guard guard(state->lock);
+    state->renewalTimer.reset();
+  });
+}
+
+std::string DeepSleepController::lastRefusal() const {
+  const std::lock_guard guard(state_->lock);
+  return state_->lastRefusal;
+}
+
+std::optional<std::string> DeepSleepController::leaseId() const {
+  const std::lock_guard guard(state_->lock);
+  return state_->currentLeaseId;
 }
 
 }  // namespace vimbrel

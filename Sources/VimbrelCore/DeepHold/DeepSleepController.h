@@ -29,6 +29,9 @@ class DeepSleepController final : public DeepSleepControlling {
   void status(std::move_only_function<void(DeepSleepStatus)> done) override;
   void acquire(double ttlSeconds, std::move_only_function<void(bool)> done) override;
   void release(std::move_only_function<void()> done) override;
+  void letLapse() override;
+  [[nodiscard]] std::string lastRefusal() const override;
+  [[nodiscard]] std::optional<std::string> leaseId() const override;
 
   [[nodiscard]] const std::string& socketPath() const;
 

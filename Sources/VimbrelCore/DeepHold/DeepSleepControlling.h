@@ -2,6 +2,8 @@
 #pragma once
 
 #include <functional>
+#include <optional>
+#include <string>
 
 #include "DeepHold/DeepHoldProtocol.h"
 
@@ -18,6 +20,14 @@ class DeepSleepControlling {
   virtual void acquire(double ttlSeconds, std::move_only_function<void(bool)> done) = 0;
   /// Gives the hold back, if one was ever asked for.
   virtual void release(std::move_only_function<void()> done) = 0;
+
+  /// Stops the renewals and tells the helper nothing: the lease runs out by itself.
+  virtual void letLapse() = 0;
+  /// Why the last acquire was refused, as a sentence; empty when it was not. Known before its `done` is
+  /// called.
+  [[nodiscard]] virtual std::string lastRefusal() const = 0;
+  /// The lease that this client takes or took last; absent after a release.
+  [[nodiscard]] virtual std::optional<std::string> leaseId() const = 0;
 };
 
 }  // namespace vimbrel

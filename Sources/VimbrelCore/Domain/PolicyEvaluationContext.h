@@ -2,6 +2,7 @@
 #pragma once
 
 #include <optional>
+#include <string>
 
 #include "Domain/PolicyConfiguration.h"
 #include "Domain/PowerSourceSnapshot.h"
@@ -21,6 +22,10 @@ struct PolicyEvaluationContext {
   std::optional<Instant> lastActiveAgentStoppedAt;
   /// True from a battery cut-off until AC power or floor + hysteresis; selects the threshold.
   bool isCurrentlyBatteryBlocked = false;
+  /// The command line of a program that runs under a hold of its own; empty when there is none.
+  std::string commandHold;
+  /// Whether that hold covers the closed lid whatever the setting says.
+  bool commandHoldCoversLid = false;
   Instant now{};
 };
 

@@ -59,7 +59,8 @@ class Inputs {
     return *activity_;
   }
   [[nodiscard]] WakeDecision hold(std::string reason, std::int64_t count) const {
-    return WakeDecision::hold(std::move(reason), count, config.deepLidProtectionEnabled);
+    return WakeDecision::hold(std::move(reason), count,
+                              config.deepLidProtectionEnabled || context.commandHoldCoversLid);
   }
 
  private:
@@ -176,13 +177,19 @@ void explainBatteryFloor(const Inputs& in, PolicyRuleTrace& trace) {
 // ---- Manual hold
 
 Verdict manualHold(const Inputs& in) {
-  if (!in.config.manualHoldEnabled) return std::nullopt;
-  return in.hold("Manual hold requested", in.activity().count);
+  if (in.config.manualHoldEnabled) return in.hold("Manual hold requested", in.activity().count);
+  if (!in.context.commandHold.empty()) {
+    return in.hold("Running " + in.context.commandHold, in.activity().count);
+  }
+  return std::nullopt;
 }
 
 void explainManualHold(const Inputs& in, PolicyRuleTrace& trace) {
   trace.saw = "manual hold is " + std::string(onOff(in.config.manualHoldEnabled));
-  trace.wouldChange = trace.says ? "switching manual hold off" : "switching manual hold on";
+  trace.wouldChange = in.config.manualHoldEnabled ? "switching manual hold off" : "switching manual hold on";
+  if (in.context.commandHold.empty()) return;
+  trace.saw += ", and a command runs under a hold: " + in.context.commandHold;
+  if (!in.config.manualHoldEnabled) trace.wouldChange = "the end of the command or of its hold";
 }
 
 // ---- Agents at work

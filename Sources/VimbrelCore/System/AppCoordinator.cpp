@@ -12,6 +12,7 @@ using namespace std::chrono_literals;
 bool sameInputs(const PolicyEvaluationContext& left, const PolicyEvaluationContext& right) {
   return left.config == right.config && left.powerSource == right.powerSource &&
          left.thermalState == right.thermalState && left.pauseUntil == right.pauseUntil &&
+         left.commandHold == right.commandHold && left.commandHoldCoversLid == right.commandHoldCoversLid &&
          left.sessions.entries() == right.sessions.entries();
 }
 
@@ -109,6 +110,7 @@ PolicyEvaluationContext AppCoordinator::gatherContext() const {
   context.pauseUntil = parts_.settings->pauseUntil();
   context.lastActiveAgentStoppedAt = parts_.agentCoordinator->lastActiveAgentStoppedAt();
   context.isCurrentlyBatteryBlocked = isBatteryBlocked_;
+  for (const auto& service : parts_.services) service->willDecide(context);
   return context;
 }
 

@@ -21,6 +21,8 @@ class CoordinatorService {
   /// The timer runs; the first evaluation follows.
   virtual void didStartTimer() {}
 
+  /// The inputs are gathered and the decision is not made yet. For reasons to hold that are nobody's setting.
+  virtual void willDecide(PolicyEvaluationContext& /*context*/) {}
   /// A decision was made and the session list is published; the decision is not yet. For values that are
   /// derived from both.
   virtual void didDecide(const PolicyEvaluationContext& /*context*/,

@@ -1,0 +1,37 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "System/CommandHolds.h"
+
+#include <utility>
+
+namespace vimbrel {
+
+Token CommandHolds::add(CommandHold hold) {
+  if (holds_->size() >= maximumHolds) return Token{};
+  const auto id = next_++;
+  holds_->emplace(id, std::move(hold));
+  return Token{[weak = std::weak_ptr(holds_), id] {
+    if (const auto holds = weak.lock()) holds->erase(id);
+  }};
+}
+
+std::vector<CommandHold> CommandHolds::active() const {
+  std::vector<CommandHold> active;
+  for (const auto& [id, hold] : *holds_) {
+    if (clock_.now() < hold.until) active.push_back(hold);
+  }
+  return active;
+}
+
+void CommandHolds::willDecide(PolicyEvaluationContext& context) {
+  for (const auto& [id, hold] : *holds_) {
+    if (context.now >= hold.until) continue;
+    if (context.commandHold.empty()) {
+      context.commandHold = hold.command;
+    } else {
+      context.commandHold += ", " + hold.command;
+    }
+    context.commandHoldCoversLid |= hold.coversLid;
+  }
+}
+
+}  // namespace vimbrel
