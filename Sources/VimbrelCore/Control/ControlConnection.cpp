@@ -164,6 +164,7 @@ void ControlConnection::close() {
   pendingState_ = nullptr;
   subscribed_ = false;
   socket_.reset();
+  kept_.clear();
   if (onClosed) {
     // The owner drops this object, whose members are still in use up the stack.
     mainQueue_->post([self = shared_from_this(), closed = std::exchange(onClosed, nullptr)] { closed(); });
@@ -192,7 +193,7 @@ void ControlConnection::checkTimeLimits() {
   if (peerFinished_ && peerIsGone()) return close();
   const auto quiet = clock_.monotonic() - lastProgress_;
   if (!outgoing_.empty() ? quiet > limits_.stalledWrite
-                         : !subscribed_ && !isAnswering_ && quiet > limits_.idle) {
+                         : !subscribed_ && kept_.empty() && !isAnswering_ && quiet > limits_.idle) {
     close();
   }
 }

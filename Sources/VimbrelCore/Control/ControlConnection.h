@@ -19,7 +19,7 @@ struct ControlLimits {
   std::size_t maximumRequestBytes = 1U << 20U;  ///< one line
   /// A peer that does not take its answer for this long is dropped.
   std::chrono::seconds stalledWrite{30};
-  /// So is one that is not subscribed and sends nothing for this long.
+  /// So is one that is not subscribed, keeps nothing and sends nothing for this long.
   std::chrono::seconds idle{300};
   /// How often these two are looked at while there are connections.
   std::chrono::milliseconds checkInterval{5000};

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "Control/RpcError.h"
+#include "Support/TaskQueue.h"
 
 namespace vimbrel {
 
@@ -19,6 +20,12 @@ class RpcPeer {
   /// Streams the published state to this peer from now on, beginning with the state as it is.
   virtual void subscribe() = 0;
   virtual void unsubscribe() = 0;
+  /// Keeps the token until the connection ends, however it ends; such a connection may be silent for as long
+  /// as it likes.
+  void keep(Token token) { kept_.push_back(std::move(token)); }
+
+ protected:
+  std::vector<Token> kept_;
 };
 
 /// The answer to one request, given once, at any later time. One that is dropped unanswered answers

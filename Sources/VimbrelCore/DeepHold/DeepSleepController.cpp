@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <future>
 #include <mutex>
 #include <utility>
 
@@ -143,6 +144,13 @@ void DeepSleepController::release(std::move_only_function<void()> done) {
     state->release();
     if (done) done();
   });
+}
+
+void DeepSleepController::drain(std::chrono::milliseconds limit) {
+  const auto drained = std::make_shared<std::promise<void>>();
+  auto done = drained->get_future();
+  state_->operations->post([drained] { drained->set_value(); });
+  (void)done.wait_for(limit);
 }
 
 void DeepSleepController::letLapse() {

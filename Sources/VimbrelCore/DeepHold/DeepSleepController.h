@@ -35,6 +35,10 @@ class DeepSleepController final : public DeepSleepControlling {
 
   [[nodiscard]] const std::string& socketPath() const;
 
+  /// Waits until everything that was asked for is done, but not longer than `limit`: before a program ends,
+  /// so that its release reaches the helper. Not on a queue of virtual time, and not on the controller's own.
+  void drain(std::chrono::milliseconds limit);
+
  private:
   struct State;
   std::shared_ptr<State> state_;

@@ -41,7 +41,9 @@ void DeepHoldService::didApply(const WakeDecision& previous, const WakeDecision&
 
 void DeepHoldService::didStop() {
   covers_ = false;
-  ask(Request::release);
+  waiting_ = Request::none;
+  // Past the waiting room: the loop that would bring it on is about to end.
+  controller_->release({});
 }
 
 void DeepHoldService::ask(Request request) {
@@ -87,8 +89,7 @@ void DeepHoldService::finished() {
                           !(helperStatus_.get() && helperStatus_.get()->isDeepHoldActive);
   underWay_ = Request::none;
   if (waiting_ != Request::none) return begin(std::exchange(waiting_, Request::none));
-  if (firstCover && controller_->lastRefusal().empty()) return begin(Request::status);
-  for (const auto& waiter : std::exchange(quietWaiters_, {})) waiter();
+  if (firstCover && controller_->lastRefusal().empty()) begin(Request::status);
 }
 
 void DeepHoldService::publish(DeepSleepStatus status) {
@@ -99,14 +100,6 @@ void DeepHoldService::publish(DeepSleepStatus status) {
 ClosedLidReport DeepHoldService::report() const {
   return describeClosedLid({enabled_, decision_, helperStatus_.get(), controller_->leaseId(),
                             controller_->lastRefusal(), isSystemHelper_});
-}
-
-void DeepHoldService::whenQuiet(std::function<void()> done) {
-  if (underWay_ == Request::none) {
-    mainQueue_->post([done = std::move(done)] { done(); });
-  } else {
-    quietWaiters_.push_back(std::move(done));
-  }
 }
 
 void DeepHoldService::examine(std::function<void(DoctorFinding)> done) {

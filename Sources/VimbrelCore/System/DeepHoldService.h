@@ -43,10 +43,6 @@ class DeepHoldService final : public CoordinatorService,
   /// lease that is active is left alone and looked at only. `done` is called later on the main queue.
   void examine(std::function<void(DoctorFinding)> done);
 
-  /// Calls `done` on the main queue when no request is under way: before the program ends, so that the
-  /// release that `didStop` asked for reaches the helper.
-  void whenQuiet(std::function<void()> done);
-
  private:
   enum class Request { none, acquire, release, status };
 
@@ -69,7 +65,6 @@ class DeepHoldService final : public CoordinatorService,
   Request underWay_ = Request::none;
   Request waiting_ = Request::none;
   std::optional<std::chrono::nanoseconds> statusAskedAt_;
-  std::vector<std::function<void()>> quietWaiters_;
 };
 
 }  // namespace vimbrel
