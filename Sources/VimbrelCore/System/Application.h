@@ -13,8 +13,9 @@
 
 namespace vimbrel {
 
-/// Where an application keeps what it owns. `ofUser` works them out from the environment.
+/// Where an application keeps and finds the user's files. `ofUser` works them out from the environment.
 struct ApplicationDirectories {
+  std::string home;                ///< where agents keep their transcripts
   std::string applicationSupport;  ///< holds "Vimbrel/run/vimbrel.sock"
   std::string configuration;       ///< holds "Vimbrel/settings.json"
   [[nodiscard]] static ApplicationDirectories ofUser();
@@ -33,14 +34,16 @@ struct ApplicationOptions {
 /// virtual time. Queue: the main queue.
 class Application {
  public:
-  /// `queues` and `clock` must outlive the application.
+  /// `queues` and `clock` must outlive the application. Reads the settings; starts nothing.
   Application(PlatformServices platform, QueueProvider& queues, const Clock& clock,
               const ApplicationDirectories& directories, ApplicationOptions options = {});
+  /// Gives back what is held, whether or not `stop` was called.
   ~Application();
   Application(const Application&) = delete;
   Application& operator=(const Application&) = delete;
 
-  void start() { coordinator_->start(); }
+  /// Starts the coordinator and follows edits of the settings file.
+  void start();
   void stop() { coordinator_->stop(); }
 
   [[nodiscard]] AppCoordinator& coordinator() { return *coordinator_; }
@@ -52,7 +55,8 @@ class Application {
 
  private:
   PlatformServices platform_;
-  std::shared_ptr<FilePreferences> preferences_;
+  const std::shared_ptr<TaskQueue> mainQueue_;
+  const std::shared_ptr<FilePreferences> preferences_;
   std::shared_ptr<AppCoordinator> coordinator_;
 };
 
