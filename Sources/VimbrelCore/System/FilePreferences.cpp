@@ -225,6 +225,7 @@ std::expected<void, PreferencesError> FilePreferences::storeLocked(std::span<con
     }
   }
   auto text = values.dump(2, ' ', false, ordered_json::error_handler_t::replace) + "\n";
+  if (document_->exists && document_->isUsable && text == document_->text) return {};
   const auto target = resolved(path_);
   const auto directory = createDirectories(fs::path(target).parent_path().string());
   if (!directory) return std::unexpected(PreferencesError{directory.error().text()});

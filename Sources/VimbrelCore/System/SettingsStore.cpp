@@ -53,7 +53,7 @@ SettingsStore::WriteResult SettingsStore::setValue(std::string_view key, const P
     return std::unexpected(PreferencesError{"the value is not of the type of " + std::string(key)});
   }
   if (key == "batteryFloorPercent") converted = clampedFloor(std::get<std::int64_t>(converted));
-  const Preferences::Change change{setting->key, std::move(converted)};
+  const Preferences::Change change{setting->key, converted};
   if (auto stored = preferences_->store(std::span(&change, 1)); !stored) return stored;
   objectWillChange_.send();
   return {};
@@ -66,6 +66,7 @@ SettingsStore::WriteResult SettingsStore::reset(std::string_view key) {
 
 SettingsStore::WriteResult SettingsStore::resetToDefaults() {
   std::vector<Preferences::Change> changes;
+  changes.reserve(resetOrder.size());
   for (const auto key : resetOrder) changes.emplace_back(key, findSetting(key)->defaultValue);
   if (auto stored = preferences_->store(changes); !stored) return stored;
   for (std::size_t i = 0; i < changes.size(); ++i) objectWillChange_.send();
