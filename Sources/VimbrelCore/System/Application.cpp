@@ -1,10 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "System/Application.h"
 
+#include <cassert>
 #include <utility>
 
-#include "AgentMonitoring/HookEventReceiver.h"
-#include "AgentMonitoring/HookSocketPath.h"
 #include "AgentMonitoring/ProcessMonitor.h"
 #include "Power/BatteryMonitor.h"
 #include "Power/IdleWakeAssertionController.h"
@@ -35,11 +34,8 @@ Application::Application(PlatformServices platform, QueueProvider& queues, const
   parts.batteryMonitor = std::make_shared<BatteryMonitor>(platform_.powerSources);
   parts.thermalMonitor = std::make_shared<ThermalMonitor>(platform_.thermalPressure);
   parts.lidMonitor = std::make_shared<LidMonitor>(platform_.lidSwitch);
+  assert(options.hookReceiver);
   parts.hookReceiver = std::move(options.hookReceiver);
-  if (!parts.hookReceiver) {
-    parts.hookReceiver = std::make_shared<HookEventReceiver>(
-        directories.applicationSupport + std::string(hookSocketBelowApplicationSupport), queues, clock);
-  }
   // On the main thread: a scan that finds nothing new costs less than the wakeup of another thread would.
   parts.processMonitor = std::make_shared<ProcessMonitor>(
       queues.makeQueue("com.vimbrel.processmonitor", QueueHome::mainThread), clock, platform_.processList,

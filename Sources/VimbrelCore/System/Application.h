@@ -21,9 +21,9 @@ struct ApplicationDirectories {
   [[nodiscard]] static ApplicationDirectories ofUser();
 };
 
-/// Substitutes and additions; everything may be left out.
+/// What differs between the programs that are built on the application.
 struct ApplicationOptions {
-  /// Instead of the receiver on the hook socket: for runs without sockets, such as those on virtual time.
+  /// Where hook events come from: the hook socket, or the program itself on virtual time. Required.
   std::shared_ptr<HookEventReceiving> hookReceiver;
   /// Started and stopped with the coordinator, after the application's own.
   std::vector<std::shared_ptr<CoordinatorService>> services;
