@@ -1,0 +1,334 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "AgentMonitoring/UsageStore.h"
+
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+
+#include <csignal>
+#include <filesystem>
+#include <nlohmann/json.hpp>
+#include <random>
+
+#include "CapturedLog.h"
+#include "Domain/UsageCodec.h"
+#include "Support/AtomicFile.h"
+#include "UsageStoreWorld.h"
+
+namespace vimbrel {
+namespace {
+
+using World = UsageStoreWorld;
+
+constexpr const char* documentedFile =
+    R"({"schemaVersion":1,"events":[{"id":"e1","agentType":"codex","sessionId":"s1","turnId":"t1","inputTokens":1200,"outputTokens":300,"cachedTokens":800,"totalTokens":1500,"timestamp":784900000.5,"source":"codex-session-rollout"}],"sessions":{"s1":{"id":"s1","agentType":"codex","startedAt":784900000.5,"lastActiveAt":784900000.5,"durationSeconds":0,"totalTokens":1500,"inputTokens":1200,"outputTokens":300,"cachedTokens":800,"cacheWriteTokens":0,"reasoningTokens":0}},"seenKeys":["codex_s1_t1"]})";
+
+TEST(UsageStore, writesTheDocumentedFile) {
+  World world;
+  const auto event = UsageEvent::make({.id = "e1",
+                                       .agentType = AgentType::codex,
+                                       .sessionId = "s1",
+                                       .turnId = "t1",
+                                       .inputTokens = 1200,
+                                       .outputTokens = 300,
+                                       .cachedTokens = 800,
+                                       .timestamp = instantFromReferenceSeconds(784900000.5),
+                                       .source = "codex-session-rollout"});
+  EXPECT_TRUE(world.open().record(event));
+  EXPECT_EQ(world.contents(), documentedFile);
+  EXPECT_FALSE(world.store->record(event));
+  EXPECT_EQ(world.open().allEvents(), std::vector{event});
+  EXPECT_FALSE(world.store->record(event));
+}
+
+TEST(UsageStore, readsForeignKeyOrderUnknownKeysAndTheLegacyForm) {
+  auto document = nlohmann::json::parse(documentedFile);  // sorts the keys
+  document["schemaVersion"] = 7;
+  document["note"] = {{"x", {1, nullptr, "\u00e9"}}};
+  document["seenKeys"].push_back("claude_old_key");
+  {
+    World world;
+    CapturedLog log;
+    world.put("usage_store.json", document.dump(1));
+    EXPECT_EQ(world.open().eventCount(), 1U);
+    EXPECT_EQ(log.take(),
+              std::vector<std::string>{
+                  "info usage.store: Loaded 1 usage events across 1 sessions from disk (schema v7)"});
+    EXPECT_FALSE(world.store->record(turn("old", "key", 5))) << "a seen key without its event stays seen";
+    EXPECT_TRUE(world.store->record(turn("s", "t", 5)));
+    EXPECT_NE(world.contents().find("claude_old_key"), std::string::npos);
+  }
+  World world;
+  CapturedLog log;
+  document.erase("schemaVersion");
+  world.put("usage_store.json", document.dump());
+  EXPECT_EQ(world.open().eventCount(), 1U);
+  EXPECT_EQ(log.take(), std::vector<std::string>{
+                            "info usage.store: Migrated 1 usage events from legacy schema to schema v1"});
+  EXPECT_TRUE(world.contents().starts_with(R"({"schemaVersion":1,)"));
+}
+
+TEST(UsageStore, keepsAFileAsideThatItCannotRead) {
+  auto missing = nlohmann::json::parse(documentedFile);
+  missing["events"][0].erase("source");
+  auto fraction = nlohmann::json::parse(documentedFile);
+  fraction["sessions"]["s1"]["totalTokens"] = 1.5;
+  const std::string document = documentedFile;
+  const std::vector<std::string> unreadable{"",
+                                            "not JSON",
+                                            "{}",
+                                            missing.dump(),
+                                            fraction.dump(),
+                                            document.substr(0, document.size() - 1),
+                                            document + "x",
+                                            std::string(100'000, '['),
+                                            R"({"x":")" + std::string(3 << 20, 'a') + R"("})",
+                                            "{\"schemaVersion\":1,\"events\":[\"\xff\"]}"};
+  for (const auto& text : unreadable) {
+    World world;
+    world.put("usage_store.json", text);
+    CapturedLog log;
+    EXPECT_EQ(world.open().eventCount(), 0U);
+    EXPECT_TRUE(log.take().empty());
+    EXPECT_EQ(world.contents(), text) << "nothing is touched before the first write";
+    EXPECT_TRUE(world.store->record(turn("s", "t", 5)));
+    EXPECT_EQ(world.contents("usage_store.unreadable-20251115T094640Z.json"), text);
+    ASSERT_EQ(log.take().size(), 1U);
+    EXPECT_EQ(world.open().eventCount(), 1U);
+  }
+  World world;  // Neither a directory nor a pipe stops the application.
+  ASSERT_EQ(::mkfifo(world.options.path.c_str(), 0600), 0);
+  CapturedLog log;
+  EXPECT_TRUE(world.open().record(turn("s", "t", 5)));
+  EXPECT_EQ(world.open().eventCount(), 1U);
+}
+
+TEST(UsageStore, refusesASecondOwner) {
+  World world;
+  world.open();
+  const auto second = UsageStore::open(world.options, world.queue, world.time);
+  ASSERT_FALSE(second);
+  EXPECT_NE(second.error().find("in use by another process"), std::string::npos);
+}
+
+TEST(UsageStore, writesOnlyWhereThePolicyAllows) {
+  World world;
+  world.options.path = "/etc/Vimbrel/usage_store.json";
+  CapturedLog log;
+  EXPECT_TRUE(world.open().record(turn("s", "t", 5))) << "memory stays authoritative";
+  EXPECT_FALSE(std::filesystem::exists("/etc/Vimbrel"));
+  const auto lines = log.take();
+  EXPECT_EQ(std::ranges::count(
+                lines,
+                "error usage.store: Failed to save usage store: Vimbrel write security violation: Cannot "
+                "write to '/etc/Vimbrel/usage_store.json'. Reason: Path is outside Vimbrel-owned "
+                "directories. Third-party configuration modification is prohibited."),
+            1);
+  world.store.reset();
+}
+
+TEST(UsageStore, takesALaterReadingThatCountedMoreInPlaceOfTheEarlier) {
+  World world;
+  auto& store = world.open();
+  EXPECT_TRUE(store.record(turn("s", "t", 10)));
+  EXPECT_TRUE(store.record(turn("s", "u", 1)));
+  EXPECT_TRUE(store.record(turn("s", "t", 25)));
+  EXPECT_FALSE(store.record(turn("s", "t", 25)));
+  EXPECT_FALSE(store.record(turn("s", "t", 9)));
+  EXPECT_EQ(store.eventCount(), 2U);
+  EXPECT_EQ(store.recentSessions()[0].totalTokens, 26);
+  EXPECT_EQ(store.allEvents()[0].totalTokens, 25) << "it keeps its place";
+}
+
+TEST(UsageStore, refusesWhatItsFileCannotHold) {
+  World world;
+  CapturedLog log;
+  auto nan = turn("s", "t", 1);
+  nan.costEstimateUSD = std::numeric_limits<double>::quiet_NaN();
+  EXPECT_EQ(world.open().recordAll(
+                {{nan, turn("\xff", "t", 1), turn("s", std::string(70'000, 'x'), 1), turn("s", "t", 2)}}),
+            1U);
+}
+
+TEST(UsageStore, answersByTimeAndExportsOnlyTotals) {
+  World world;
+  ::setenv("TZ", "Pacific/Auckland", 1);  // 2025-11-15 22:46 there: the day began at 11:00 UTC the day before
+  ::tzset();
+  auto& store = world.open();
+  const double dayStart = 1'763'118'000;
+  EXPECT_EQ(nlohmann::json::parse(store.exportPrivacySafeJSON())["eventCount"], 0);
+  store.recordAll(
+      {{turn("a", "before", 1, dayStart - 0.001), turn("b", "first", 2, dayStart),
+        turn("c", "last", 4, dayStart + 86'399.999), turn("d", "tomorrow", 8, dayStart + 86'400)}});
+  EXPECT_EQ(store.todaySummary().totalTokens, 14);
+  EXPECT_EQ(store.summary(instantFromUnixSeconds(dayStart), instantFromUnixSeconds(dayStart)).totalTokens, 2);
+  EXPECT_TRUE(store.recentSessions(0).empty());
+  EXPECT_EQ(store.recentSessions(2)[1].id, "c");
+  const auto text = store.exportPrivacySafeJSON();
+  const auto exported = nlohmann::json::parse(text);
+  EXPECT_EQ(exported["todaySummary"]["totalTokens"], 6);
+  EXPECT_EQ(exported["eventCount"], 4);
+  EXPECT_EQ(exported["exportedAt"], "2025-11-15T09:46:40Z");
+  EXPECT_EQ(exported["sessions"][0]["id"], "d");
+  EXPECT_EQ(text.find("tomorrow"), std::string::npos);
+  EXPECT_EQ(text.find("\"test\""), std::string::npos);
+  EXPECT_TRUE(text.starts_with("{\n  \"eventCount\": 4,"));
+  ::setenv("TZ", "UTC", 1);
+  ::tzset();
+}
+
+TEST(UsageStore, forgetsEverythingWhenReset) {
+  for (const std::size_t wholeFileBytes : {std::size_t{1} << 20, std::size_t{0}}) {
+    World world;
+    world.options.wholeFileBytes = wholeFileBytes;
+    world.open();
+    for (int i = 0; i < 20; ++i) world.store->record(turn("s", std::to_string(i), 1));
+    world.store->resetStore();
+    EXPECT_EQ(world.contents(), R"({"schemaVersion":1,"events":[],"sessions":{},"seenKeys":[]})");
+    EXPECT_EQ(world.open().eventCount(), 0U);
+    EXPECT_TRUE(world.store->record(turn("s", "1", 1)));
+  }
+}
+
+TEST(UsageStore, aFullDiskLosesNothingAndIsForgottenWhenThereIsRoom) {
+  for (const std::size_t wholeFileBytes : {std::size_t{1} << 20, std::size_t{0}}) {
+    World world;
+    world.options.wholeFileBytes = wholeFileBytes;
+    world.options.journalShare = 1;
+    world.open();
+    for (int i = 0; i < 50; ++i) world.store->record(turn("s", std::to_string(i), 1));
+    world.time.advance(std::chrono::seconds(1));
+    const auto before = world.contents();
+    CapturedLog log;
+    rlimit limit{};
+    getrlimit(RLIMIT_FSIZE, &limit);
+    const auto handler = std::signal(SIGXFSZ, SIG_IGN);
+    const rlimit full{1000, limit.rlim_max};
+    setrlimit(RLIMIT_FSIZE, &full);
+    for (int i = 50; i < 60; ++i) EXPECT_TRUE(world.store->record(turn("s", std::to_string(i), 1)));
+    world.time.advance(std::chrono::seconds(30));
+    EXPECT_EQ(world.contents(), before);
+    EXPECT_FALSE(log.take().empty());
+    setrlimit(RLIMIT_FSIZE, &limit);
+    std::signal(SIGXFSZ, handler);
+    world.time.advance(std::chrono::seconds(11));
+    // What a killed process would leave behind, opened by another one.
+    World other;
+    std::filesystem::copy(world.directory.path(), other.directory.path(),
+                          std::filesystem::copy_options::recursive);
+    EXPECT_EQ(other.open().eventCount(), 60U) << "written again without a further event";
+  }
+}
+
+TEST(UsageStore, toleratesATornLastLineAtEveryByte) {
+  std::string journal;
+  for (const char* id : {"1", "2", "3"})
+    usageStoreFormat::appendJournalLine(journal, turn("s", id, 1).view());
+  const auto lastLine = journal.rfind('\n', journal.size() - 2) + 1;
+  for (auto cut = lastLine; cut <= journal.size(); ++cut) {
+    World world;
+    world.put("usage_store.journal.1", journal.substr(0, cut));
+    CapturedLog log;
+    const bool isWhole = cut + 1 >= journal.size();  // only the line break is missing, if anything
+    ASSERT_EQ(world.open().eventCount(), isWhole ? 3U : 2U) << cut;
+    EXPECT_TRUE(world.store->record(turn("s", "next", 1)));
+    ASSERT_EQ(world.open().eventCount(), isWhole ? 4U : 3U) << cut;
+    for (const auto& line : log.take()) EXPECT_EQ(line.find("error"), std::string::npos) << line;
+  }
+}
+
+TEST(UsageStore, passesOverUnreadableJournalLinesAndKeepsThem) {
+  World world;
+  std::string journal;
+  usageStoreFormat::appendJournalLine(journal, turn("s", "1", 1).view());
+  journal += "garbage\n\n{\"id\":3}\n" + std::string(3 << 20, 'x') + "\n";
+  usageStoreFormat::appendJournalLine(journal, turn("s", "2", 1).view());
+  world.put("usage_store.journal.7", journal);
+  CapturedLog log;
+  EXPECT_EQ(world.open().eventCount(), 2U);
+  EXPECT_EQ(log.take(), std::vector<std::string>{
+                            "error usage.store: Passed over 4 unreadable lines of the usage journal; "
+                            "they are kept aside"});
+  EXPECT_EQ(world.contents("usage_store.journal.7.unreadable"), journal);
+  EXPECT_EQ(world.open().eventCount(), 2U);
+  EXPECT_TRUE(log.take().size() == 1) << "only the loading is told again";
+}
+
+/// Sums and sessions always equal what the list of accepted events gives, whatever happened in which order.
+TEST(UsageStore, agreesWithARecomputationAfterAnySequence) {
+  for (unsigned seed = 1; seed <= 30; ++seed) {
+    std::mt19937 random(seed);
+    const auto below = [&](unsigned bound) {
+      return std::uniform_int_distribution<unsigned>(0, bound - 1)(random);
+    };
+    World world;
+    world.options.wholeFileBytes = below(3) * 2000;
+    world.options.journalShare = 1 + below(8);
+    world.open();
+    std::vector<UsageEvent> model;
+    const auto draw = [&] {
+      auto event = turn("s" + std::to_string(below(4)), "t" + std::to_string(below(40)), 1 + below(50),
+                        1.7e9 + below(1000) / 8.0);
+      event.agentType = below(2) == 0 ? AgentType::claude : AgentType::codex;
+      if (below(3) == 0) event.costEstimateUSD = below(100) / 4.0;
+      if (below(3) == 0) event.cachedTokens = below(9);
+      if (below(5) == 0) event.turnId.reset();
+      if (below(60) == 0) event.outputTokens = std::numeric_limits<std::int64_t>::max();
+      return event;
+    };
+    const auto accept = [&](const UsageEvent& event) {
+      for (auto& known : model) {
+        if (known.deduplicationKey() != event.deduplicationKey()) continue;
+        const bool isMore = event.view().countsMoreThan(known.view());
+        if (isMore) known = event;
+        return isMore;
+      }
+      model.push_back(event);
+      return true;
+    };
+    for (int step = 0; step < 120; ++step) {
+      switch (below(8)) {
+        case 0:
+          world.open();
+          break;
+        case 1:
+          world.time.advance(std::chrono::milliseconds(below(1500)));
+          break;
+        case 2: {
+          std::vector<UsageEvent> batch;
+          std::size_t accepted = 0;
+          for (unsigned i = below(20); i > 0; --i) batch.push_back(draw());
+          for (const auto& event : batch) accepted += accept(event) ? 1U : 0U;
+          ASSERT_EQ(world.store->recordAll(batch), accepted);
+          break;
+        }
+        default: {
+          const auto event = draw();
+          ASSERT_EQ(world.store->record(event), accept(event));
+        }
+      }
+    }
+    ASSERT_EQ(world.store->allEvents(), model) << seed;
+    const auto everything =
+        world.store->summary(instantFromUnixSeconds(-1e300), instantFromUnixSeconds(1e300));
+    EXPECT_EQ(everything, summarise(model)) << seed;
+    world.open();
+    ASSERT_EQ(world.store->allEvents(), model) << seed;
+    for (const auto& session : world.store->recentSessions()) {
+      std::int64_t tokens = 0;
+      double cost = 0;
+      for (const auto& event : model) {
+        if (event.sessionId != session.id) continue;
+        tokens = tokens > std::numeric_limits<std::int64_t>::max() - *event.totalTokens
+                     ? std::numeric_limits<std::int64_t>::max()
+                     : tokens + *event.totalTokens;
+        cost += event.costEstimateUSD.value_or(0);
+      }
+      EXPECT_EQ(session.totalTokens, tokens) << seed;
+      EXPECT_EQ(session.estimatedCostUSD.value_or(0), cost) << seed;
+    }
+  }
+}
+
+}  // namespace
+}  // namespace vimbrel
