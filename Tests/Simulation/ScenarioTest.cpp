@@ -78,6 +78,30 @@ TEST_F(Scenario, aDrainingBatteryCutsProtectionUntilItHasRecovered) {
   EXPECT_EQ(story, "HH----H-H");
 }
 
+TEST_F(Scenario, theLidIsCoveredExactlyWhileItsHoldLastsAndNeverInAnEmptyBattery) {
+  application.start();
+  const auto cover = [&] {
+    application.run(7s);  // The helper's status is read every few seconds.
+    return application.app().deepHold().report().cover;
+  };
+  ASSERT_TRUE(application.app().settings().setDeepLidProtectionEnabled(true));
+  EXPECT_EQ(cover(), LidCover::notNeeded);
+  application.hook(AgentType::claude, AgentState::working);
+  EXPECT_EQ(cover(), LidCover::covered);
+  battery(5, false);
+  EXPECT_EQ(cover(), LidCover::notNeeded);
+  battery(90, true);
+  EXPECT_EQ(cover(), LidCover::covered);
+  ASSERT_TRUE(application.app().settings().setDeepLidProtectionEnabled(false));
+  application.run(70s);
+  EXPECT_TRUE(application.isHeld());
+  EXPECT_EQ(cover(), LidCover::off) << "the lease ran out although the hold goes on";
+  auto command = application.app().commandHolds().add({"make", application.time().now() + Seconds{60}, true});
+  EXPECT_EQ(cover(), LidCover::covered) << "a command may ask for the lid whatever the setting says";
+  application.run(120s);
+  EXPECT_EQ(cover(), LidCover::off);
+}
+
 TEST_F(Scenario, aPauseEndsByItself) {
   application.start();
   application.hook(AgentType::claude, AgentState::waiting);

@@ -1,10 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "System/Application.h"
 
+#include <algorithm>
 #include <cassert>
+#include <iterator>
 #include <utility>
 
 #include "AgentMonitoring/ProcessMonitor.h"
+#include "DeepHold/HelperSocketPath.h"
+#include "DeepHold/SimulatedHelper.h"
 #include "Power/BatteryMonitor.h"
 #include "Power/IdleWakeAssertionController.h"
 #include "Power/LidMonitor.h"
@@ -40,7 +44,16 @@ Application::Application(PlatformServices platform, QueueProvider& queues, const
   parts.processMonitor = std::make_shared<ProcessMonitor>(
       queues.makeQueue("com.vimbrel.processmonitor", QueueHome::mainThread), clock, platform_.processList,
       platform_.runningApplications, directories.home);
-  parts.services = std::move(options.services);
+  const bool isMachines = options.helper == ApplicationOptions::Helper::machine;
+  deepSleepController_ = isMachines
+                             ? std::make_shared<DeepSleepController>(queues, std::nullopt)
+                             : std::make_shared<DeepSleepController>(
+                                   queues, std::string(systemHelperSocketPath), simulatedHelper(clock));
+  deepHold_ = std::make_shared<DeepHoldService>(deepSleepController_, mainQueue_, clock,
+                                                deepSleepController_->socketPath() == systemHelperSocketPath);
+  commandHolds_ = std::make_shared<CommandHolds>(clock);
+  parts.services = {deepHold_, commandHolds_};
+  std::ranges::move(options.services, std::back_inserter(parts.services));
   coordinator_ = AppCoordinator::create(std::move(parts), clock);
 }
 

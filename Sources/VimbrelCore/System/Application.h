@@ -1,14 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <chrono>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "DeepHold/DeepSleepController.h"
 #include "Platform/PlatformServices.h"
 #include "Support/Clock.h"
 #include "Support/TaskQueue.h"
 #include "System/AppCoordinator.h"
+#include "System/CommandHolds.h"
+#include "System/DeepHoldService.h"
 #include "System/FilePreferences.h"
 
 namespace vimbrel {
@@ -25,6 +29,8 @@ struct ApplicationDirectories {
 struct ApplicationOptions {
   /// Where hook events come from: the hook socket, or the program itself on virtual time. Required.
   std::shared_ptr<HookEventReceiving> hookReceiver;
+  /// Which helper covers the closed lid: the machine's, or one in memory that touches nothing.
+  enum class Helper { simulated, machine } helper = Helper::simulated;
   /// Started and stopped with the coordinator, after the application's own.
   std::vector<std::shared_ptr<CoordinatorService>> services;
 };
@@ -45,10 +51,14 @@ class Application {
   /// Starts the coordinator and follows edits of the settings file.
   void start();
   void stop() { coordinator_->stop(); }
+  /// After `stop`, waits until the helper was told, but at most so long. Not on virtual time.
+  void drain(std::chrono::milliseconds limit) { deepSleepController_->drain(limit); }
 
   [[nodiscard]] AppCoordinator& coordinator() { return *coordinator_; }
   [[nodiscard]] SettingsStore& settings() { return coordinator_->settings(); }
   [[nodiscard]] AgentStateCoordinator& agents() { return *coordinator_->parts().agentCoordinator; }
+  [[nodiscard]] DeepHoldService& deepHold() { return *deepHold_; }
+  [[nodiscard]] CommandHolds& commandHolds() { return *commandHolds_; }
   [[nodiscard]] PlatformServices& platform() { return platform_; }
   /// Reads the settings file again if it changed; for queues that watch no files.
   void reloadSettings() { preferences_->reload(); }
@@ -57,6 +67,9 @@ class Application {
   PlatformServices platform_;
   const std::shared_ptr<TaskQueue> mainQueue_;
   const std::shared_ptr<FilePreferences> preferences_;
+  std::shared_ptr<DeepSleepController> deepSleepController_;
+  std::shared_ptr<DeepHoldService> deepHold_;
+  std::shared_ptr<CommandHolds> commandHolds_;
   std::shared_ptr<AppCoordinator> coordinator_;
 };
 

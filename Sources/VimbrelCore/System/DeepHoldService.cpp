@@ -35,7 +35,8 @@ void DeepHoldService::didApply(const WakeDecision& previous, const WakeDecision&
     if (waiting_ == Request::acquire) waiting_ = Request::none;
     controller_->letLapse();
   }
-  const auto age = covers_ ? 5s : 30s;
+  const bool isActive = helperStatus_.get() && helperStatus_.get()->isDeepHoldActive;
+  const auto age = covers_ || isActive ? 5s : 30s;
   if (!statusAskedAt_ || clock_.monotonic() - *statusAskedAt_ >= age) ask(Request::status);
 }
 

@@ -35,7 +35,7 @@ class DeepHoldService final : public CoordinatorService,
   void didStop() override;
 
   /// The last known status of the helper; absent until it was asked first. Refreshed in the background, every
-  /// 5 seconds while the lid is to be covered and every 30 otherwise; announced when it differs.
+  /// 5 seconds while the lid is covered, or is to be, and every 30 otherwise; announced when it differs.
   Published<std::optional<DeepSleepStatus>>& helperStatus() { return helperStatus_; }
   [[nodiscard]] ClosedLidReport report() const;
 
