@@ -29,7 +29,7 @@ class IdleWakeAssertionController final : public IdleWakeControlling {
   void release() override;
 
   /// True while the display assertion is held, which is only ever beside the system assertion.
-  [[nodiscard]] bool isDisplayActive() const;
+  [[nodiscard]] bool isDisplayActive() const override;
 
  private:
   /// 0 when it failed, which has then been logged.

@@ -1,0 +1,75 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Control/DoctorMethods.h"
+
+#include <algorithm>
+
+#include "Control/RpcResult.h"
+
+namespace vimbrel {
+
+using nlohmann::json;
+
+namespace {
+
+using Verdict = DoctorFinding::Verdict;
+
+std::string_view rawValue(Verdict verdict) {
+  switch (verdict) {
+    case Verdict::works:
+      return "works";
+    case Verdict::missing:
+      return "missing";
+    case Verdict::refused:
+      return "refused";
+    case Verdict::warning:
+      break;
+  }
+  return "warning";
+}
+
+/// What the application knows of itself, beside what the platform finds out about the machine.
+std::vector<DoctorFinding> ownFindings(const ControlledApplication& application) {
+  auto& coordinator = application.coordinator;
+  std::vector<DoctorFinding> findings;
+  if (const auto& error = coordinator.hookReceiverError()) {
+    findings.push_back({"hook socket", Verdict::warning, error->text,
+                        "end whatever else uses the socket, then start Vimbrel again"});
+  } else {
+    findings.push_back({"hook socket", Verdict::works, "agents' hooks are heard", ""});
+  }
+  auto& settings = coordinator.settings();
+  const auto warnings = settings.warnings();
+  for (const auto& warning : warnings) {
+    findings.push_back({"settings", Verdict::warning, warning, "correct " + settings.location()});
+  }
+  if (warnings.empty()) findings.push_back({"settings", Verdict::works, settings.location(), ""});
+  return findings;
+}
+
+RpcResult examine(const ControlledApplication& application) {
+  auto findings =
+      application.platform.examine ? application.platform.examine() : std::vector<DoctorFinding>{};
+  for (auto& finding : ownFindings(application)) findings.push_back(std::move(finding));
+  json list = json::array();
+  for (const auto& finding : findings) {
+    list.push_back({{"subject", finding.subject},
+                    {"verdict", rawValue(finding.verdict)},
+                    {"explanation", finding.explanation},
+                    {"remedy", finding.remedy}});
+  }
+  const auto mechanisms = application.platform.assertions->mechanisms();
+  const bool canHold = std::ranges::any_of(mechanisms, [](const MechanismStatus& mechanism) {
+    return mechanism.state == MechanismState::available || mechanism.state == MechanismState::granted;
+  });
+  return json{{"findings", std::move(list)},
+              {"canHold", canHold},
+              {"simulated", application.platform.assertions->isSimulated()}};
+}
+
+}  // namespace
+
+void addDoctorMethods(ControlServer& server, const ControlledApplication& application) {
+  server.methods().add("doctor", [application](const json&) -> RpcResult { return examine(application); });
+}
+
+}  // namespace vimbrel
