@@ -9,7 +9,7 @@ namespace vimbrel {
 namespace {
 
 /// How many old processes are asked in a refresh that found nothing new: what fits into a few microseconds.
-constexpr std::size_t quietShare = 6;
+constexpr std::size_t quietShare = 8;
 /// In the others a share that brings everybody's turn before `latestRecheck`.
 constexpr std::size_t busyDivisor = 11;
 /// Asking for a pid costs about as much as listing six processes.
@@ -168,12 +168,18 @@ void ProcessTable::checkYoung() {
 }
 
 void ProcessTable::checkOld(bool somethingWasCreated) {
+  // While new processes keep coming, each scan takes its share. On a quiet machine scans do next to nothing,
+  // until somebody's time is up: then all take their turn together, once in `latestRecheck`.
   const auto share = somethingWasCreated ? old_.size() / busyDivisor + quietShare : quietShare;
-  for (std::size_t checked = 0; !old_.empty();) {
+  auto earliest = earliestRecheck;
+  for (auto left = old_.size(), checked = std::size_t{0}; left > 0; --left) {
     const auto ticket = old_.front();
     if (auto* process = find(ticket)) {
       const auto age = now_ - process->checkedAt;
-      if (age < (checked < share ? earliestRecheck : latestRecheck)) return;
+      if (age >= latestRecheck && !somethingWasCreated) earliest = std::chrono::seconds{1};
+      const bool isTurn =
+          age >= latestRecheck || (age >= earliest && (checked < share || earliest < earliestRecheck));
+      if (!isTurn) return;
       ++checked;
       check(ticket.pid, *process);
     }
