@@ -42,6 +42,7 @@ find_package(PkgConfig REQUIRED)
 # Here, because an imported target is known only below the directory that finds it, and tests use these too.
 pkg_check_modules(SIMDJSON REQUIRED IMPORTED_TARGET simdjson)
 pkg_check_modules(SQLITE REQUIRED IMPORTED_TARGET sqlite3)
+pkg_check_modules(ZSTD REQUIRED IMPORTED_TARGET libzstd)
 
 # vimbrel_library(Name SOURCES a.cpp… DEPENDS Other… PRIVATE lib…)
 # One folder, one static library. DEPENDS names libraries of this project that stand below it.
