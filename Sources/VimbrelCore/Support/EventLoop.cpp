@@ -26,6 +26,14 @@ struct EventLoop::State {
   SteadyPoint tickOrigin = asio::steady_timer::clock_type::now();
   std::shared_ptr<TaskQueue> mainQueue;
 
+  /// Makes what the loops need now rather than at the first timer or watch, when the process may have no
+  /// descriptor left and nobody could take the failure.
+  State() {
+    const asio::steady_timer timer(main);
+    const asio::posix::stream_descriptor watches[] = {asio::posix::stream_descriptor(main),
+                                                      asio::posix::stream_descriptor(background)};
+  }
+
   void startThreads() {
     std::call_once(threadsStarted, [this] {
       for (int i = 0; i < 2; ++i) threads.emplace_back([this] { background.run(); });

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Support/UnixSocket.h"
 
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/time.h>
@@ -17,6 +19,12 @@ sockaddr_un addressOf(const std::string& path) {
   address.sun_family = AF_UNIX;
   std::memcpy(address.sun_path, path.data(), path.size());
   return address;
+}
+
+std::string parentOf(const std::string& path) {
+  const auto slash = path.rfind('/');
+  if (slash == std::string::npos) return ".";
+  return slash == 0 ? "/" : path.substr(0, slash);
 }
 
 std::unexpected<SocketError> failure(const char* operation, int code) {
@@ -49,6 +57,10 @@ bool isUnixSocketServed(const std::string& path) {
 std::expected<Fd, SocketError> listenOnUnixSocket(const std::string& path, mode_t mode, int backlog) {
   if (path.size() > maximumSocketPathLength)
     return std::unexpected(SocketError{SocketFault::pathTooLong, "bind", 0});
+  // Two processes that start together must not take each other's socket, bound and not yet listening, for a
+  // stale one. The lock goes with the descriptor.
+  const Fd directory(::open(parentOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (directory) ::flock(directory.get(), LOCK_EX);
   if (isUnixSocketServed(path)) return std::unexpected(SocketError{SocketFault::alreadyServed, "bind", 0});
   ::unlink(path.c_str());
   Fd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
