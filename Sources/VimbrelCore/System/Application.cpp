@@ -28,8 +28,8 @@ Application::Application(PlatformServices platform, QueueProvider& queues, const
                          const ApplicationDirectories& directories, ApplicationOptions options)
     : platform_(std::move(platform)),
       mainQueue_(queues.mainQueue()),
-      preferences_(std::make_shared<FilePreferences>(directories.configuration + "/Vimbrel/settings.json",
-                                                     settingDescriptions())) {
+      preferences_(std::make_shared<FilePreferences>(
+          directories.configuration + "/com.vimbrel.app/settings.json", settingDescriptions())) {
   CoordinatorParts parts;
   parts.mainQueue = mainQueue_;
   parts.settings = std::make_shared<SettingsStore>(preferences_, clock);

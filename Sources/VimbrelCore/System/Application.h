@@ -21,7 +21,7 @@ namespace vimbrel {
 struct ApplicationDirectories {
   std::string home;                ///< where agents keep their transcripts
   std::string applicationSupport;  ///< holds "Vimbrel/run/vimbrel.sock"
-  std::string configuration;       ///< holds "Vimbrel/settings.json"
+  std::string configuration;       ///< holds "com.vimbrel.app/settings.json"
   [[nodiscard]] static ApplicationDirectories ofUser();
 };
 

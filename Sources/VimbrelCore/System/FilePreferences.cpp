@@ -12,6 +12,7 @@
 #include <nlohmann/json.hpp>
 
 #include "Support/AtomicFile.h"
+#include "Support/VimbrelWritePolicy.h"
 
 namespace vimbrel {
 namespace {
@@ -227,6 +228,10 @@ std::expected<void, PreferencesError> FilePreferences::storeLocked(std::span<con
   auto text = values.dump(2, ' ', false, ordered_json::error_handler_t::replace) + "\n";
   if (document_->exists && document_->isUsable && text == document_->text) return {};
   const auto target = resolved(path_);
+  // Asked before anything is touched: keeping a file aside is a write, too.
+  if (const auto allowed = VimbrelWritePolicy::assertCanWrite(target); !allowed) {
+    return std::unexpected(PreferencesError{allowed.error().text()});
+  }
   const auto directory = createDirectories(fs::path(target).parent_path().string());
   if (!directory) return std::unexpected(PreferencesError{directory.error().text()});
   if (!document_->isUsable) {
