@@ -1,0 +1,165 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "CommandLine.h"
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cstdio>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "Commands/Commands.h"
+#include "Commands/ExitCode.h"
+#include "Run/RunCommand.h"
+#include "Support/ClosestMatch.h"
+#include "Terminal/DisplayText.h"
+
+namespace vimbrel {
+namespace {
+
+constexpr const char* version = VIMBREL_VERSION;
+
+/// The values that the arguments fill in, and what is to be done with them.
+struct Invocation {
+  RunOptions run;
+  bool json = false;
+  std::string key;
+  std::string value;
+  std::vector<std::string> when;
+  std::string onOrOff;
+  std::function<int()> command;
+
+  [[nodiscard]] Output output() const { return json ? Output::json : Output::text; }
+};
+
+CLI::App* add(CLI::App& parent, const std::string& name, const std::string& description,
+              Invocation& invocation, std::function<int()> command) {
+  auto* app = parent.add_subcommand(name, description);
+  app->callback([&invocation, command = std::move(command)] { invocation.command = command; });
+  return app;
+}
+
+void addJsonFlag(CLI::App* app, Invocation& invocation) {
+  app->add_flag("--json", invocation.json, "Print one JSON document (docs/command-line.md)");
+}
+
+void describe(CLI::App& app, Invocation& in) {
+  auto* run = add(app, "run", "Keep this machine awake while agents work, until stopped", in,
+                  [&] { return runCommand(in.run, version); });
+  run->add_option("--simulate", in.run.worldFile, "Run on the simulated machine that this file describes")
+      ->option_text("WORLD.json");
+  run->add_flag("--lines", in.run.linesOnly, "Print a line per change, also on a terminal");
+  run->add_flag("--debug", in.run.logDetails, "Log details too");
+
+  addJsonFlag(add(app, "status", "Show what is decided, held and seen", in,
+                  [&] { return statusCommand(in.output()); }),
+              in);
+  add(app, "watch", "Show the same live, on the whole terminal", in, [] { return watchCommand(); });
+  addJsonFlag(add(app, "why", "Show how each rule contributed to the decision", in,
+                  [&] { return whyCommand(in.output()); }),
+              in);
+  addJsonFlag(
+      add(app, "sessions", "List the agents' sessions", in, [&] { return sessionsCommand(in.output()); }),
+      in);
+
+  auto* settings = app.add_subcommand("settings", "List and change settings");
+  settings->require_subcommand(1);
+  addJsonFlag(
+      add(*settings, "list", "List every setting", in, [&] { return settingsListCommand(in.output()); }), in);
+  auto* get = add(*settings, "get", "Print one setting's value", in,
+                  [&] { return settingsGetCommand(in.key, in.output()); });
+  get->add_option("key", in.key, "The setting")->required();
+  addJsonFlag(get, in);
+  auto* set = add(*settings, "set", "Change one setting", in,
+                  [&] { return settingsSetCommand(in.key, in.value, in.output()); });
+  set->add_option("key", in.key, "The setting")->required();
+  set->add_option("value", in.value, "on or off, a number, a duration such as 45s, a time")->required();
+  addJsonFlag(set, in);
+  auto* reset = add(*settings, "reset", "Give one setting, or all, the default again", in,
+                    [&] { return settingsResetCommand(in.key, in.output()); });
+  reset->add_option("key", in.key, "The setting; all when it is left out");
+  addJsonFlag(reset, in);
+
+  add(app, "pause", "Let the machine sleep for a while: pause 45m, pause until 14:00", in,
+      [&] { return pauseCommand(in.when); })
+      ->add_option("when", in.when, "90s, 45m, 1h30m, or: until 14:00")
+      ->required()
+      ->expected(1, 2);
+  add(app, "resume", "End a pause", in, [] { return resumeCommand(); });
+  add(app, "hold", "Hold by hand, whatever agents do: hold on, hold off", in,
+      [&] { return holdCommand(in.onOrOff == "on"); })
+      ->add_option("state", in.onOrOff, "on or off")
+      ->required()
+      ->check(CLI::IsMember({"on", "off"}));
+  addJsonFlag(add(app, "doctor", "Examine what can keep this machine awake, and what to do about the rest",
+                  in, [&] { return doctorCommand(in.output()); }),
+              in);
+}
+
+/// What the first argument that is neither a known command nor a known option was probably meant to be.
+std::string hintFor(CLI::App& app, const std::vector<std::string>& arguments) {
+  const std::function<bool(CLI::App*)> anyCommand = [](CLI::App*) { return true; };
+  auto* current = &app;
+  for (const auto& argument : arguments) {
+    std::vector<std::string> names;
+    if (argument.starts_with("-")) {
+      const auto name = argument.substr(0, argument.find('='));
+      if (current->get_option_no_throw(name) != nullptr) continue;
+      for (const auto* option : current->get_options()) {
+        for (const auto& each : option->get_lnames()) names.push_back("--" + each);
+      }
+    } else {
+      const auto commands = current->get_subcommands(anyCommand);
+      const auto next = std::ranges::find(commands, argument, &CLI::App::get_name);
+      if (next != commands.end()) {
+        current = *next;
+        continue;
+      }
+      for (const auto* each : commands) names.push_back(each->get_name());
+      if (names.empty()) continue;
+    }
+    const std::vector<std::string_view> candidates(names.begin(), names.end());
+    const auto close = closestMatch(argument, candidates);
+    const bool isOption = argument.starts_with("-");
+    std::string hint = (isOption ? "there is no option " : "there is no command ") + displayable(argument);
+    if (close) hint += "; did you mean " + std::string(*close) + "?";
+    return hint;
+  }
+  return {};
+}
+
+int reportMisuse(CLI::App& app, const CLI::ParseError& error, int argc, char** argv) {
+  const std::vector<std::string> arguments(argv + 1, argv + argc);
+  auto message = hintFor(app, arguments);
+  if (message.empty()) message = displayable(error.what());
+  std::string command = "vimbrel";
+  for (const CLI::App* each = &app; !each->get_subcommands().empty();) {
+    each = each->get_subcommands().front();
+    command += " " + each->get_name();
+  }
+  std::fprintf(stderr, "vimbrel: %s\nSee: %s --help\n", message.c_str(), command.c_str());
+  return exitCode::usage;
+}
+
+}  // namespace
+
+int runCommandLine(int argc, char** argv) {
+  Invocation invocation;
+  {
+    CLI::App app{"Keeps this machine awake while AI coding agents work.", "vimbrel"};
+    app.set_version_flag("--version", std::string("vimbrel ") + version);
+    app.require_subcommand(1);
+    app.get_formatter()->column_width(24);
+    describe(app, invocation);
+    try {
+      app.parse(argc, argv);
+    } catch (const CLI::Success& wanted) {
+      return app.exit(wanted);  // --help and --version print and end well.
+    } catch (const CLI::ParseError& error) {
+      return reportMisuse(app, error, argc, argv);
+    }
+  }
+  return invocation.command();
+}
+
+}  // namespace vimbrel

@@ -1,0 +1,29 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace vimbrel {
+
+/// How a reporting command answers.
+enum class Output { text, json };
+
+// One function per subcommand of `vimbrel`, each in the file of its name; the result is the exit status. All
+// of them are clients of the running application. `vimbrel run` itself is in Run/.
+int statusCommand(Output output);
+int watchCommand();
+int whyCommand(Output output);
+int sessionsCommand(Output output);
+int settingsListCommand(Output output);
+int settingsGetCommand(const std::string& key, Output output);
+int settingsSetCommand(const std::string& key, const std::string& value, Output output);
+/// An empty key resets every setting.
+int settingsResetCommand(const std::string& key, Output output);
+/// "45m", or "until" and a time of day.
+int pauseCommand(const std::vector<std::string>& when);
+int resumeCommand();
+int holdCommand(bool on);
+int doctorCommand(Output output);
+
+}  // namespace vimbrel

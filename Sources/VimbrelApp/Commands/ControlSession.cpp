@@ -1,0 +1,56 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Commands/ControlSession.h"
+
+#include <cstdio>
+#include <nlohmann/json.hpp>
+
+#include "Commands/ExitCode.h"
+#include "Control/ControlSocketPath.h"
+#include "Control/RpcError.h"
+#include "Support/Clock.h"
+#include "Terminal/DisplayText.h"
+
+namespace vimbrel {
+
+using nlohmann::json;
+
+std::expected<json, int> ask(std::string_view method, const json& params) {
+  auto client = ControlClient::connect(controlSocketPath());
+  if (!client) return std::unexpected(reportFailure(client.error()));
+  auto answer = client->call(method, params);
+  if (!answer) return std::unexpected(reportFailure(answer.error()));
+  return std::move(*answer);
+}
+
+int reportFailure(const ControlClientError& error) {
+  const auto text = displayable(error.text);
+  if (error.fault == ControlClientError::Fault::notRunning) {
+    std::fprintf(stderr, "vimbrel: Vimbrel is not running. Start it with: vimbrel run\n");
+    return exitCode::notRunning;
+  }
+  std::fprintf(stderr, "vimbrel: %s\n", text.c_str());
+  if (error.fault == ControlClientError::Fault::refused) {
+    if (error.code == static_cast<int>(RpcFault::methodNotFound)) {
+      std::fprintf(stderr, "The running Vimbrel is of another version. Start it anew with: vimbrel run\n");
+    }
+    if (error.code == static_cast<int>(RpcFault::invalidParams)) return exitCode::usage;
+  }
+  return exitCode::failed;
+}
+
+int reportUsage(const std::string& message) {
+  std::fprintf(stderr, "vimbrel: %s\n", displayable(message).c_str());
+  return exitCode::usage;
+}
+
+void printJson(const json& document) {
+  std::puts(document.dump(2, ' ', false, json::error_handler_t::replace).c_str());
+}
+
+void printLines(const std::vector<std::string>& lines) {
+  for (const auto& line : lines) std::puts(line.c_str());
+}
+
+Instant currentTime() { return SystemClock().now(); }
+
+}  // namespace vimbrel

@@ -1,0 +1,28 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <expected>
+#include <nlohmann/json_fwd.hpp>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "Control/ControlClient.h"
+#include "Support/Instant.h"
+
+namespace vimbrel {
+
+/// Calls one method of the running application. On failure the user has been told on standard error and the
+/// error is the exit status.
+[[nodiscard]] std::expected<nlohmann::json, int> ask(std::string_view method, const nlohmann::json& params);
+
+/// Says on standard error what went wrong and what to do; returns the exit status.
+int reportFailure(const ControlClientError& error);
+/// The same for a command line that cannot be meant.
+int reportUsage(const std::string& message);
+
+void printJson(const nlohmann::json& document);
+void printLines(const std::vector<std::string>& lines);
+[[nodiscard]] Instant currentTime();
+
+}  // namespace vimbrel

@@ -1,0 +1,73 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <unistd.h>
+
+#include <nlohmann/json.hpp>
+
+#include "Commands/Commands.h"
+#include "Commands/ControlSession.h"
+#include "Commands/ExitCode.h"
+#include "Terminal/DisplayText.h"
+#include "Terminal/Palette.h"
+#include "Terminal/TerminalSize.h"
+
+namespace vimbrel {
+
+using nlohmann::json;
+
+namespace {
+
+std::string text(const json& object, const char* key) {
+  const auto member = object.find(key);
+  return member != object.end() && member->is_string() ? displayable(member->get<std::string>())
+                                                       : std::string{};
+}
+
+Tone toneOf(const std::string& verdict) {
+  if (verdict == "works") return Tone::good;
+  if (verdict == "missing") return Tone::dim;
+  return verdict == "refused" ? Tone::bad : Tone::warning;
+}
+
+}  // namespace
+
+int doctorCommand(Output output) {
+  const auto answer = ask("doctor", json::object());
+  if (!answer) return answer.error();
+  const bool canHold = answer->value("canHold", false);
+  const bool simulated = answer->value("simulated", false);
+  const int status = canHold ? exitCode::done : exitCode::failed;
+  if (output == Output::json) {
+    printJson(*answer);
+    return status;
+  }
+  const auto width = outputWidth(STDOUT_FILENO);
+  const auto palette = Palette::forDescriptor(STDOUT_FILENO);
+  constexpr std::size_t indent = 10;
+  const auto room = width == 0 ? 0 : std::max<std::size_t>(width, indent + 10) - indent;
+  std::vector<std::string> lines;
+  const auto add = [&](const std::string& sentence, Tone tone) {
+    if (sentence.empty()) return;
+    for (const auto& line : wrapped(sentence, room)) {
+      lines.push_back(std::string(indent, ' ') + palette.paint(tone, line));
+    }
+  };
+  for (const auto& finding : answer->value("findings", json::array())) {
+    if (!finding.is_object()) continue;
+    const auto verdict = text(finding, "verdict");
+    lines.push_back(palette.paint(toneOf(verdict), padded(verdict, indent)) +
+                    palette.paint(Tone::strong, text(finding, "subject")));
+    add(text(finding, "explanation"), Tone::plain);
+    if (const auto remedy = text(finding, "remedy"); !remedy.empty()) add("-> " + remedy, Tone::plain);
+  }
+  lines.emplace_back();
+  const char* verdict = simulated ? "SIMULATED: nothing keeps this machine awake."
+                        : canHold ? "This machine can be kept awake."
+                                  : "Nothing here can keep this machine awake.";
+  for (const auto& line : wrapped(verdict, width)) {
+    lines.push_back(palette.paint(simulated || !canHold ? Tone::warning : Tone::good, line));
+  }
+  printLines(lines);
+  return status;
+}
+
+}  // namespace vimbrel

@@ -1,0 +1,157 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Run/BackgroundProcess.h"
+
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
+#include <nlohmann/json.hpp>
+
+#include "AgentMonitoring/HookEventReceiver.h"
+#include "AgentMonitoring/HookSocketPath.h"
+#include "Control/DoctorMethods.h"
+#include "Control/ProtectionMethods.h"
+#include "Control/SettingsMethods.h"
+#include "Control/StatusMethods.h"
+#include "Run/HostPlatform.h"
+
+namespace vimbrel {
+
+using namespace std::chrono_literals;
+
+namespace {
+
+/// A simulated machine's lid is covered in memory too.
+ApplicationOptions::Helper helperFor(const RunOptions& options) {
+  return options.worldFile.empty() ? ApplicationOptions::Helper::machine
+                                   : ApplicationOptions::Helper::simulated;
+}
+
+/// The helper gives a lease up by itself when it runs out, so a slow one need not be waited for.
+constexpr auto helperPatience = 500ms;
+
+}  // namespace
+
+BackgroundProcess::BackgroundProcess(const RunOptions& options, std::string version)
+    : options_(options),
+      simulated_(loop_.mainQueue()),
+      platform_(choosePlatform()),
+      application_(platform_, loop_, clock_, ApplicationDirectories::ofUser(),
+                   {.hookReceiver = makeHookReceiver(), .helper = helperFor(options)}),
+      controlled_{application_.coordinator(), application_.platform(), clock_, std::move(version)},
+      server_(loop_.mainQueue(), clock_) {
+  tokens_.push_back(addStatusMethods(server_, controlled_));
+  addSettingsMethods(server_, controlled_);
+  addProtectionMethods(server_, controlled_);
+  addDoctorMethods(server_, controlled_);
+}
+
+BackgroundProcess::~BackgroundProcess() { platform_.assertions->onMechanismsChanged = nullptr; }
+
+PlatformServices BackgroundProcess::choosePlatform() {
+  if (!options_.worldFile.empty()) {
+    worldFile_.emplace(options_.worldFile, simulated_);
+    worldFile_->watch(*loop_.mainQueue());
+    return simulated_.services();
+  }
+  return makeHostPlatform(loop_, simulated_.services());
+}
+
+std::shared_ptr<HookEventReceiving> BackgroundProcess::makeHookReceiver() {
+  return std::make_shared<HookEventReceiver>(defaultHookSocketPath(), loop_, clock_);
+}
+
+std::expected<void, std::string> BackgroundProcess::start(const std::string& controlSocket) {
+  platform_.assertions->onMechanismsChanged = [this] {
+    application_.coordinator().scheduleEvaluation();
+    server_.stateDidChange();
+    showChange();
+  };
+  application_.start();
+  if (const auto started = server_.start(controlSocket); !started) {
+    application_.stop();
+    return std::unexpected("cannot serve " + controlSocket + ": " + started.error().text());
+  }
+  if (platform_.assertions->isSimulated()) {
+    logger_.info("Simulated: nothing keeps this machine awake");
+    std::fputs(options_.worldFile.empty() ? "vimbrel: nothing here can keep this machine awake, so holding "
+                                            "is SIMULATED; why: vimbrel doctor\n"
+                                          : "vimbrel: SIMULATED machine; nothing keeps this one awake\n",
+               stderr);
+  }
+  if (const auto problem = simulated_.problem()) std::fprintf(stderr, "vimbrel: %s\n", problem->c_str());
+  followSignals();
+  startOutput();
+  serviceManager_.ready(*loop_.mainQueue());
+  return {};
+}
+
+void BackgroundProcess::followSignals() {
+  for (const int signal : {SIGTERM, SIGINT, SIGHUP, SIGQUIT}) {
+    tokens_.push_back(loop_.onSignal(signal, [this, signal] {
+      logger_.info("Stopping on signal %d", signal);
+      loop_.stop();
+    }));
+  }
+}
+
+void BackgroundProcess::startOutput() {
+  tokens_.push_back(application_.coordinator().stateChanged().subscribe([this] { showChange(); }));
+  if (!options_.linesOnly && FullScreen::isPossible()) {
+    screen_ = std::make_unique<LiveScreen>("q stop Vimbrel");
+    keys_ = loop_.mainQueue()->watchReadable(STDIN_FILENO, [this] { takeKeys(); });
+    tokens_.push_back(loop_.onSignal(SIGWINCH, [this] { draw(); }));
+    tokens_.push_back(loop_.onSignal(SIGTSTP, [this] {
+      screen_->suspend();
+      draw();
+    }));
+    // For the ages that the view shows.
+    tokens_.push_back(loop_.mainQueue()->every(1s, 1s, TimerPrecision::shared, [this] { draw(); }));
+  }
+  showChange();
+}
+
+void BackgroundProcess::showChange() {
+  if (screen_) return draw();
+  if (const auto line = lines_.next(statusDocument(controlled_), clock_.now())) {
+    std::puts(line->c_str());
+    std::fflush(stdout);
+  }
+}
+
+void BackgroundProcess::draw() {
+  screen_->setState(statusDocument(controlled_));
+  screen_->draw(clock_.now());
+}
+
+void BackgroundProcess::takeKeys() {
+  std::string keys;
+  if (!FullScreen::readKeys(keys)) {
+    // The terminal is gone, and with it the user who started this.
+    keys_.reset();
+    loop_.stop();
+  }
+  auto& coordinator = application_.coordinator();
+  for (const char key : keys) {
+    SettingsStore::WriteResult written;
+    if (key == 'q' || key == 'Q') loop_.stop();
+    if (key == 'p' || key == 'P')
+      written = coordinator.settings().pause(Seconds(LiveScreen::pauseKeySeconds));
+    if (key == 'r' || key == 'R') written = coordinator.settings().resume();
+    screen_->setNotice(written ? "" : written.error().text);
+  }
+  coordinator.evaluate();
+  draw();
+}
+
+void BackgroundProcess::run() {
+  loop_.run();
+  serviceManager_.stopping();
+  // Intake first: nothing that comes in meanwhile may take what is given back.
+  server_.stop();
+  application_.stop();
+  screen_ = nullptr;
+  application_.drain(helperPatience);
+}
+
+}  // namespace vimbrel

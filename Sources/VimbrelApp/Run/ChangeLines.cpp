@@ -1,0 +1,44 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Run/ChangeLines.h"
+
+#include <algorithm>
+#include <nlohmann/json.hpp>
+
+#include "Domain/AgentType.h"
+#include "Terminal/DisplayText.h"
+#include "Terminal/StatusView.h"
+
+namespace vimbrel {
+
+using nlohmann::json;
+
+namespace {
+
+std::string agentsOf(const json& state) {
+  std::string result;
+  for (const auto& session : state.value("sessions", json::array())) {
+    const auto raw = session.value("agentType", std::string{});
+    const auto agent = agentTypeFromRawValue(raw);
+    if (!result.empty()) result += ", ";
+    result += agent ? std::string(displayName(*agent)) : raw;
+    result += " " + session.value("state", std::string{});
+  }
+  return result.empty() ? "none" : result;
+}
+
+}  // namespace
+
+std::optional<std::string> ChangeLines::next(const json& state, Instant now) {
+  const auto line = state.value("statusDescription", std::string{}) + "; agents: " + agentsOf(state) +
+                    "; held: " + heldSentence(state);
+  std::string comparable = line;
+  if (state.value("isHolding", false)) {
+    // The debounce counts down in the reason.
+    std::erase_if(comparable, [](char c) { return c >= '0' && c <= '9'; });
+  }
+  if (comparable == last_) return std::nullopt;
+  last_ = std::move(comparable);
+  return formatIso8601(now) + " " + displayable(line);
+}
+
+}  // namespace vimbrel

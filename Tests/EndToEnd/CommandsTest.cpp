@@ -1,0 +1,150 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+
+#include "EndToEnd/ProcessHarness.h"
+
+namespace vimbrel {
+namespace {
+
+using nlohmann::json;
+
+struct CommandCase {
+  std::vector<std::string> arguments;
+  int status;
+  std::string says;  ///< on standard error when the status is not 0, else on standard output
+};
+
+void expectEach(const Sandbox& sandbox, const std::vector<CommandCase>& cases) {
+  for (const auto& each : cases) {
+    std::string line;
+    for (const auto& argument : each.arguments) line += argument + " ";
+    const auto finished = sandbox.vimbrel(each.arguments);
+    EXPECT_EQ(finished.status, each.status) << line;
+    const auto& text = each.status == 0 ? finished.output : finished.errors;
+    EXPECT_TRUE(text.contains(each.says)) << line << "says: " << text;
+    if (each.status != 0) {
+      EXPECT_EQ(finished.output, "") << line;
+    }
+  }
+}
+
+TEST(Commands, sayHowToStartTheApplicationWhenItIsNotRunning) {
+  const Sandbox sandbox;
+  std::vector<CommandCase> cases;
+  for (const auto& arguments :
+       std::vector<std::vector<std::string>>{{"status"},
+                                             {"status", "--json"},
+                                             {"watch"},
+                                             {"why"},
+                                             {"sessions"},
+                                             {"settings", "list"},
+                                             {"settings", "get", "masterEnabled"},
+                                             {"settings", "set", "masterEnabled", "on"},
+                                             {"settings", "reset"},
+                                             {"pause", "45m"},
+                                             {"resume"},
+                                             {"hold", "on"},
+                                             {"doctor"}}) {
+    cases.push_back({arguments, 3, "Start it with: vimbrel run"});
+  }
+  expectEach(sandbox, cases);
+}
+
+TEST(Commands, explainAWrongCommandLine) {
+  const Sandbox sandbox;
+  expectEach(sandbox, {{{"--help"}, 0, "Subcommands:"},
+                       {{"run", "--help"}, 0, "--simulate"},
+                       {{"--version"}, 0, "vimbrel "},
+                       {{}, 2, "vimbrel --help"},
+                       {{"staus"}, 2, "did you mean status?"},
+                       {{"xyzzy"}, 2, "there is no command xyzzy\n"},
+                       {{"status", "--jsn"}, 2, "did you mean --json?"},
+                       {{"status", "more"}, 2, "vimbrel status --help"},
+                       {{"settings"}, 2, "vimbrel settings --help"},
+                       {{"settings", "lst"}, 2, "did you mean list?"},
+                       {{"settings", "set", "masterEnabled"}, 2, "value is required"},
+                       {{"hold"}, 2, "vimbrel hold --help"},
+                       {{"hold", "maybe"}, 2, "maybe"},
+                       {{"pause"}, 2, "vimbrel pause --help"},
+                       {{"pause", "soon"}, 2, "soon"},
+                       {{"pause", "until", "25:00"}, 2, "write it like 14:00"},
+                       {{"run", "--simulate", "/nonexistent.json"}, 1, "/nonexistent.json"}});
+}
+
+TEST(Commands, steerTheRunningApplication) {
+  const Sandbox sandbox;
+  const auto application = sandbox.startSimulated();
+  expectEach(sandbox,
+             {{{"status"}, 0, "SIMULATED"},
+              {{"hold", "on"}, 0, "Manual hold requested"},
+              {{"status"}, 0, "system sleep of a simulated machine"},
+              {{"pause", "45m"}, 0, "Protection paused, until "},
+              {{"why"}, 0, "=> Pause"},
+              {{"why"}, 0, "would say: Active (0 working agents) — Manual hold requested"},
+              {{"resume"}, 0, "Manual hold requested"},
+              {{"pause", "until", "14:00"}, 0, "until 14:00"},
+              {{"hold", "off"}, 0, "Protection paused"},
+              {{"settings", "reset"}, 0, "releaseDelaySeconds"},
+              {{"status"}, 0, "Sleep enabled"},
+              {{"sessions"}, 0, "No agents"},
+              {{"settings", "set", "releaseDelaySeconds", "2m"}, 0, "releaseDelaySeconds = 120 seconds"},
+              {{"settings", "get", "releaseDelaySeconds"}, 0, "120\n"},
+              {{"settings", "reset", "releaseDelaySeconds"}, 0, "releaseDelaySeconds = 30 seconds"},
+              {{"settings", "get", "batteryFlor"}, 2, "there is no setting \"batteryFlor\""},
+              {{"settings", "set", "batteryFloorPercnt", "20"}, 2, "did you mean \"batteryFloorPercent\"?"},
+              {{"settings", "set", "batteryFloorPercent", "99"}, 2, "from 5 to 50"},
+              {{"settings", "set", "masterEnabled", "perhaps"}, 2, "perhaps"},
+              {{"pause", "0s"}, 2, "more than 0"},
+              {{"doctor"}, 0, "hook socket"}});
+}
+
+TEST(Commands, keepTheKeysOfTheirDocuments) {
+  const Sandbox sandbox;
+  const auto application = sandbox.startSimulated();
+  EXPECT_EQ(sandbox.relay({"--agent", "codex", "--state", "working", "--session", "s"}).status, 0);
+  const auto document = [&](const std::vector<std::string>& arguments) {
+    return json::parse(sandbox.vimbrel(arguments).output, nullptr, false);
+  };
+  ASSERT_TRUE(eventually([&] { return !document({"status", "--json"})["sessions"].empty(); }));
+  const struct {
+    std::vector<std::string> arguments;
+    std::string pointer;
+    std::vector<std::string> keys;
+  } cases[] = {
+      {{"status", "--json"},
+       "",
+       {"assertions", "decision", "elapsedProtectionSeconds", "isHolding", "lidClosed", "pauseUntil", "power",
+        "protectionStartedAt", "sessions", "settings", "statusDescription", "thermalState", "warnings"}},
+      {{"status", "--json"},
+       "/assertions",
+       {"display", "mechanismDetails", "mechanisms", "simulated", "system"}},
+      {{"status", "--json"},
+       "/sessions/0",
+       {"agentType", "confidence", "hostAppName", "id", "integrationType", "lastEventAt",
+        "lastEventDescription", "startedAt", "state"}},
+      {{"why", "--json"}, "", {"decision", "now", "rules", "simulated", "statusDescription"}},
+      {{"why", "--json"},
+       "/rules/0",
+       {"changesAt", "label", "outcome", "rule", "saw", "says", "saysDescription", "wouldChange"}},
+      {{"sessions", "--json"}, "", {"sessions"}},
+      {{"settings", "list", "--json"}, "", {"location", "settings", "warnings"}},
+      {{"settings", "get", "batteryFloorPercent", "--json"},
+       "",
+       {"default", "help", "isDefault", "key", "maximum", "minimum", "text", "type", "unit", "value"}},
+      {{"doctor", "--json"}, "", {"canHold", "findings", "simulated"}},
+  };
+  for (const auto& each : cases) {
+    const auto whole = document(each.arguments);
+    const auto& part = whole[json::json_pointer(each.pointer)];
+    std::vector<std::string> keys;
+    for (const auto& [key, value] : part.items()) {
+      if (key != "pid" && key != "cwd") keys.push_back(key);  // Those of the relay's own process.
+    }
+    EXPECT_EQ(keys, each.keys) << each.arguments[0] << each.pointer;
+  }
+}
+
+}  // namespace
+}  // namespace vimbrel
