@@ -1,0 +1,119 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "System/ProtectionHistory.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <nlohmann/json.hpp>
+
+#include "Support/VirtualTime.h"
+#include "TemporaryDirectory.h"
+
+namespace vimbrel {
+namespace {
+
+class History : public testing::Test {
+ protected:
+  void open(std::size_t most = 100) {
+    history_.emplace(ProtectionHistory::Options{path_, most, Seconds{60}}, time_);
+  }
+  /// One evaluation a second for the given time.
+  void live(double seconds, const WakeDecision& decision, std::vector<AgentType> working = {},
+            std::optional<std::int64_t> battery = {}) {
+    PolicyEvaluationContext context;
+    std::vector<AgentSession> sessions;
+    for (const auto agent : working) {
+      AgentSession session;
+      session.id = std::string(rawValue(agent)) + std::to_string(sessions.size());
+      session.agentType = agent;
+      session.state = AgentState::working;
+      sessions.push_back(session);
+    }
+    context.sessions = SessionSnapshot::of(sessions);
+    context.powerSource.batteryPercent = battery;
+    for (double at = 0; at < seconds; ++at) {
+      context.now = time_.now();
+      history_->didDecide(context, context.sessions.entries(), decision);
+      time_.advance(std::chrono::seconds{1});
+    }
+  }
+  const WakeDecision idle_ = WakeDecision::release("No active agent sessions");
+  TemporaryDirectory directory_;
+  const std::string path_ = directory_.file("history.jsonl");
+  VirtualTime time_{instantFromUnixSeconds(1'800'000'000)};
+  std::optional<ProtectionHistory> history_;
+};
+
+TEST_F(History, tellsWhatHeldTheMachineAwakeAndWhyItStopped) {
+  open();
+  live(5, idle_);
+  live(100, WakeDecision::hold("Claude Code working", 1, true), {AgentType::claude}, 80);
+  live(50, WakeDecision::hold("Claude Code, Codex CLI working", 3, false),
+       {AgentType::claude, AgentType::claude, AgentType::codex}, 70);
+  live(1, WakeDecision::hold("Release debounce (30s)", 0, false));
+  live(1, WakeDecision::hold("Release debounce (29s)", 0, false));
+  live(1, WakeDecision::blocked(SafetyBlock::batteryBelowFloor), {}, 14);
+  live(10, idle_);
+  live(10, WakeDecision::hold("Manual hold requested", 0, false));
+  const auto episodes = history_->episodes();
+  ASSERT_EQ(episodes.size(), 2U);
+  const auto& first = episodes[0];
+  EXPECT_EQ(first.seconds(), 152);
+  EXPECT_EQ(first.ending, EpisodeEnding::blocked);
+  EXPECT_EQ(first.block, SafetyBlock::batteryBelowFloor);
+  EXPECT_EQ(first.reasons, (std::vector<std::string>{"Claude Code working", "Claude Code, Codex CLI working",
+                                                     "Release debounce"}));
+  EXPECT_EQ(first.workingSeconds.at(AgentType::claude), 149);
+  EXPECT_EQ(first.workingSeconds.at(AgentType::codex), 50);
+  ASSERT_EQ(first.counts.size(), 3U);
+  EXPECT_EQ(first.counts[1].count, 3);
+  EXPECT_TRUE(first.wasDeepHoldWanted);
+  EXPECT_EQ(first.batteryAtStart, 80);
+  EXPECT_EQ(first.batteryAtEnd, 14);
+  EXPECT_EQ(episodes[1].ending, EpisodeEnding::ongoing);
+  EXPECT_EQ(history_->episodes(first.endedAt + Seconds{1}).size(), 1U);
+  EXPECT_EQ(history_->episodes({}, first.startedAt).size(), 1U);
+  const auto totals = totalsOf(episodes);
+  EXPECT_EQ(totals.safetyCutoffs, 1);
+  EXPECT_EQ(totals.sleepsPrevented.at(AgentType::claude), 1);
+  EXPECT_EQ(protectionEpisodeFromJson(nlohmann::json(toJson(first))).value(), first);
+}
+
+TEST_F(History, aCrashLeavesAnInterruptedEpisodeAndAStopAStoppedOne) {
+  open();
+  live(150, WakeDecision::hold("Claude Code working", 1, false), {AgentType::claude});
+  open();  // as after a crash: the object before said nothing
+  auto episodes = history_->episodes();
+  ASSERT_EQ(episodes.size(), 1U);
+  EXPECT_EQ(episodes[0].ending, EpisodeEnding::interrupted);
+  EXPECT_EQ(episodes[0].seconds(), 120) << "it was last written after two minutes";
+  live(10, WakeDecision::hold("Claude Code working", 1, false), {AgentType::claude});
+  history_->didStop();
+  open();
+  episodes = history_->episodes();
+  ASSERT_EQ(episodes.size(), 2U);
+  EXPECT_EQ(episodes[1].ending, EpisodeEnding::stopped);
+}
+
+TEST_F(History, staysBoundedAndReadsPastTornLines) {
+  open(20);
+  for (int i = 0; i < 50; ++i) {
+    live(1, WakeDecision::hold("x", 1, false));
+    live(1, idle_);
+  }
+  EXPECT_LE(history_->episodes().size(), 20U);
+  EXPECT_GE(history_->episodes().size(), 10U);
+  const auto count = history_->episodes().size();
+  std::filesystem::resize_file(path_, std::filesystem::file_size(path_) - 30);
+  open(20);
+  EXPECT_EQ(history_->episodes().size(), count - 1);
+  live(1, WakeDecision::hold("x", 1, false));
+  live(1, idle_);
+  std::ofstream(path_, std::ios::app) << "\nnot json\n{}\n";
+  open(20);
+  EXPECT_EQ(history_->episodes().size(), count);
+}
+
+}  // namespace
+}  // namespace vimbrel
