@@ -27,6 +27,8 @@ struct Invocation {
   std::string value;
   std::vector<std::string> when;
   std::string onOrOff;
+  bool lid = false;
+  std::vector<std::string> heldCommand;
   std::function<int()> command;
 
   [[nodiscard]] Output output() const { return json ? Output::json : Output::text; }
@@ -41,6 +43,17 @@ CLI::App* add(CLI::App& parent, const std::string& name, const std::string& desc
 
 void addJsonFlag(CLI::App* app, Invocation& invocation) {
   app->add_flag("--json", invocation.json, "Print one JSON document (docs/command-line.md)");
+}
+
+/// Two commands in one: the switch, and the hold of one command.
+int holdAsAsked(const Invocation& in) {
+  if (!in.heldCommand.empty()) return holdWhileCommand(in.onOrOff, in.lid, in.heldCommand);
+  const bool isSwitch = in.onOrOff == "on" || in.onOrOff == "off";
+  if (isSwitch && !in.lid) return holdCommand(in.onOrOff == "on");
+  std::fputs(
+      "vimbrel: hold takes on, off, or a time and a command, such as: vimbrel hold --lid 45m -- make\n",
+      stderr);
+  return exitCode::usage;
 }
 
 void describe(CLI::App& app, Invocation& in) {
@@ -86,11 +99,11 @@ void describe(CLI::App& app, Invocation& in) {
       ->required()
       ->expected(1, 2);
   add(app, "resume", "End a pause", in, [] { return resumeCommand(); });
-  add(app, "hold", "Hold by hand, whatever agents do: hold on, hold off", in,
-      [&] { return holdCommand(in.onOrOff == "on"); })
-      ->add_option("state", in.onOrOff, "on or off")
-      ->required()
-      ->check(CLI::IsMember({"on", "off"}));
+  auto* hold = add(app, "hold", "Hold by hand: hold on, hold off; or for a command: hold --lid 45m -- make",
+                   in, [&] { return holdAsAsked(in); });
+  hold->add_option("state", in.onOrOff, "on or off; with a command, for how long at most")->required();
+  hold->add_flag("--lid", in.lid, "Keep awake with the lid closed too, while the command runs");
+  hold->add_option("command", in.heldCommand, "The command and its arguments, after --");
   addJsonFlag(add(app, "doctor", "Examine what can keep this machine awake, and what to do about the rest",
                   in, [&] { return doctorCommand(in.output()); }),
               in);

@@ -154,7 +154,8 @@ void SimulatedApplication::checkWhenSettled() {
   if (!block && works && !decision().isHolding()) fail("released while an agent works");
   if (!block && settings.manualHoldEnabled() && !decision().isHolding())
     fail("released against a manual hold");
-  if (!block && decision().isHolding() && !works && !settings.manualHoldEnabled()) {
+  const bool isAskedFor = settings.manualHoldEnabled() || !app().commandHolds().active(now).empty();
+  if (!block && decision().isHolding() && !works && !isAskedFor) {
     const auto stoppedAt = app().agents().lastActiveAgentStoppedAt();
     const Seconds delay{std::max(0.0, settings.releaseDelaySeconds())};
     if (!stoppedAt || now - *stoppedAt >= delay) fail("held without a reason");

@@ -192,7 +192,7 @@ TEST(DeepHoldService, neverHoldsUpTheLoopForAHelperThatAcceptsAndNeverAnswers) {
 
 TEST(CommandHolds, areReasonsToHoldUnderEverySafetyRule) {
   VirtualTime time{instantFromReferenceSeconds(0)};
-  CommandHolds holds(time);
+  CommandHolds holds;
   const auto decide = [&](bool hot = false) {
     PolicyEvaluationContext context;
     context.now = time.now();
@@ -210,7 +210,7 @@ TEST(CommandHolds, areReasonsToHoldUnderEverySafetyRule) {
   EXPECT_EQ(decide(), WakeDecision::hold("Running curl", 0, false));
   time.advance(90s);
   EXPECT_FALSE(decide().isHolding()) << "its time is up";
-  EXPECT_TRUE(holds.active().empty());
+  EXPECT_TRUE(holds.active(time.now()).empty());
 }
 
 }  // namespace

@@ -24,6 +24,8 @@ int settingsResetCommand(const std::string& key, Output output);
 int pauseCommand(const std::vector<std::string>& when);
 int resumeCommand();
 int holdCommand(bool on);
+/// Runs a command, whose exit status is the result, under a hold that ends with it or after `duration`.
+int holdWhileCommand(const std::string& duration, bool lid, const std::vector<std::string>& command);
 int doctorCommand(Output output);
 
 }  // namespace vimbrel

@@ -81,6 +81,19 @@ int whyCommand(Output output) {
   for (const auto& rule : answer->value("rules", json::array())) {
     addRule(lines, rule, width, palette, currentTime());
   }
+  if (const auto lid = answer->find("closedLid"); lid != answer->end() && lid->is_object()) {
+    lines.emplace_back();
+    std::string sentence = "The closed lid: " + text(*lid, "explanation");
+    if (const auto by = text(*lid, "coveredBy"); !by.empty()) sentence += ", covered by " + by;
+    if (const auto until = parseIso8601(text(*lid, "until"))) {
+      sentence += " until " + localTime(*until, currentTime()) + " unless renewed";
+    }
+    if (const auto remedy = text(*lid, "remedy"); !remedy.empty()) sentence += ". To change that, " + remedy;
+    const bool fails = text(*lid, "cover") == "uncovered";
+    for (const auto& line : wrapped(sentence + ".", width)) {
+      lines.push_back(palette.paint(fails ? Tone::bad : Tone::plain, line));
+    }
+  }
   printLines(lines);
   return exitCode::done;
 }

@@ -9,6 +9,7 @@
 
 #include "AgentMonitoring/HookEventReceiver.h"
 #include "AgentMonitoring/HookSocketPath.h"
+#include "Control/DeepHoldMethods.h"
 #include "Control/DoctorMethods.h"
 #include "Control/ProtectionMethods.h"
 #include "Control/SettingsMethods.h"
@@ -38,9 +39,11 @@ BackgroundProcess::BackgroundProcess(const RunOptions& options, std::string vers
       platform_(choosePlatform()),
       application_(platform_, loop_, clock_, ApplicationDirectories::ofUser(),
                    {.hookReceiver = makeHookReceiver(), .helper = helperFor(options)}),
-      controlled_{application_.coordinator(), application_.platform(), clock_, std::move(version)},
+      controlled_{application_.coordinator(), application_.platform(),  clock_,
+                  std::move(version),         &application_.deepHold(), &application_.commandHolds()},
       server_(loop_.mainQueue(), clock_) {
   tokens_.push_back(addStatusMethods(server_, controlled_));
+  tokens_.push_back(addDeepHoldMethods(server_, controlled_));
   addSettingsMethods(server_, controlled_);
   addProtectionMethods(server_, controlled_);
   addDoctorMethods(server_, controlled_);

@@ -101,6 +101,32 @@ void addField(std::vector<std::string>& lines, std::string_view label, const std
   }
 }
 
+/// Whether the lid may be closed, and what to do when it should be and may not.
+void addLid(std::vector<std::string>& lines, const json& state, std::size_t width, const Palette& palette,
+            Instant now) {
+  const auto& closedLid = part(state, "closedLid");
+  const auto cover = text(closedLid, "cover");
+  std::string lid = flag(state, "lidClosed") ? "closed" : "open";
+  if (cover == "covered") {
+    lid += "; may be closed, covered by " + text(closedLid, "coveredBy");
+    if (const auto until = instant(closedLid, "until")) {
+      lid += " until " + localTime(*until, now) + " unless renewed";
+    }
+  } else if (cover == "uncovered" || cover == "notNeeded") {
+    lid += "; " + text(closedLid, "explanation");
+  }
+  const bool fails = cover == "uncovered";
+  addField(lines, "Lid", lid, width, palette, fails ? Tone::bad : Tone::plain);
+  if (fails) addField(lines, "", "-> " + text(closedLid, "remedy"), width, palette);
+  for (const auto& hold : part(state, "commandHolds")) {
+    if (!hold.is_object()) continue;
+    auto sentence = text(hold, "command");
+    if (const auto until = instant(hold, "until")) sentence += ", until " + localTime(*until, now);
+    if (flag(hold, "coversLid")) sentence += ", with the lid";
+    addField(lines, "Command", sentence, width, palette);
+  }
+}
+
 }  // namespace
 
 std::string localTime(Instant moment, Instant now) {
@@ -177,7 +203,7 @@ std::vector<std::string> statusLines(const json& state, std::size_t width, const
   addField(lines, "Power", powerSentence(state), width, palette);
   const auto thermal = text(state, "thermalState");
   addField(lines, "Heat", thermal, width, palette, thermal == "critical" ? Tone::bad : Tone::plain);
-  addField(lines, "Lid", flag(state, "lidClosed") ? "closed" : "open", width, palette);
+  addLid(lines, state, width, palette, now);
   if (const auto until = instant(state, "pauseUntil")) {
     addField(lines, "Paused", "until " + localTime(*until, now), width, palette, Tone::warning);
   }

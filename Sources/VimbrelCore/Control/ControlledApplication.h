@@ -6,6 +6,8 @@
 #include "Platform/PlatformServices.h"
 #include "Support/Clock.h"
 #include "System/AppCoordinator.h"
+#include "System/CommandHolds.h"
+#include "System/DeepHoldService.h"
 
 namespace vimbrel {
 
@@ -15,6 +17,9 @@ struct ControlledApplication {
   PlatformServices& platform;
   const Clock& clock;
   std::string version;
+  /// Null where there is no closed lid to cover, and no command to hold for.
+  DeepHoldService* deepHold = nullptr;
+  CommandHolds* commandHolds = nullptr;
 };
 
 }  // namespace vimbrel

@@ -2,6 +2,8 @@
 #include "Control/DoctorMethods.h"
 
 #include <algorithm>
+#include <memory>
+#include <optional>
 
 #include "Control/RpcResult.h"
 
@@ -46,9 +48,10 @@ std::vector<DoctorFinding> ownFindings(const ControlledApplication& application)
   return findings;
 }
 
-RpcResult examine(const ControlledApplication& application) {
+RpcResult examine(const ControlledApplication& application, const std::optional<DoctorFinding>& closedLid) {
   auto findings =
       application.platform.examine ? application.platform.examine() : std::vector<DoctorFinding>{};
+  if (closedLid) findings.push_back(*closedLid);
   for (auto& finding : ownFindings(application)) findings.push_back(std::move(finding));
   json list = json::array();
   for (const auto& finding : findings) {
@@ -69,7 +72,14 @@ RpcResult examine(const ControlledApplication& application) {
 }  // namespace
 
 void addDoctorMethods(ControlServer& server, const ControlledApplication& application) {
-  server.methods().add("doctor", [application](const json&) -> RpcResult { return examine(application); });
+  server.methods().addLater("doctor", [application](const json&, RpcReply reply) {
+    if (application.deepHold == nullptr) return reply(examine(application, std::nullopt));
+    // The helper is tried out in the background; the rest follows at once when that is done.
+    application.deepHold->examine(
+        [application, held = std::make_shared<RpcReply>(std::move(reply))](const DoctorFinding& closedLid) {
+          (*held)(examine(application, closedLid));
+        });
+  });
 }
 
 }  // namespace vimbrel

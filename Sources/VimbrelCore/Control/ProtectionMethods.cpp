@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Control/ProtectionMethods.h"
 
+#include "Control/DeepHoldMethods.h"
 #include "Control/RpcResult.h"
 #include "Control/StatusMethods.h"
 #include "Domain/WakeDecisionCodec.h"
@@ -76,6 +77,7 @@ RpcResult why(const ControlledApplication& application) {
               {"statusDescription", explanation.decision.statusDescription()},
               {"now", formatIso8601(context->now)},
               {"simulated", application.platform.assertions->isSimulated()},
+              {"closedLid", closedLidDocument(application)},
               {"rules", std::move(rules)}};
 }
 

@@ -3,6 +3,7 @@
 
 #include <unistd.h>
 
+#include "Control/DeepHoldMethods.h"
 #include "Control/RpcResult.h"
 #include "Control/SettingsMethods.h"
 #include "Domain/AgentSessionCodec.h"
@@ -82,6 +83,8 @@ json statusDocument(const ControlledApplication& application) {
       {"power", json(toJson(coordinator.parts().batteryMonitor->currentSnapshot()))},
       {"thermalState", rawValue(coordinator.parts().thermalMonitor->currentThermalState())},
       {"lidClosed", coordinator.parts().lidMonitor->isLidClosed()},
+      {"closedLid", closedLidDocument(application)},
+      {"commandHolds", commandHoldsDocument(application)},
       {"pauseUntil", isPaused ? dateOrNull(pauseUntil) : json(nullptr)},
       {"assertions", assertionsOf(application)},
       {"settings", settingValues(coordinator.settings())},

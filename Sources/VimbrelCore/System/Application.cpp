@@ -51,7 +51,7 @@ Application::Application(PlatformServices platform, QueueProvider& queues, const
                                    queues, std::string(systemHelperSocketPath), simulatedHelper(clock));
   deepHold_ = std::make_shared<DeepHoldService>(deepSleepController_, mainQueue_, clock,
                                                 deepSleepController_->socketPath() == systemHelperSocketPath);
-  commandHolds_ = std::make_shared<CommandHolds>(clock);
+  commandHolds_ = std::make_shared<CommandHolds>();
   parts.services = {deepHold_, commandHolds_};
   std::ranges::move(options.services, std::back_inserter(parts.services));
   coordinator_ = AppCoordinator::create(std::move(parts), clock);

@@ -14,10 +14,10 @@ Token CommandHolds::add(CommandHold hold) {
   }};
 }
 
-std::vector<CommandHold> CommandHolds::active() const {
+std::vector<CommandHold> CommandHolds::active(Instant now) const {
   std::vector<CommandHold> active;
   for (const auto& [id, hold] : *holds_) {
-    if (clock_.now() < hold.until) active.push_back(hold);
+    if (now < hold.until) active.push_back(hold);
   }
   return active;
 }

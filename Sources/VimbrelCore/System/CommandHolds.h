@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "Support/Clock.h"
+#include "Support/Instant.h"
 #include "Support/TaskQueue.h"
 #include "System/CoordinatorService.h"
 
@@ -27,20 +27,16 @@ class CommandHolds final : public CoordinatorService {
  public:
   static constexpr std::size_t maximumHolds = 64;
 
-  /// `clock` must outlive the service.
-  explicit CommandHolds(const Clock& clock) : clock_(clock) {}
-
   /// The hold lasts as long as the token, which must not outlive this thread's queue; an empty token when
   /// there are too many. Ask for an evaluation afterwards.
   [[nodiscard]] Token add(CommandHold hold);
-  /// Those whose time is not up, the oldest first.
-  [[nodiscard]] std::vector<CommandHold> active() const;
+  /// Those whose time is not up then, the oldest first.
+  [[nodiscard]] std::vector<CommandHold> active(Instant now) const;
 
   void willDecide(PolicyEvaluationContext& context) override;
 
  private:
   using Holds = std::map<std::uint64_t, CommandHold>;
-  const Clock& clock_;
   std::uint64_t next_ = 0;
   std::shared_ptr<Holds> holds_ = std::make_shared<Holds>();
 };
