@@ -46,6 +46,7 @@ TEST(Commands, sayHowToStartTheApplicationWhenItIsNotRunning) {
                                              {"pause", "45m"},
                                              {"resume"},
                                              {"hold", "on"},
+                                             {"hold", "--lid", "1m", "--", "true"},
                                              {"doctor"}}) {
     cases.push_back({arguments, 3, "Start it with: vimbrel run"});
   }
@@ -66,7 +67,7 @@ TEST(Commands, explainAWrongCommandLine) {
                        {{"settings", "lst"}, 2, "did you mean list?"},
                        {{"settings", "set", "masterEnabled"}, 2, "value is required"},
                        {{"hold"}, 2, "vimbrel hold --help"},
-                       {{"hold", "maybe"}, 2, "maybe"},
+                       {{"hold", "maybe"}, 2, "hold takes on, off, or a time and a command"},
                        {{"pause"}, 2, "vimbrel pause --help"},
                        {{"pause", "soon"}, 2, "soon"},
                        {{"pause", "until", "25:00"}, 2, "write it like 14:00"},
@@ -100,6 +101,19 @@ TEST(Commands, steerTheRunningApplication) {
               {{"doctor"}, 0, "hook socket"}});
 }
 
+TEST(Commands, holdForOneCommandAndEndWithItsStatus) {
+  const Sandbox sandbox;
+  const auto application = sandbox.startSimulated();
+  const auto held =
+      sandbox.vimbrel({"hold", "--lid", "5m", "--", "sh", "-c", "\"$0\" status; exit 7", vimbrelProgram()});
+  EXPECT_EQ(held.status, 7);
+  EXPECT_TRUE(held.output.contains("Running sh")) << held.output;
+  EXPECT_EQ(sandbox.vimbrel({"hold", "5m", "--", "sh", "-c", "kill -9 $$"}).status, 128 + 9);
+  EXPECT_EQ(sandbox.vimbrel({"hold", "5m", "--", "/nonexistent/program"}).status, 127);
+  EXPECT_EQ(sandbox.vimbrel({"hold", "--lid", "5m"}).status, 2);
+  EXPECT_TRUE(eventually([&] { return sandbox.vimbrel({"status"}).output.contains("Sleep enabled"); }));
+}
+
 TEST(Commands, keepTheKeysOfTheirDocuments) {
   const Sandbox sandbox;
   const auto application = sandbox.startSimulated();
@@ -115,8 +129,9 @@ TEST(Commands, keepTheKeysOfTheirDocuments) {
   } cases[] = {
       {{"status", "--json"},
        "",
-       {"assertions", "decision", "elapsedProtectionSeconds", "isHolding", "lidClosed", "pauseUntil", "power",
-        "protectionStartedAt", "sessions", "settings", "statusDescription", "thermalState", "warnings"}},
+       {"assertions", "closedLid", "commandHolds", "decision", "elapsedProtectionSeconds", "isHolding",
+        "lidClosed", "pauseUntil", "power", "protectionStartedAt", "sessions", "settings",
+        "statusDescription", "thermalState", "warnings"}},
       {{"status", "--json"},
        "/assertions",
        {"display", "mechanismDetails", "mechanisms", "simulated", "system"}},
@@ -124,7 +139,7 @@ TEST(Commands, keepTheKeysOfTheirDocuments) {
        "/sessions/0",
        {"agentType", "confidence", "hostAppName", "id", "integrationType", "lastEventAt",
         "lastEventDescription", "startedAt", "state"}},
-      {{"why", "--json"}, "", {"decision", "now", "rules", "simulated", "statusDescription"}},
+      {{"why", "--json"}, "", {"closedLid", "decision", "now", "rules", "simulated", "statusDescription"}},
       {{"why", "--json"},
        "/rules/0",
        {"changesAt", "label", "outcome", "rule", "saw", "says", "saysDescription", "wouldChange"}},
