@@ -36,7 +36,8 @@ inline constexpr std::string_view turnId = "turn_id";
 struct HookEventFields {
   std::int64_t schema = 1;
   std::string_view agent;      ///< raw value
-  std::string_view sessionId;  ///< empty: derived from `agent` and `pid`
+  /// Absent: derived from `agent` and `pid`. An empty one is sent as it is; whoever reads it derives it.
+  std::optional<std::string_view> sessionId;
   std::string_view state;      ///< raw value
   std::string_view timestamp;  ///< seconds since 1970 as a JSON number
   std::optional<std::int32_t> pid;
@@ -82,7 +83,7 @@ void appendHookEvent(Sink& sink, const HookEventFields& event) {
   };
   integer(hookEventKey::schema, event.schema);
   text(hookEventKey::agent, event.agent);
-  if (event.sessionId.empty()) {
+  if (!event.sessionId) {
     key(hookEventKey::sessionId);
     sink.append("\"", 1);
     appendDerivedSessionId(sink, event.agent, event.pid);

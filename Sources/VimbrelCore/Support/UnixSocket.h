@@ -8,12 +8,9 @@
 #include <string>
 
 #include "Support/Fd.h"
+#include "Support/SocketPathLimit.h"
 
 namespace vimbrel {
-
-/// The longest path, in bytes, that every socket of this program accepts. The portable address record holds
-/// 104 bytes of path; one is kept for the terminating NUL and one as the margin that all peers agreed on.
-inline constexpr std::size_t maximumSocketPathLength = 102;
 
 /// Who is at the other end of a connection, as the kernel recorded it at connect time.
 struct PeerCredentials {

@@ -1,0 +1,126 @@
+// SPDX-License-Identifier: Apache-2.0
+// What agents' hooks run: one event in, one exchange with the hook socket, and status 0 whatever happens, so
+// that no agent is ever held up or confused. It runs thousands of times a day, so it uses neither the heap
+// nor the C++ library, and nothing that would have to be set up at start.
+#include <limits.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstdlib>
+#include <span>
+#include <string_view>
+
+#include "AgentMonitoring/HookSocketExchange.h"
+#include "AgentMonitoring/HookSocketPath.h"
+#include "Domain/AgentState.h"
+#include "Domain/AgentType.h"
+#include "Domain/HookEventWire.h"
+#include "FixedBuffer.h"
+#include "PasswordFile.h"
+#include "RelayOptions.h"
+#include "Support/ApplicationSupportPath.h"
+#include "Support/SocketPathLimit.h"
+
+namespace vimbrel {
+namespace {
+
+constexpr std::int64_t timeoutMs = 100;
+
+void printUsage() {
+  // Whoever asked for help and closed the output does not miss it.
+  static_cast<void>(!::write(STDOUT_FILENO, relayUsage.data(), relayUsage.size()));
+}
+
+void send(const RelayOptions& options, std::string_view bytes) {
+  FixedBuffer<maximumSocketPathLength> path;
+  if (options.socketPath) {
+    path.append(options.socketPath->data(), options.socketPath->size());
+  } else {
+    appendApplicationSupport(path, std::getenv("XDG_DATA_HOME"), std::getenv("HOME"), [](auto& sink) {
+      appendHomeFromPasswordFile(sink, "/etc/passwd", ::geteuid());
+    });
+    path.append(hookSocketBelowApplicationSupport.data(), hookSocketBelowApplicationSupport.size());
+  }
+  if (path.overflowed()) return;
+  static_cast<void>(exchangeWithHookSocket(path.text(), bytes.data(), bytes.size(), timeoutMs));
+}
+
+/// Hands on what stands on the standard input, byte for byte.
+void forwardStandardInput(const RelayOptions& options) {
+  static char input[maximumHookEventBytes];
+  std::size_t size = 0;
+  while (size < sizeof input) {
+    const auto count = ::read(STDIN_FILENO, input + size, sizeof input - size);
+    if (count == 0) break;
+    if (count > 0) {
+      size += static_cast<std::size_t>(count);
+    } else if (errno != EINTR) {
+      return;
+    }
+  }
+  if (size != 0) send(options, {input, size});
+}
+
+/// Seconds since 1970 with six decimals, the finest that a 64-bit float of this size tells apart.
+template <typename Sink>
+void appendTimestamp(Sink& sink) {
+  timespec now{};
+  ::clock_gettime(CLOCK_REALTIME, &now);
+  appendInteger(sink, now.tv_sec);
+  char fraction[] = ".000000";
+  auto microseconds = now.tv_nsec / 1000;
+  for (int i = 6; i > 0; --i, microseconds /= 10) fraction[i] = static_cast<char>('0' + microseconds % 10);
+  sink.append(fraction, sizeof fraction - 1);
+}
+
+void sendEvent(const RelayOptions& options) {
+  FixedBuffer<32> timestamp;
+  appendTimestamp(timestamp);
+  HookEventFields event{
+      .agent = rawValue(agentTypeFromLenientText(*options.agent)),
+      .sessionId = options.sessionId,
+      .state = rawValue(agentStateFromLenientText(*options.state)),
+      .timestamp = timestamp.text(),
+      .pid = options.pid ? *options.pid : ::getppid(),
+      .cwd = options.cwd,
+      .inputTokens = options.inputTokens,
+      .outputTokens = options.outputTokens,
+      .cachedTokens = options.cachedTokens,
+      .reasoningTokens = options.reasoningTokens,
+      .model = options.model,
+      .turnId = options.turnId,
+  };
+  char directory[PATH_MAX];
+  if (!event.cwd && ::getcwd(directory, sizeof directory) != nullptr) event.cwd = directory;
+  static constinit FixedBuffer<maximumHookEventBytes> document;
+  appendHookEvent(document, event);
+  // No receiver reads a longer document.
+  if (!document.overflowed()) send(options, document.text());
+}
+
+void run(std::span<char* const> arguments) {
+  const auto options = parseRelayOptions(arguments);
+  if (options.help) {
+    printUsage();
+  } else if (options.agent && options.state) {
+    sendEvent(options);
+  } else {
+    forwardStandardInput(options);
+  }
+}
+
+}  // namespace
+}  // namespace vimbrel
+
+int main(int count, char** arguments) {
+  // A caller may leave even the program's name away.
+  if (count > 1) {
+    vimbrel::run({arguments + 1, static_cast<std::size_t>(count - 1)});
+  } else {
+    vimbrel::run({});
+  }
+  // Not through exit: there is nothing to flush and nothing to destroy.
+  ::_exit(0);
+}
