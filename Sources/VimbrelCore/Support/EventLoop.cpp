@@ -268,7 +268,10 @@ std::shared_ptr<TaskQueue> EventLoop::makeQueue(std::string label, QueueHome hom
   return std::make_shared<AsioQueue>(std::move(label), state_, home);
 }
 
-void EventLoop::run() { state_->main.run(); }
+void EventLoop::run() {
+  state_->main.run();
+  state_->main.restart();
+}
 
 void EventLoop::stop() { state_->main.stop(); }
 

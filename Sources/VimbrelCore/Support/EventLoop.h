@@ -21,7 +21,7 @@ class EventLoop final : public QueueProvider {
   [[nodiscard]] std::shared_ptr<TaskQueue> mainQueue() override;
   [[nodiscard]] std::shared_ptr<TaskQueue> makeQueue(std::string label, QueueHome home) override;
 
-  /// Runs the main queue on the calling thread until `stop`.
+  /// Runs the main queue on the calling thread until `stop`; may be called again after it returned.
   void run();
   /// Makes `run` return after the task in progress. Any thread; not from a signal handler.
   void stop();

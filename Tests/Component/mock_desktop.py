@@ -1,0 +1,129 @@
+#!/usr/bin/python3
+# SPDX-License-Identifier: Apache-2.0
+"""One session service that lets applications keep the desktop awake, as the real ones do it: cookies, release
+by cookie, release when the client leaves the bus, and what each lets others read back.
+
+usage: mock_desktop.py gnome-session|power-management|screensaver|screensaver-bare
+
+"screensaver-bare" answers only at /ScreenSaver and hands out the cookie 0 first.
+Every service also answers Held() -> as, "reason" of each inhibitor, at /mock on interface org.vimbrel.Mock.
+"""
+import sys
+
+import dbus
+import dbus.service
+from dbus.mainloop.glib import DBusGMainLoop
+from gi.repository import GLib
+
+DBusGMainLoop(set_as_default=True)
+bus = dbus.SessionBus()
+held = {}  # cookie: (application, reason, flags, exported object or None)
+leaving = {}  # unique name: its watch
+
+
+def take(sender, application, reason, flags=0, exported=None, first=1):
+    cookie = first + take.count
+    take.count += 1
+    held[cookie] = (str(application), str(reason), int(flags), exported and exported(cookie, application, flags))
+
+    def owner_changed(owner):
+        if not owner:
+            release(cookie)
+
+    leaving[cookie] = bus.watch_name_owner(sender, owner_changed)
+    return dbus.UInt32(cookie)
+
+
+take.count = 0
+
+
+def release(cookie):
+    entry = held.pop(int(cookie), None)
+    if entry and entry[3]:
+        entry[3].remove_from_connection()
+
+
+class Mock(dbus.service.Object):
+    @dbus.service.method("org.vimbrel.Mock", out_signature="as")
+    def Held(self):
+        return dbus.Array([entry[1] for entry in held.values()], signature="s")
+
+
+class GnomeInhibitor(dbus.service.Object):
+    INTERFACE = "org.gnome.SessionManager.Inhibitor"
+
+    def __init__(self, cookie, application, flags):
+        super().__init__(bus, "/org/gnome/SessionManager/Inhibitor%d" % cookie)
+        self.application, self.flags = application, flags
+
+    @dbus.service.method(INTERFACE, out_signature="s")
+    def GetAppId(self):
+        return self.application
+
+    @dbus.service.method(INTERFACE, out_signature="u")
+    def GetFlags(self):
+        return dbus.UInt32(self.flags)
+
+
+class GnomeSession(dbus.service.Object):
+    NAME = "org.gnome.SessionManager"
+
+    @dbus.service.method(NAME, in_signature="susu", out_signature="u", sender_keyword="sender")
+    def Inhibit(self, application, window, reason, flags, sender):
+        return take(sender, application, reason, flags, GnomeInhibitor)
+
+    @dbus.service.method(NAME, in_signature="u")
+    def Uninhibit(self, cookie):
+        release(cookie)
+
+    @dbus.service.method(NAME, out_signature="ao")
+    def GetInhibitors(self):
+        return dbus.Array(["/org/gnome/SessionManager/Inhibitor%d" % c for c in held], signature="o")
+
+
+class PowerManagement(dbus.service.Object):
+    NAME = "org.freedesktop.PowerManagement.Inhibit"
+
+    @dbus.service.method(NAME, in_signature="ss", out_signature="u", sender_keyword="sender")
+    def Inhibit(self, application, reason, sender):
+        return take(sender, application, reason)
+
+    @dbus.service.method(NAME, in_signature="u")
+    def UnInhibit(self, cookie):
+        release(cookie)
+
+    @dbus.service.method(NAME, out_signature="b")
+    def HasInhibit(self):
+        return bool(held)
+
+
+class ScreenSaver(dbus.service.Object):
+    NAME = "org.freedesktop.ScreenSaver"
+    first = 1
+
+    @dbus.service.method(NAME, in_signature="ss", out_signature="u", sender_keyword="sender")
+    def Inhibit(self, application, reason, sender):
+        return take(sender, application, reason, first=self.first)
+
+    @dbus.service.method(NAME, in_signature="u")
+    def UnInhibit(self, cookie):
+        release(cookie)
+
+
+part = sys.argv[1]
+services = {
+    "gnome-session": ("org.gnome.SessionManager", GnomeSession, "/org/gnome/SessionManager"),
+    "power-management": (
+        "org.freedesktop.PowerManagement",
+        PowerManagement,
+        "/org/freedesktop/PowerManagement/Inhibit",
+    ),
+    "screensaver": ("org.freedesktop.ScreenSaver", ScreenSaver, "/org/freedesktop/ScreenSaver"),
+    "screensaver-bare": ("org.freedesktop.ScreenSaver", ScreenSaver, "/ScreenSaver"),
+}
+name, kind, path = services[part]
+if part == "screensaver-bare":
+    ScreenSaver.first = 0
+service, mock = kind(bus, path), Mock(bus, "/mock")
+owned = dbus.service.BusName(name, bus, do_not_queue=True)
+GLib.MainLoop().run()
