@@ -67,6 +67,15 @@ bool LinuxSleepAssertions::isKde() const {
   return desktopIsKde_ || !sessionBus_->ownerOf(kdePowerManager).value_or("").empty();
 }
 
+void LinuxSleepAssertions::waitUntilKnown() {
+  BusConnection::waitFor(
+      {systemBus_.get(), sessionBus_.get()},
+      [&] {
+        return std::ranges::all_of(parts_, [](const auto& part) { return part.inhibitor->isSettled(); });
+      },
+      std::chrono::steady_clock::now() + longestWait);
+}
+
 bool LinuxSleepAssertions::serves(const Part& part, AssertionType type) const {
   if (type == AssertionType::preventUserIdleDisplaySleep) return part.display;
   if (part.display && part.system && isKde() && powerManagement_->isOffered()) return false;

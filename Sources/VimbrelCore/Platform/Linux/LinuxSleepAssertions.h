@@ -39,6 +39,8 @@ class LinuxSleepAssertions final : public SleepAssertions {
   [[nodiscard]] bool isSimulated() const override { return false; }
 
   [[nodiscard]] bool isKde() const;
+  /// Waits, up to 500 ms, until it is known which services are there.
+  void waitUntilKnown();
 
  private:
   struct Handle {
