@@ -31,14 +31,14 @@ void SleepInhibitor::endFollowing() {
 void SleepInhibitor::want(const std::string& reason) {
   if (std::exchange(wanted_, true)) return;
   reason_ = reason;
-  if (phase_ == Phase::idle && isOffered()) begin();
+  // A refusal stands until it is time to ask again: whoever wants it every second must not ask every second.
+  if (phase_ == Phase::idle && isOffered() && !failure_) begin();
 }
 
 void SleepInhibitor::unwant() {
   if (!std::exchange(wanted_, false)) return;
-  failure_.reset();
   remark_.clear();
-  recheck_.reset();
+  if (!failure_) recheck_.reset();
   retaking_ = false;
   // While an answer is awaited there is nothing to give back yet; what it grants is given back on arrival.
   if (phase_ == Phase::taking || phase_ == Phase::idle) return;
@@ -126,15 +126,21 @@ void SleepInhibitor::verify(unsigned round, bool mayWait) {
 
 void SleepInhibitor::finish(Phase phase, std::optional<BusError> failure) {
   phase_ = phase;
-  failure_ = wanted_ ? std::move(failure) : std::nullopt;
+  failure_ = std::move(failure);
   if (phase == Phase::held && std::exchange(retaking_, false)) {
     logger_.info("%s: its service is back, the assertion is held again", mechanism_.c_str());
   }
   if (failure_) {
     // What refuses now may not later: a session becomes active, polkit itself was being restarted.
-    recheck_ = queue_->after(retryInterval, [weak = weak_from_this(), round = round_] {
+    recheck_ = queue_->after(retryInterval, [weak = weak_from_this()] {
       const auto self = weak.lock();
-      if (self && round == self->round_ && self->wanted_ && self->phase_ == Phase::idle) self->begin();
+      if (!self) return;
+      self->failure_.reset();
+      if (self->wanted_ && self->phase_ == Phase::idle) {
+        self->begin();
+      } else {
+        self->announce();
+      }
     });
   }
   announce();

@@ -50,7 +50,7 @@ class SleepInhibitor : public std::enable_shared_from_this<SleepInhibitor> {
   [[nodiscard]] bool isOffered() const { return !owner_.value_or("").empty(); }
   /// True when nothing is under way: no answer is awaited, and it is known whether the service is there.
   [[nodiscard]] bool isSettled() const;
-  /// Why the service did not do what was wanted; absent when it did or nothing is wanted.
+  /// Why the service did not do what was wanted, until it is asked again.
   [[nodiscard]] const std::optional<BusError>& failure() const { return failure_; }
   [[nodiscard]] MechanismStatus status() const;
   [[nodiscard]] const std::string& mechanism() const { return mechanism_; }

@@ -1,0 +1,92 @@
+// SPDX-License-Identifier: Apache-2.0
+// The product's promise, kept by real processes on a real systemd-logind: an agent's hook keeps the machine
+// awake.
+#include <gtest/gtest.h>
+
+#include <csignal>
+
+#include "Component/Rig.h"
+#include "EndToEnd/ProcessHarness.h"
+
+namespace vimbrel {
+namespace {
+
+const std::string held = "('idle', 'Vimbrel'";
+
+std::unique_ptr<RunningProcess> start(const Sandbox& sandbox) {
+  auto process = std::make_unique<RunningProcess>(std::vector<std::string>{vimbrelProgram(), "run"},
+                                                  sandbox.environment);
+  EXPECT_TRUE(eventually([&] { return sandbox.vimbrel({"status"}).status == 0; })) << process->errors();
+  return process;
+}
+
+void report(const Sandbox& sandbox, const std::string& state) {
+  EXPECT_EQ(sandbox.relay({"--agent", "claude", "--state", state, "--session", "s1"}).status, 0);
+}
+
+int inhibitors() { return rig::occurrences(rig::listInhibitors(), held); }
+
+TEST(Application, holdsALogindInhibitorFromTheHookToTheEndOfTheReleaseDelay) {
+  const Sandbox sandbox;
+  const auto application = start(sandbox);
+  EXPECT_EQ(inhibitors(), 0);
+  report(sandbox, "working");
+  ASSERT_TRUE(eventually([] { return inhibitors() == 1; })) << rig::listInhibitors();
+  const auto status = sandbox.vimbrel({"status", "--json"}).output;
+  EXPECT_NE(status.find("logind"), std::string::npos) << status;
+  EXPECT_NE(status.find("\"simulated\": false"), std::string::npos) << status;
+  EXPECT_EQ(sandbox.vimbrel({"settings", "set", "releaseDelaySeconds", "1"}).status, 0);
+  report(sandbox, "idle");
+  EXPECT_TRUE(eventually([] { return inhibitors() == 0; }));
+  application->signal(SIGTERM);
+  EXPECT_EQ(application->wait(), 0);
+}
+
+TEST(Application, losesItsInhibitorWithItsLifeAndWithAStop) {
+  for (const int signal : {SIGKILL, SIGTERM}) {
+    const Sandbox sandbox;
+    const auto application = start(sandbox);
+    report(sandbox, "working");
+    ASSERT_TRUE(eventually([] { return inhibitors() == 1; }));
+    application->signal(signal);
+    application->wait();
+    EXPECT_TRUE(eventually([] { return inhibitors() == 0; })) << signal;
+  }
+}
+
+TEST(Application, neitherLosesNorDoublesItWhenLogindRestarts) {
+  const Sandbox sandbox;
+  const auto application = start(sandbox);
+  report(sandbox, "working");
+  ASSERT_TRUE(eventually([] { return inhibitors() == 1; }));
+  for (const std::string order : {"restart logind", "kill logind", "start logind"}) {
+    rig::order(order);
+    if (order == "kill logind") continue;
+    EXPECT_TRUE(eventually([] { return inhibitors() == 1; })) << order;
+    // A second one would be taken when the name's new owner is noticed, which the status then shows.
+    ASSERT_TRUE(eventually([&] {
+      return sandbox.vimbrel({"status", "--json"}).output.find("\"logind\"") != std::string::npos;
+    }));
+    EXPECT_EQ(inhibitors(), 1) << order;
+  }
+  report(sandbox, "working");
+  EXPECT_EQ(inhibitors(), 1);
+}
+
+TEST(DeniedApplication, saysThatItWasRefusedAndHoldsNothing) {
+  const Sandbox sandbox;
+  const auto application = start(sandbox);
+  report(sandbox, "working");
+  ASSERT_TRUE(eventually([&] {
+    return sandbox.vimbrel({"status", "--json"}).output.find("\"isHolding\": true") != std::string::npos;
+  }));
+  const auto status = sandbox.vimbrel({"status", "--json"}).output;
+  EXPECT_NE(status.find("\"system\": false"), std::string::npos) << status;
+  EXPECT_NE(status.find("refused"), std::string::npos) << status;
+  EXPECT_EQ(inhibitors(), 0);
+  const auto doctor = sandbox.vimbrel({"doctor"});
+  EXPECT_NE(doctor.output.find("refused"), std::string::npos) << doctor.output;
+}
+
+}  // namespace
+}  // namespace vimbrel
