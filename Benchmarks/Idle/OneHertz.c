@@ -8,7 +8,7 @@
 #include <unistd.h>
 
 int main(void) {
-  sd_bus *bus = NULL;
+  sd_bus* bus = NULL;
   // A machine without a bus has one thing less to keep open; the figures say which it was.
   const int connected = sd_bus_open_system(&bus) >= 0;
   const int timer = timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC);

@@ -46,7 +46,9 @@ class SimulatedApplication {
   [[nodiscard]] SimulatedMachine& machine() { return machine_; }
   [[nodiscard]] VirtualTime& time() { return time_; }
   [[nodiscard]] DirectHookReceiver& receiver() { return *receiver_; }
-  [[nodiscard]] std::string settingsPath() const { return directory_.path() + "/com.vimbrel.app/settings.json"; }
+  [[nodiscard]] std::string settingsPath() const {
+    return directory_.path() + "/com.vimbrel.app/settings.json";
+  }
 
   /// The first promise that was broken, as a sentence; absent while all hold.
   [[nodiscard]] const std::optional<std::string>& violation() const { return violation_; }

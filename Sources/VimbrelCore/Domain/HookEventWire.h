@@ -35,7 +35,7 @@ inline constexpr std::string_view turnId = "turn_id";
 /// allocating; `HookEvent::toJSONData` fills it from the record, so that keys and order are defined once.
 struct HookEventFields {
   std::int64_t schema = 1;
-  std::string_view agent;      ///< raw value
+  std::string_view agent;  ///< raw value
   /// Absent: derived from `agent` and `pid`. An empty one is sent as it is; whoever reads it derives it.
   std::optional<std::string_view> sessionId;
   std::string_view state;      ///< raw value

@@ -210,7 +210,8 @@ std::optional<CurrentSetup> AiderAdapter::currentSetup(std::string_view relayBin
       Json(relay.reporting(AgentState::waiting)).dump(-1, ' ', false, Json::error_handler_t::replace);
   const std::string path = "~/.aider.conf.yml";
   return CurrentSetup{
-      path, "notifications: true\nnotifications-command: " + command + "\n", "yaml", "Aider as of autumn 2026",
+      path, "notifications: true\nnotifications-command: " + command + "\n", "yaml",
+      "Aider as of autumn 2026",
       "1. Open " + path +
           " in your text editor, or create it.\n"
           "2. Add these two lines.\n"
