@@ -29,6 +29,8 @@ struct Invocation {
   std::string onOrOff;
   bool lid = false;
   std::vector<std::string> heldCommand;
+  UsageRange range;
+  bool confirmed = false;
   std::function<int()> command;
 
   [[nodiscard]] Output output() const { return json ? Output::json : Output::text; }
@@ -109,6 +111,40 @@ void describe(CLI::App& app, Invocation& in) {
               in);
 }
 
+void describeUsage(CLI::App& app, Invocation& in) {
+  auto* usage = app.add_subcommand("usage", "Show what the agents spent");
+  usage->callback([&in, usage] {
+    // A report below it has set its own command already.
+    if (usage->get_subcommands().empty()) in.command = [&in] { return usageTodayCommand(in.output()); };
+  });
+  addJsonFlag(usage, in);
+  const auto addRange = [&](CLI::App* report) {
+    report->add_option("--since", in.range.since, "From this day or time on")->option_text("DAY");
+    report->add_option("--until", in.range.until, "Up to this day, or time")->option_text("DAY");
+    report->add_option("--agent", in.range.agent, "Of one agent only");
+    addJsonFlag(report, in);
+  };
+  for (const auto& [by, description] :
+       {std::pair("daily", "By day"), std::pair("weekly", "By week"), std::pair("monthly", "By month"),
+        std::pair("sessions", "By session"), std::pair("models", "By model"),
+        std::pair("projects", "By directory"), std::pair("blocks", "By five-hour billing window")}) {
+    auto* report = usage->add_subcommand(by, description);
+    report->callback([&in, by = std::string(by)] {
+      in.command = [&in, by] { return usageReportCommand(by, in.range, in.output()); };
+    });
+    addRange(report);
+  }
+  usage->add_subcommand("export", "Print the totals that may leave the machine")->callback([&in] {
+    in.command = [] { return usageExportCommand(); };
+  });
+  auto* reset = usage->add_subcommand("reset", "Forget what was recorded; asks first");
+  reset->add_flag("--yes", in.confirmed, "Do not ask");
+  reset->callback([&in] { in.command = [&in] { return usageResetCommand(in.confirmed); }; });
+  addJsonFlag(add(app, "budgets", "Show each agent's context, quota and cost", in,
+                  [&] { return budgetsCommand(in.output()); }),
+              in);
+}
+
 /// What the first argument that is neither a known command nor a known option was probably meant to be.
 std::string hintFor(CLI::App& app, const std::vector<std::string>& arguments) {
   const std::function<bool(CLI::App*)> anyCommand = [](CLI::App*) { return true; };
@@ -164,6 +200,7 @@ int runCommandLine(int argc, char** argv) {
     app.require_subcommand(1);
     app.get_formatter()->column_width(24);
     describe(app, invocation);
+    describeUsage(app, invocation);
     try {
       app.parse(argc, argv);
     } catch (const CLI::Success& wanted) {

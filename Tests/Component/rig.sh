@@ -70,6 +70,7 @@ fail() { echo "rig.sh: $1" >&2; exit 1; }
 
 mount -t tmpfs -o mode=755 rig /run || fail "cannot mount a private /run"
 mount -t tmpfs -o mode=1777 rig /run/lock 2>/dev/null
+[ -z "$user" ] || "$here/make_reachable.sh" "$here/../.." || fail "the programs cannot be made reachable"
 mkdir -p /run/dbus /run/user /run/udev /run/rig/home /run/rig/log \
   /run/systemd/{inhibit,sessions,seats,users,machines,shutdown}
 if [ -d /etc/polkit-1/rules.d ]; then

@@ -28,4 +28,17 @@ int holdCommand(bool on);
 int holdWhileCommand(const std::string& duration, bool lid, const std::vector<std::string>& command);
 int doctorCommand(Output output);
 
+/// Days ("2026-01-31") or ISO 8601 times, and an agent's raw value; empty means no limit.
+struct UsageRange {
+  std::string since;
+  std::string until;
+  std::string agent;
+};
+int usageTodayCommand(Output output);
+/// `by` is daily, weekly, monthly, sessions, models, projects or blocks.
+int usageReportCommand(const std::string& by, const UsageRange& range, Output output);
+int usageExportCommand();
+int usageResetCommand(bool confirmed);
+int budgetsCommand(Output output);
+
 }  // namespace vimbrel

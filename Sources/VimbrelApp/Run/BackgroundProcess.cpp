@@ -14,7 +14,9 @@
 #include "Control/ProtectionMethods.h"
 #include "Control/SettingsMethods.h"
 #include "Control/StatusMethods.h"
+#include "Control/UsageMethods.h"
 #include "Run/HostPlatform.h"
+#include "Run/UsageWiring.h"
 
 namespace vimbrel {
 
@@ -38,7 +40,9 @@ BackgroundProcess::BackgroundProcess(const RunOptions& options, std::string vers
       simulated_(loop_.mainQueue()),
       platform_(choosePlatform()),
       application_(platform_, loop_, clock_, ApplicationDirectories::ofUser(),
-                   {.hookReceiver = makeHookReceiver(), .helper = helperFor(options)}),
+                   {.hookReceiver = makeHookReceiver(),
+                    .helper = helperFor(options),
+                    .usage = makeUsageCoordinator(loop_, clock_)}),
       controlled_{application_.coordinator(), application_.platform(),  clock_,
                   std::move(version),         &application_.deepHold(), &application_.commandHolds()},
       server_(loop_.mainQueue(), clock_) {
@@ -47,6 +51,7 @@ BackgroundProcess::BackgroundProcess(const RunOptions& options, std::string vers
   addSettingsMethods(server_, controlled_);
   addProtectionMethods(server_, controlled_);
   addDoctorMethods(server_, controlled_);
+  addUsageMethods(server_, application_.usage(), clock_, loop_.mainQueue());
 }
 
 BackgroundProcess::~BackgroundProcess() { platform_.assertions->onMechanismsChanged = nullptr; }

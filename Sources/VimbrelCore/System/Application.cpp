@@ -17,6 +17,20 @@
 #include "System/SettingDescriptions.h"
 
 namespace vimbrel {
+namespace {
+
+/// Starts and stops the recording of usage with the loop.
+class UsageService final : public CoordinatorService {
+ public:
+  explicit UsageService(std::shared_ptr<UsageCoordinator> usage) : usage_(std::move(usage)) {}
+  void didStartTimer() override { usage_->start(); }
+  void willStopIntake() override { usage_->stop(); }
+
+ private:
+  const std::shared_ptr<UsageCoordinator> usage_;
+};
+
+}  // namespace
 
 ApplicationDirectories ApplicationDirectories::ofUser() {
   return {.home = directories::home(),
@@ -53,8 +67,20 @@ Application::Application(PlatformServices platform, QueueProvider& queues, const
                                                 deepSleepController_->socketPath() == systemHelperSocketPath);
   commandHolds_ = std::make_shared<CommandHolds>();
   parts.services = {deepHold_, commandHolds_};
+  usage_ = std::move(options.usage);
+  if (usage_) {
+    parts.services.push_back(std::make_shared<UsageService>(usage_));
+    parts.agentCoordinator->setOnHookEvent([weak = std::weak_ptr(usage_)](const HookEvent& event) {
+      if (const auto usage = weak.lock()) usage->handleHookEvent(event);
+    });
+  }
   std::ranges::move(options.services, std::back_inserter(parts.services));
   coordinator_ = AppCoordinator::create(std::move(parts), clock);
+  if (usage_) {
+    budgetsChanged_ = usage_->latestBudgetReports().subscribe([weak = std::weak_ptr(coordinator_)] {
+      if (const auto coordinator = weak.lock()) coordinator->scheduleEvaluation();
+    });
+  }
 }
 
 Application::~Application() = default;

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "AgentMonitoring/UsageCoordinator.h"
 #include "DeepHold/DeepSleepController.h"
 #include "Platform/PlatformServices.h"
 #include "Support/Clock.h"
@@ -31,6 +32,8 @@ struct ApplicationOptions {
   std::shared_ptr<HookEventReceiving> hookReceiver;
   /// Which helper covers the closed lid: the machine's, or one in memory that touches nothing.
   enum class Helper { simulated, machine } helper = Helper::simulated;
+  /// Records usage and budgets; may be null. Started and stopped with the coordinator.
+  std::shared_ptr<UsageCoordinator> usage;
   /// Started and stopped with the coordinator, after the application's own.
   std::vector<std::shared_ptr<CoordinatorService>> services;
 };
@@ -59,6 +62,8 @@ class Application {
   [[nodiscard]] AgentStateCoordinator& agents() { return *coordinator_->parts().agentCoordinator; }
   [[nodiscard]] DeepHoldService& deepHold() { return *deepHold_; }
   [[nodiscard]] CommandHolds& commandHolds() { return *commandHolds_; }
+  /// Null when usage is not recorded.
+  [[nodiscard]] const std::shared_ptr<UsageCoordinator>& usage() const { return usage_; }
   [[nodiscard]] PlatformServices& platform() { return platform_; }
   /// Reads the settings file again if it changed; for queues that watch no files.
   void reloadSettings() { preferences_->reload(); }
@@ -70,7 +75,9 @@ class Application {
   std::shared_ptr<DeepSleepController> deepSleepController_;
   std::shared_ptr<DeepHoldService> deepHold_;
   std::shared_ptr<CommandHolds> commandHolds_;
+  std::shared_ptr<UsageCoordinator> usage_;
   std::shared_ptr<AppCoordinator> coordinator_;
+  Token budgetsChanged_;
 };
 
 }  // namespace vimbrel

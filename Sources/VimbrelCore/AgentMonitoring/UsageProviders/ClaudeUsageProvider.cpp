@@ -53,9 +53,14 @@ ClaudeUsageProvider::ClaudeUsageProvider(const std::vector<std::string>& roots,
           projectsBelow(roots), [](std::string_view name) { return name.ends_with(".jsonl"); }, changes,
           clock) {}
 
+bool ClaudeUsageProvider::sourceMayHaveChanged() {
+  changed_ = files_.refresh() || changed_;
+  return changed_;
+}
+
 std::vector<UsageEvent> ClaudeUsageProvider::readSource() {
   std::vector<UsageEvent> events;
-  if (!files_.refresh()) return events;
+  if (!std::exchange(changed_, false) && !files_.refresh()) return events;
   bool reported = false;  // The newest file that says something tells of the latest turn.
   for (const auto& path : files_.newest(filesRead)) {
     const auto latest = parseFile(path, fileOffsets_[path], &events);

@@ -22,6 +22,7 @@ class ClaudeUsageProvider final : public PollingUsageProvider {
 
  private:
   std::vector<UsageEvent> readSource() override;
+  bool sourceMayHaveChanged() override;
   void findReport() override;
   /// Appends the events that were added since `position`, if they are wanted, and gives the last record.
   std::optional<ClaudeLogRecord> parseFile(const std::string& path, JsonLinesPosition& position,
@@ -30,6 +31,7 @@ class ClaudeUsageProvider final : public PollingUsageProvider {
 
   const ModelRateCard& card_;
   RecentFiles files_;
+  bool changed_ = false;  // a tick saw that there is something to read
   ClaudeLogParser parser_;
   std::unordered_map<std::string, JsonLinesPosition> fileOffsets_;
 };

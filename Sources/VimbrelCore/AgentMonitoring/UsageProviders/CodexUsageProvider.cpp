@@ -65,9 +65,14 @@ std::vector<std::string> CodexUsageProvider::recentRollouts() const {
   return recent;
 }
 
+bool CodexUsageProvider::sourceMayHaveChanged() {
+  changed_ = files_.refresh() || changed_;
+  return changed_;
+}
+
 std::vector<UsageEvent> CodexUsageProvider::readSource() {
   std::vector<UsageEvent> events;
-  if (!files_.refresh()) return events;
+  if (!std::exchange(changed_, false) && !files_.refresh()) return events;
   bool reported = false;  // The newest file that says something tells of the latest turn.
   for (const auto& path : recentRollouts()) {
     auto& state = fileOffsets_[path];

@@ -23,6 +23,7 @@ class CodexUsageProvider final : public PollingUsageProvider {
 
  private:
   std::vector<UsageEvent> readSource() override;
+  bool sourceMayHaveChanged() override;
   void findReport() override;
   [[nodiscard]] std::vector<std::string> recentRollouts() const;
   /// The report of what was added since the state's position, if anything was; appends the events if wanted.
@@ -35,6 +36,7 @@ class CodexUsageProvider final : public PollingUsageProvider {
   const std::string sessions_;
   const ModelRateCard& card_;
   RecentFiles files_;
+  bool changed_ = false;  // a tick saw that there is something to read
   CodexRolloutParser parser_;
   std::unordered_map<std::string, CodexRolloutState> fileOffsets_;
 };

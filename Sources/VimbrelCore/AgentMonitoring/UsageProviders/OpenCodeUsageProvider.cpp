@@ -14,6 +14,11 @@ OpenCodeUsageProvider::OpenCodeUsageProvider(std::string databasePath, std::shar
       database_(std::move(databasePath)),
       parser_(card) {}
 
+bool OpenCodeUsageProvider::sourceMayHaveChanged() {
+  const auto version = database_.version();
+  return version && version != lastRead_;
+}
+
 std::vector<UsageEvent> OpenCodeUsageProvider::readSource() {
   std::vector<UsageEvent> events;
   // Taken before the reading: what is written meanwhile shows at the next poll.
@@ -37,7 +42,13 @@ std::vector<UsageEvent> OpenCodeUsageProvider::readSource() {
   return events;
 }
 
-void OpenCodeUsageProvider::findReport() { pollLatestEvents(); }
+/// What it finds is left for the next poll to deliver.
+void OpenCodeUsageProvider::findReport() {
+  const auto now = clock().now();
+  database_.newestMessages([&](const OpenCodeRow& row) {
+    if (const auto usage = parser_.parse(row, now)) considerReport(*usage);
+  });
+}
 
 void OpenCodeUsageProvider::considerReport(const OpenCodeUsage& usage) {
   const auto& event = usage.event;

@@ -23,6 +23,7 @@ class OpenCodeUsageProvider final : public PollingUsageProvider {
 
  private:
   std::vector<UsageEvent> readSource() override;
+  bool sourceMayHaveChanged() override;
   void findReport() override;
   void considerReport(const OpenCodeUsage& usage);
 

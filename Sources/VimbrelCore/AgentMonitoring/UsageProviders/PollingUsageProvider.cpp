@@ -20,9 +20,28 @@ void PollingUsageProvider::startMonitoring(EventCallback onEvent) {
   {
     const std::lock_guard guard(lock_);
     onEvent_ = std::move(onEvent);
-    timer_ = queue_->every(interval_, interval_, TimerPrecision::shared, poll);
+    const auto tick = [weak = weak_from_this(), poll] {
+      const auto self = weak.lock();
+      if (!self || self->isReading_.exchange(true)) return;
+      // A tick never waits: a source that is being read is looked at again at the next.
+      std::unique_lock looking(self->sourceLock_, std::try_to_lock);
+      if (!looking || !self->sourceMayHaveChanged()) {
+        self->isReading_ = false;
+        return;
+      }
+      self->queue_->post([weak, poll] {
+        poll();
+        if (const auto reader = weak.lock()) reader->isReading_ = false;
+      });
+    };
+    if (tickQueue_) {
+      timer_ = tickQueue_->every(interval_, interval_, TimerPrecision::shared, tick);
+      tickQueue_->post(tick);
+    } else {
+      timer_ = queue_->every(interval_, interval_, TimerPrecision::shared, poll);
+    }
   }
-  queue_->post(poll);
+  if (!tickQueue_) queue_->post(poll);
   logger_.info("%s", startMessage_.c_str());
 }
 
@@ -36,7 +55,11 @@ void PollingUsageProvider::stopMonitoring() {
 }
 
 std::vector<UsageEvent> PollingUsageProvider::pollLatestEvents() {
-  auto events = readSource();
+  std::vector<UsageEvent> events;
+  {
+    const std::lock_guard reading(sourceLock_);
+    events = readSource();
+  }
   EventCallback callback;
   {
     const std::lock_guard guard(lock_);
@@ -49,6 +72,7 @@ std::vector<UsageEvent> PollingUsageProvider::pollLatestEvents() {
 }
 
 std::optional<ProviderBudgetReport> PollingUsageProvider::latestBudgetReport() {
+  const std::lock_guard reading(sourceLock_);
   if (!report_) findReport();
   return report_;
 }

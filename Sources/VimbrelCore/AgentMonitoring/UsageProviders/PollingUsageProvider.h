@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <memory>
 #include <mutex>
@@ -34,9 +35,19 @@ class PollingUsageProvider : public UsageMetricsProvider,
 
   /// Everything that was found since the read before.
   virtual std::vector<UsageEvent> readSource() = 0;
+  /// False when the source certainly has nothing new. Called on the tick queue, in microseconds, and never
+  /// while the source is being read.
+  virtual bool sourceMayHaveChanged() { return true; }
   /// Called when there is no report yet: looks at the newest record without counting it as read.
   virtual void findReport() = 0;
 
+  /// Asks on `queue`, usually the main queue, whether there is anything to read, so that the provider's own
+  /// thread is not woken for nothing. Without it every poll goes to the provider's queue. Call before the
+  /// monitoring starts.
+ public:
+  void setTickQueue(std::shared_ptr<TaskQueue> queue) { tickQueue_ = std::move(queue); }
+
+ protected:
   void setReport(ProviderBudgetReport report) { report_ = std::move(report); }
   [[nodiscard]] const std::optional<ProviderBudgetReport>& report() const { return report_; }
   [[nodiscard]] const Clock& clock() const { return clock_; }
@@ -53,6 +64,9 @@ class PollingUsageProvider : public UsageMetricsProvider,
   EventCallback onEvent_;
   Token timer_;
   std::optional<ProviderBudgetReport> report_;
+  std::shared_ptr<TaskQueue> tickQueue_;
+  std::atomic<bool> isReading_ = false;  // from the tick that found something to the end of the poll
+  std::mutex sourceLock_;                // held while the source is read or looked at
 };
 
 }  // namespace vimbrel

@@ -1,0 +1,273 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "AgentMonitoring/UsageCoordinator.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "Domain/HookUsage.h"
+#include "Domain/ModelRateCard.h"
+#include "Support/SaturatingSum.h"
+
+namespace vimbrel {
+namespace {
+
+constexpr std::size_t recentSessionCount = 25;
+
+/// The window of a model that the card does not know.
+std::int64_t defaultContextWindow(AgentType agent) {
+  return agent == AgentType::gemini || agent == AgentType::antigravity ? 1'000'000 : 128'000;
+}
+
+/// The budget as far as a hook tells it; absent when it carries neither tokens nor a model.
+std::optional<ProviderBudgetReport> reportOf(const HookEvent& event, Instant now) {
+  const auto consumed = saturatingAdd(event.inputTokens.value_or(0), event.outputTokens.value_or(0),
+                                      event.reasoningTokens.value_or(0));
+  if (consumed < 1 && !event.model) return std::nullopt;
+  const auto window = ModelRateCard::contextWindow(event.model).value_or(defaultContextWindow(event.agent));
+  const auto price = ModelRateCard::estimateCost(event.model, event.inputTokens, event.outputTokens,
+                                                 event.cachedTokens, event.reasoningTokens, std::nullopt);
+  std::optional<CostBudget> cost;
+  if (price) cost = CostBudget{std::max(*price, 0.0), true};
+  return ProviderBudgetReport::make({
+      .agentType = event.agent,
+      .sessionId = event.sessionId,
+      .modelId = event.model,
+      .context =
+          BudgetMetric<ContextBudget>::known(ContextBudget::create(window, consumed), 0.9, "relay-hook"),
+      .quota = BudgetMetric<AccountQuotaBudget>::unavailable("Quota unavailable"),
+      .sessionUsage = UsageMetrics{.inputTokens = event.inputTokens,
+                                   .outputTokens = event.outputTokens,
+                                   .cachedTokens = event.cachedTokens,
+                                   .reasoningTokens = event.reasoningTokens,
+                                   .totalTokens = consumed,
+                                   .contextWindow = window,
+                                   .recordedAt = now},
+      .cost = cost,
+      .lastUpdated = now,
+      .source = "relay-hook",
+  });
+}
+
+}  // namespace
+
+UsageCoordinator::UsageCoordinator(Parts parts, const Clock& clock)
+    : parts_(std::move(parts)), clock_(clock) {}
+
+UsageCoordinator::~UsageCoordinator() { cancelled_ = true; }
+
+void UsageCoordinator::start() {
+  {
+    const std::lock_guard guard(lock_);
+    if (std::exchange(isRunning_, true)) return;
+  }
+  cancelled_ = false;
+  logger_.info("Starting UsageCoordinator and telemetry providers...");
+  parts_.workQueue->post([weak = weak_from_this()] {
+    const auto self = weak.lock();
+    if (!self) return;
+    self->openStoreIfNeeded();
+    if (self->store_ && self->parts_.importHistory) {
+      self->parts_.importHistory(*self->store_, self->owners_, self->cancelled_);
+    }
+    if (self->cancelled_) return;
+    for (const auto& provider : self->parts_.providers) {
+      provider->startMonitoring([weak](const UsageEvent& event) {
+        if (const auto coordinator = weak.lock()) coordinator->handleUsageEvent(event);
+      });
+    }
+    self->refreshBudgetReports();
+    self->refreshSummaries();
+  });
+}
+
+void UsageCoordinator::stop() {
+  {
+    const std::lock_guard guard(lock_);
+    if (!std::exchange(isRunning_, false)) return;
+  }
+  cancelled_ = true;
+  parts_.workQueue->post([weak = weak_from_this()] {
+    const auto self = weak.lock();
+    if (!self) return;
+    for (const auto& provider : self->parts_.providers) provider->stopMonitoring();
+    if (self->store_) self->store_->stop();
+  });
+}
+
+void UsageCoordinator::openStoreIfNeeded() {
+  if (store_ || openFailed_) return;
+  auto opened = parts_.openStore();
+  if (!opened) {
+    openFailed_ = true;
+    logger_.error("Usage is not recorded: %s", opened.error().c_str());
+    return;
+  }
+  store_ = std::move(*opened);
+  constexpr double always = 1e300;
+  store_->forEachEvent(instantFromUnixSeconds(-always), instantFromUnixSeconds(always),
+                       [this](const UsageEventView& event) { owners_.learn(event); });
+}
+
+void UsageCoordinator::withStore(std::function<void(UsageStore*)> work) {
+  parts_.workQueue->post([weak = weak_from_this(), work = std::move(work)] {
+    const auto self = weak.lock();
+    if (!self) return;
+    self->openStoreIfNeeded();
+    work(self->store_.get());
+  });
+}
+
+void UsageCoordinator::handleUsageEvent(const UsageEvent& event) {
+  {
+    const std::lock_guard guard(lock_);
+    pending_.push_back(event);
+    if (pending_.size() > 1) return;  // A flush is on its way and takes this one along.
+  }
+  parts_.workQueue->post([weak = weak_from_this()] {
+    if (const auto self = weak.lock()) self->flush();
+  });
+}
+
+void UsageCoordinator::flush() {
+  std::vector<UsageEvent> events;
+  {
+    const std::lock_guard guard(lock_);
+    events.swap(pending_);
+  }
+  openStoreIfNeeded();
+  if (!store_) return;
+  for (auto& event : events) owners_.assign(event);
+  if (store_->recordAll(events) == 0) return;
+  refreshBudgetReports();
+  refreshSummaries();
+}
+
+void UsageCoordinator::handleHookEvent(const HookEvent& event) {
+  if (const auto usage = toUsageEvent(event)) handleUsageEvent(*usage);
+  auto report = reportOf(event, clock_.now());
+  if (!report) return;
+  Reports reports;
+  {
+    const std::lock_guard guard(lock_);
+    applyMeasuredQuota(*report);
+    reports_.insert_or_assign(event.agent, *report);
+    reports = reports_;
+  }
+  publishReports(std::move(reports));
+}
+
+void UsageCoordinator::applyMeasuredQuota(ProviderBudgetReport& report) const {
+  const auto measured = measuredQuotas_.find(report.agentType);
+  if (measured == measuredQuotas_.end()) return;
+  report.quota =
+      BudgetMetric<AccountQuotaBudget>::known(measured->second.first, 1.0, measured->second.second);
+  report.lowBudgetAlert.reset();
+  report = ProviderBudgetReport::make(std::move(report));
+}
+
+void UsageCoordinator::setMeasuredQuota(AgentType agent, AccountQuotaBudget quota, std::string source) {
+  Reports reports;
+  {
+    const std::lock_guard guard(lock_);
+    measuredQuotas_.insert_or_assign(
+        agent, std::pair(AccountQuotaBudget::create(std::move(quota)), std::move(source)));
+    auto [report, isNew] = reports_.try_emplace(agent);
+    if (isNew) {
+      report->second.agentType = agent;
+      report->second.source = measuredQuotas_.at(agent).second;
+    }
+    report->second.lastUpdated = clock_.now();
+    applyMeasuredQuota(report->second);
+    reports = reports_;
+  }
+  publishReports(std::move(reports));
+}
+
+void UsageCoordinator::refreshBudgetReports() {
+  {
+    const std::lock_guard guard(lock_);
+    if (std::exchange(refreshPending_, true)) return;
+  }
+  // Each provider is asked on its own queue, one after the other, and the result is put together at the end.
+  struct Round {
+    std::vector<ProviderBudgetReport> found;
+    std::function<void(std::size_t)> ask;
+  };
+  auto round = std::make_shared<Round>();
+  round->ask = [weak = weak_from_this(), weakRound = std::weak_ptr(round)](std::size_t index) {
+    const auto self = weak.lock();
+    const auto current = weakRound.lock();
+    if (!self || !current) return;
+    if (index < self->parts_.providers.size()) {
+      const auto& provider = self->parts_.providers[index];
+      provider->queue()->post([provider, current, index] {
+        if (auto report = provider->latestBudgetReport()) current->found.push_back(std::move(*report));
+        current->ask(index + 1);
+      });
+      return;
+    }
+    Reports reports;
+    {
+      const std::lock_guard guard(self->lock_);
+      self->refreshPending_ = false;
+      for (auto& report : current->found) {
+        self->applyMeasuredQuota(report);
+        self->reports_.insert_or_assign(report.agentType, report);
+      }
+      reports = self->reports_;
+    }
+    self->publishReports(std::move(reports));
+  };
+  round->ask(0);
+}
+
+void UsageCoordinator::publishReports(Reports reports) {
+  parts_.mainQueue->post([weak = weak_from_this(), reports = std::move(reports)]() mutable {
+    const auto self = weak.lock();
+    if (!self) return;
+    Alerts alerts;
+    for (const auto& [agent, report] : reports) {
+      if (report.lowBudgetAlert) alerts.emplace(agent, *report.lowBudgetAlert);
+    }
+    // Evaluations hang on these; what did not change announces nothing.
+    if (self->lowBudgetAlerts_.get() != alerts) self->lowBudgetAlerts_.set(std::move(alerts));
+    if (self->latestBudgetReports_.get() != reports) self->latestBudgetReports_.set(std::move(reports));
+  });
+}
+
+void UsageCoordinator::refreshSummaries() {
+  withStore([weak = weak_from_this()](UsageStore* store) {
+    const auto self = weak.lock();
+    if (!self || store == nullptr) return;
+    self->parts_.mainQueue->post(
+        [weak, today = store->todaySummary(), recent = store->recentSessions(recentSessionCount)]() mutable {
+          const auto coordinator = weak.lock();
+          if (!coordinator) return;
+          coordinator->todaySummary_.set(std::move(today));
+          coordinator->recentSessions_.set(std::move(recent));
+        });
+  });
+}
+
+std::optional<ProviderBudgetReport> UsageCoordinator::budgetReport(AgentType agent) const {
+  const std::lock_guard guard(lock_);
+  const auto report = reports_.find(agent);
+  return report == reports_.end() ? std::nullopt : std::optional(report->second);
+}
+
+void UsageCoordinator::resetUsageData() {
+  withStore([weak = weak_from_this()](UsageStore* store) {
+    const auto self = weak.lock();
+    if (!self) return;
+    if (store != nullptr) store->resetStore();
+    {
+      const std::lock_guard guard(self->lock_);
+      self->reports_.clear();
+    }
+    self->publishReports({});
+    self->refreshSummaries();
+    self->logger_.info("UsageCoordinator telemetry data reset.");
+  });
+}
+
+}  // namespace vimbrel

@@ -1,0 +1,105 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <atomic>
+#include <expected>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "AgentMonitoring/UsageImport/TurnOwners.h"
+#include "AgentMonitoring/UsageProviders/UsageMetricsProvider.h"
+#include "AgentMonitoring/UsageStore.h"
+#include "Domain/HookEvent.h"
+#include "Domain/UsageSummary.h"
+#include "Support/Clock.h"
+#include "Support/Log.h"
+#include "Support/Published.h"
+#include "Support/TaskQueue.h"
+
+namespace vimbrel {
+
+/// The single owner of usage telemetry at run time: records what the providers and the hooks report, and
+/// publishes today's summary, the recent sessions, and each agent's latest budget with its alert.
+///
+/// The store, the import of history and every recording live on one background queue, so nothing here holds
+/// up a hook or the main queue. Operations may be called from any thread; published values belong to the main
+/// queue.
+class UsageCoordinator : public std::enable_shared_from_this<UsageCoordinator> {
+ public:
+  using Reports = std::map<AgentType, ProviderBudgetReport>;
+  using Alerts = std::map<AgentType, LowBudgetAlert>;
+
+  struct Parts {
+    std::shared_ptr<TaskQueue> mainQueue;
+    std::shared_ptr<TaskQueue> workQueue;  ///< a background queue
+    /// Opens the store; called once, on the work queue. The error is a sentence.
+    std::function<std::expected<std::unique_ptr<UsageStore>, std::string>()> openStore;
+    /// In the order in which they are started and asked.
+    std::vector<std::shared_ptr<UsageMetricsProvider>> providers;
+    /// Reads history into the store before the providers' first poll; on the work queue, until `cancelled`.
+    std::function<void(UsageStore& store, TurnOwners& owners, const std::atomic<bool>& cancelled)>
+        importHistory;
+  };
+
+  /// `clock` must outlive the coordinator.
+  UsageCoordinator(Parts parts, const Clock& clock);
+  ~UsageCoordinator();
+  UsageCoordinator(const UsageCoordinator&) = delete;
+  UsageCoordinator& operator=(const UsageCoordinator&) = delete;
+
+  void start();
+  void stop();
+  /// Records one event. What several events change is refreshed once.
+  void handleUsageEvent(const UsageEvent& event);
+  /// Records the tokens that a hook carries and makes them the agent's budget report.
+  void handleHookEvent(const HookEvent& event);
+  void refreshBudgetReports();
+  void refreshSummaries();
+  /// A quota that the agent itself measured; it stays the quota of the agent's reports until it is measured
+  /// again.
+  void setMeasuredQuota(AgentType agent, AccountQuotaBudget quota, std::string source);
+  [[nodiscard]] std::optional<ProviderBudgetReport> budgetReport(AgentType agent) const;
+  void resetUsageData();
+
+  /// Runs `work` on the work queue with the open store; `work` gets null when there is none.
+  void withStore(std::function<void(UsageStore* store)> work);
+
+  Published<UsageSummary>& todaySummary() { return todaySummary_; }
+  Published<std::vector<SessionUsageRecord>>& recentSessions() { return recentSessions_; }
+  Published<Reports>& latestBudgetReports() { return latestBudgetReports_; }
+  Published<Alerts>& lowBudgetAlerts() { return lowBudgetAlerts_; }
+
+ private:
+  void openStoreIfNeeded();
+  void flush();
+  void publishReports(Reports reports);
+  void applyMeasuredQuota(ProviderBudgetReport& report) const;
+
+  const Parts parts_;
+  const Clock& clock_;
+  const Logger logger_{"usage.coordinator"};
+
+  mutable std::mutex lock_;  // guards what follows, up to the blank line
+  bool isRunning_ = false;
+  std::vector<UsageEvent> pending_;
+  Reports reports_;
+  std::map<AgentType, std::pair<AccountQuotaBudget, std::string>> measuredQuotas_;
+  bool refreshPending_ = false;
+
+  std::atomic<bool> cancelled_ = false;
+  TurnOwners owners_;
+  std::unique_ptr<UsageStore> store_;  // the work queue's
+  bool openFailed_ = false;
+
+  Published<UsageSummary> todaySummary_{UsageSummary{}};
+  Published<std::vector<SessionUsageRecord>> recentSessions_{{}};
+  Published<Reports> latestBudgetReports_{{}};
+  Published<Alerts> lowBudgetAlerts_{{}};
+};
+
+}  // namespace vimbrel
