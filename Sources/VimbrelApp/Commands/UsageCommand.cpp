@@ -24,7 +24,9 @@ namespace {
 std::string money(const json& summary) {
   const auto cost = summary.find("estimatedCostUSD");
   // A model without a price must not look as if it had been free.
-  if (cost == summary.end() || !cost->is_number()) return "unpriced";
+  if (cost == summary.end() || !cost->is_number()) {
+    return summary.value("totalTokens", std::int64_t{0}) == 0 ? "-" : "unpriced";
+  }
   char text[64];
   std::snprintf(text, sizeof text, "$%.2f", cost->get<double>());
   return text;
@@ -96,7 +98,8 @@ int usageTodayCommand(Output output) {
               std::to_string(today->value("sessionCount", 0)) + " sessions, " +
               std::to_string(today->value("turnCount", 0)) + " turns"});
   json rows = json::array();
-  for (const auto& [agent, summary] : today->value("byAgent", json::object()).items()) {
+  const auto byAgent = today->value("byAgent", json::object());
+  for (const auto& [agent, summary] : byAgent.items()) {
     rows.push_back(summary);
     rows.back()["key"] = agent;
   }

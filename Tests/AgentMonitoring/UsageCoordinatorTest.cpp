@@ -1,0 +1,184 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "AgentMonitoring/UsageCoordinator.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+
+#include "AgentMonitoring/UsageReports.h"
+#include "Support/VirtualTime.h"
+#include "TemporaryDirectory.h"
+
+namespace vimbrel {
+namespace {
+
+struct FakeProvider final : UsageMetricsProvider {
+  explicit FakeProvider(AgentType type, std::shared_ptr<TaskQueue> own) : agent(type), own(std::move(own)) {}
+  AgentType agentType() const override { return agent; }
+  const std::shared_ptr<TaskQueue>& queue() const override { return own; }
+  void startMonitoring(EventCallback onEvent) override { ++starts, deliver = std::move(onEvent); }
+  void stopMonitoring() override { deliver = nullptr; }
+  std::vector<UsageEvent> pollLatestEvents() override { return {}; }
+  std::optional<ProviderBudgetReport> latestBudgetReport() override { return ++asked, report; }
+  AgentType agent;
+  std::shared_ptr<TaskQueue> own;
+  int starts = 0;
+  int asked = 0;
+  EventCallback deliver;
+  std::optional<ProviderBudgetReport> report;
+};
+
+class Usage : public testing::Test {
+ protected:
+  Usage() {
+    ::setenv("XDG_DATA_HOME", directory_.path().c_str(), 1);
+    UsageCoordinator::Parts parts;
+    parts.mainQueue = time_.mainQueue();
+    parts.workQueue = time_.makeQueue("work", QueueHome::background);
+    parts.openStore = [this] {
+      UsageStoreOptions options;
+      options.path = directory_.file("Vimbrel/usage_store.json");
+      return UsageStore::open(options, time_.mainQueue(), time_);
+    };
+    provider_ =
+        std::make_shared<FakeProvider>(AgentType::claude, time_.makeQueue("claude", QueueHome::background));
+    parts.providers = {provider_};
+    parts.importHistory = [this](UsageStore& store, TurnOwners&, const std::atomic<bool>&) {
+      EXPECT_EQ(provider_->starts, 0) << "history comes before the first poll";
+      store.record(event("old", "msg_0", 5));
+    };
+    usage_ = std::make_shared<UsageCoordinator>(std::move(parts), time_);
+  }
+  UsageEvent event(const std::string& session, const std::string& turn, std::int64_t output) {
+    return UsageEvent::make({.id = session + turn,
+                             .agentType = AgentType::claude,
+                             .sessionId = session,
+                             .turnId = turn,
+                             .modelId = "claude-opus-5",
+                             .outputTokens = output,
+                             .timestamp = time_.now(),
+                             .source = "test"});
+  }
+  static ProviderBudgetReport reportWith(double contextUsed) {
+    return ProviderBudgetReport::make(
+        {.agentType = AgentType::claude,
+         .context = BudgetMetric<ContextBudget>::known(
+             ContextBudget::create(100, static_cast<std::int64_t>(contextUsed)), 1, "test"),
+         .source = "claude"});
+  }
+  HookEvent hook(AgentType agent, std::optional<std::int64_t> input, std::optional<std::string> model) {
+    HookEvent made;
+    made.agent = agent;
+    made.sessionId = "h";
+    made.timestamp = time_.now();
+    made.inputTokens = input;
+    made.model = std::move(model);
+    return made;
+  }
+  TemporaryDirectory directory_;
+  VirtualTime time_{*parseIso8601("2026-03-07T12:00:00Z")};
+  std::shared_ptr<FakeProvider> provider_;
+  std::shared_ptr<UsageCoordinator> usage_;
+};
+
+TEST_F(Usage, recordsWhatProvidersDeliverAndRefreshesOnceForAPoll) {
+  usage_->start();
+  usage_->start();
+  time_.runReady();
+  EXPECT_EQ(provider_->starts, 1);
+  EXPECT_EQ(usage_->todaySummary().get().outputTokens, 5);
+  const auto asked = provider_->asked;
+  for (int i = 1; i <= 10; ++i) provider_->deliver(event("s", "msg_" + std::to_string(i), 10));
+  time_.runReady();
+  EXPECT_EQ(usage_->todaySummary().get().outputTokens, 105);
+  EXPECT_EQ(usage_->recentSessions().get().size(), 2U);
+  EXPECT_EQ(provider_->asked, asked + 1);
+  // Known already, also under the session of a resumed conversation.
+  provider_->deliver(event("s", "msg_1", 10));
+  provider_->deliver(event("resumed", "msg_2", 10));
+  time_.runReady();
+  EXPECT_EQ(usage_->todaySummary().get().outputTokens, 105);
+  EXPECT_EQ(provider_->asked, asked + 1);
+  usage_->stop();
+  time_.runReady();
+  EXPECT_FALSE(provider_->deliver);
+}
+
+TEST_F(Usage, publishesBudgetsAndTheirAlerts) {
+  provider_->report = reportWith(85);
+  usage_->start();
+  time_.runReady();
+  EXPECT_EQ(usage_->lowBudgetAlerts().get().at(AgentType::claude).level, LowBudgetLevel::warning);
+  provider_->report.reset();
+  usage_->refreshBudgetReports();
+  time_.runReady();
+  EXPECT_TRUE(usage_->budgetReport(AgentType::claude)) << "a provider without a report keeps the one before";
+  usage_->setMeasuredQuota(AgentType::claude, {.percentageRemaining = 3}, "status-line");
+  provider_->report = reportWith(10);
+  usage_->refreshBudgetReports();
+  time_.runReady();
+  EXPECT_EQ(usage_->latestBudgetReports().get().at(AgentType::claude).quota.source(), "status-line");
+  EXPECT_EQ(usage_->lowBudgetAlerts().get().at(AgentType::claude).level, LowBudgetLevel::exhausted);
+  usage_->resetUsageData();
+  time_.runReady();
+  EXPECT_TRUE(usage_->latestBudgetReports().get().empty());
+  EXPECT_TRUE(usage_->lowBudgetAlerts().get().empty());
+  EXPECT_EQ(usage_->todaySummary().get().totalTokens, 0);
+}
+
+TEST_F(Usage, makesABudgetOfTheTokensThatAHookCarries) {
+  usage_->start();
+  time_.runReady();
+  usage_->handleHookEvent(hook(AgentType::codex, {}, {}));
+  time_.runReady();
+  EXPECT_FALSE(usage_->budgetReport(AgentType::codex));
+  usage_->handleHookEvent(hook(AgentType::gemini, 52000, "nobody-knows"));
+  time_.runReady();
+  const auto report = *usage_->budgetReport(AgentType::gemini);
+  EXPECT_EQ(report.context.value()->contextWindow(), 1000000);
+  EXPECT_EQ(report.context.value()->tokensConsumed(), 52000);
+  EXPECT_FALSE(report.cost);
+  EXPECT_EQ(report.source, "relay-hook");
+  EXPECT_EQ(usage_->todaySummary().get().byAgent.at("gemini").inputTokens, 52000);
+}
+
+TEST_F(Usage, reportsByDayWeekMonthModelProjectAndBillingWindow) {
+  UsageStoreOptions options;
+  options.path = directory_.file("Vimbrel/other.json");
+  auto store = std::move(*UsageStore::open(options, time_.mainQueue(), time_));
+  int turn = 0;
+  for (const char* time : {"2025-12-29T23:30:00Z", "2026-01-01T00:30:00Z", "2026-01-01T05:29:00Z",
+                           "2026-01-01T05:31:00Z", "2026-01-31T12:00:00Z"}) {
+    auto made = event(turn % 2 == 0 ? "even" : "odd", "t" + std::to_string(turn), turn + 1);
+    ++turn;
+    made.timestamp = *parseIso8601(time);
+    ASSERT_TRUE(store->record(made));
+  }
+  const auto rows = [&](UsageGrouping grouping, std::optional<Instant> since = {}) {
+    const auto report =
+        makeUsageReport(*store, {.grouping = grouping, .since = since}, [](std::string_view session) {
+          return session == "even" ? std::optional<std::string>("/p") : std::nullopt;
+        });
+    std::string text;
+    std::int64_t sum = 0;
+    for (const auto& row : report.rows) {
+      text += row.key + "=" + std::to_string(row.summary.outputTokens) + " ";
+      sum += row.summary.outputTokens;
+    }
+    EXPECT_EQ(sum, report.total.outputTokens);
+    return text;
+  };
+  EXPECT_EQ(rows(UsageGrouping::daily), "2025-12-29=1 2026-01-01=9 2026-01-31=5 ");
+  EXPECT_EQ(rows(UsageGrouping::weekly), "2026-W01=10 2026-W05=5 ");
+  EXPECT_EQ(rows(UsageGrouping::monthly), "2025-12=1 2026-01=14 ");
+  EXPECT_EQ(rows(UsageGrouping::monthly, parseIso8601("2026-01-01T05:30:00Z")), "2026-01=9 ");
+  EXPECT_EQ(rows(UsageGrouping::sessions), "even=9 odd=6 ");
+  EXPECT_EQ(rows(UsageGrouping::models), "claude-opus-5=15 ");
+  EXPECT_EQ(rows(UsageGrouping::projects), "/p=9 unknown=6 ");
+  // A window begins at the full hour of its first use and ends five hours later.
+  EXPECT_EQ(rows(UsageGrouping::blocks),
+            "2025-12-29T23:00:00Z=1 2026-01-01T00:00:00Z=2 2026-01-01T05:00:00Z=7 2026-01-31T12:00:00Z=5 ");
+}
+
+}  // namespace
+}  // namespace vimbrel
