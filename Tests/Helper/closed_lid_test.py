@@ -275,6 +275,44 @@ class ClosedLid(unittest.TestCase):
         until(lambda: world.suspends() == before + 2, 5, "the suspend without a hold")
         world.resume()
 
+    def test_the_running_application_covers_the_lid_and_lets_go(self):
+        world = self.world
+        # The application finds the helper at the place of the system's own.
+        actors = self.actors(helper_arguments=["--socket", "/var/run/vimbrel-helper.sock"])
+        actors.socket = "/var/run/vimbrel-helper.sock"
+        actors.start_helper()
+        home = "/run/application"
+        os.makedirs(f"{home}/.config/com.vimbrel.app")
+        with open(f"{home}/.config/com.vimbrel.app/settings.json", "w") as file:
+            json.dump({"releaseDelaySeconds": 0}, file)
+        environment = {"HOME": home, "PATH": "/usr/bin:/bin", "LANG": "C.UTF-8"}
+        hook_socket = f"{home}/.local/share/Vimbrel/run/vimbrel.sock"
+
+        def run_application():
+            actors.client = world.start([os.environ["VIMBREL_PROGRAM"], "run"], env=environment)
+            until(lambda: served(hook_socket), 10, "the application")
+
+        def report(state):
+            subprocess.run([os.environ["VIMBREL_RELAY_PROGRAM"], "--agent", "claude", "--state", state, "--session", "s"],
+                           env=environment, check=True)
+
+        run_application()
+        self.assertFalse(world.covered())
+        report("working")
+        until(world.covered, 5, "the inhibitor")
+        before = world.suspends()
+        world.set_lid(1)
+        time.sleep(0.7)
+        self.assertEqual(world.suspends(), before, "suspended in spite of a working agent")
+        report("idle")
+        until(lambda: world.suspends() == before + 1, 5, "the suspend when the agent was done")
+        world.resume()
+        # Killed while it holds: the lease of 60 seconds ends by itself.
+        report("working")
+        until(world.covered, 5, "the inhibitor of the second hold")
+        actors.kill("client")
+        until(lambda: not world.covered(), 60 + 5, "the end of the dead application's lease")
+
     def test_survives_logind(self):
         world, actors = self.world, self.actors()
         actors.start_helper()
