@@ -5,9 +5,11 @@
 #include <asio.hpp>
 #include <atomic>
 #include <deque>
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <thread>
+#include <unordered_map>
 #include <vector>
 
 namespace vimbrel {
@@ -25,6 +27,26 @@ struct EventLoop::State {
   std::vector<std::thread> threads;
   SteadyPoint tickOrigin = asio::steady_timer::clock_type::now();
   std::shared_ptr<TaskQueue> mainQueue;
+  std::mutex attachedLock;
+  /// How timers and watches let go of the loops when these end before their tokens do.
+  std::unordered_map<const void*, std::function<void()>> attached;
+
+  void attach(const void* operation, std::function<void()> letGo) {
+    const std::lock_guard guard(attachedLock);
+    attached.insert_or_assign(operation, std::move(letGo));
+  }
+  void detach(const void* operation) {
+    const std::lock_guard guard(attachedLock);
+    attached.erase(operation);
+  }
+  void letAllGo() {
+    decltype(attached) all;
+    {
+      const std::lock_guard guard(attachedLock);
+      all.swap(attached);
+    }
+    for (const auto& [operation, letGo] : all) letGo();
+  }
 
   /// Makes what the loops need now rather than at the first timer or watch, when the process may have no
   /// descriptor left and nobody could take the failure.
@@ -65,9 +87,15 @@ class RunningMark {
 
 /// A timer of one firing or many. Its Asio object is touched on the main loop only.
 struct TimerOperation {
-  explicit TimerOperation(asio::io_context& context) : timer(context) {}
+  explicit TimerOperation(const std::shared_ptr<EventLoop::State>& state) : home(state), timer(state->main) {}
+  ~TimerOperation() {
+    if (const auto alive = home.lock()) alive->detach(this);
+  }
+  TimerOperation(const TimerOperation&) = delete;
+  TimerOperation& operator=(const TimerOperation&) = delete;
+  std::weak_ptr<EventLoop::State> home;
   std::atomic<bool> cancelled{false};
-  asio::steady_timer timer;
+  std::optional<asio::steady_timer> timer;
   TaskQueue::Task task;
   std::chrono::nanoseconds interval{};  // zero: fires once
   TimerPrecision precision = TimerPrecision::exact;
@@ -79,7 +107,9 @@ struct TimerOperation {
 struct Watch {
   ~Watch() {
     if (descriptor) descriptor->release();  // The descriptor is the caller's.
+    if (const auto alive = home.lock()) alive->detach(this);
   }
+  std::weak_ptr<EventLoop::State> home;
   std::atomic<bool> cancelled{false};
   std::mutex lock;
   std::optional<asio::posix::stream_descriptor> descriptor;
@@ -169,7 +199,10 @@ class AsioQueue final : public TaskQueue, public std::enable_shared_from_this<As
                    TimerPrecision precision, Task task) {
     const auto state = state_.lock();
     if (!state) return Token{};
-    auto operation = std::make_shared<TimerOperation>(state->main);
+    auto operation = std::make_shared<TimerOperation>(state);
+    state->attach(operation.get(), [weak = std::weak_ptr(operation)] {
+      if (const auto timer = weak.lock()) timer->timer.reset();
+    });
     operation->task = std::move(task);
     operation->interval = interval;
     operation->precision = precision;
@@ -177,17 +210,18 @@ class AsioQueue final : public TaskQueue, public std::enable_shared_from_this<As
     asio::post(state->main, [self = shared_from_this(), operation] { self->arm(operation); });
     return Token{[weak = state_, operation] {
       operation->cancelled = true;
-      if (const auto alive = weak.lock()) asio::post(alive->main, [operation] { operation->timer.cancel(); });
+      if (const auto alive = weak.lock())
+        asio::post(alive->main, [operation] { operation->timer->cancel(); });
     }};
   }
 
   void arm(const std::shared_ptr<TimerOperation>& operation) {
     const auto state = state_.lock();
-    if (!state || operation->cancelled) return;
-    operation->timer.expires_at(operation->precision == TimerPrecision::shared
-                                    ? state->alignedToTick(operation->due)
-                                    : operation->due);
-    operation->timer.async_wait([self = shared_from_this(), operation](const asio::error_code& error) {
+    if (!state || operation->cancelled || !operation->timer) return;
+    operation->timer->expires_at(operation->precision == TimerPrecision::shared
+                                     ? state->alignedToTick(operation->due)
+                                     : operation->due);
+    operation->timer->async_wait([self = shared_from_this(), operation](const asio::error_code& error) {
       if (error || operation->cancelled) return;
       if (operation->interval > 0ns) {
         const auto now = asio::steady_timer::clock_type::now();
@@ -211,6 +245,14 @@ class AsioQueue final : public TaskQueue, public std::enable_shared_from_this<As
     } catch (const std::system_error&) {
       return Token{};  // Not a descriptor that can be waited for; such a watch never fires.
     }
+    watch->home = state;
+    state->attach(watch.get(), [weak = std::weak_ptr(watch)] {
+      const auto watched = weak.lock();
+      if (!watched) return;
+      const std::lock_guard guard(watched->lock);
+      if (watched->descriptor) watched->descriptor->release();
+      watched->descriptor.reset();
+    });
     asio::post(homeOf(*state), [self = shared_from_this(), watch, type] { self->wait(watch, type); });
     return Token{[weak = state_, watch] {
       watch->cancelled = true;
@@ -258,6 +300,7 @@ EventLoop::~EventLoop() {
   state_->background.stop();
   for (auto& thread : state_->threads) thread.join();
   state_->main.stop();
+  state_->letAllGo();
   state_->mainQueue.reset();
 }
 
