@@ -1,7 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "AgentMonitoring/UsageEventTable.h"
 
+#include <sys/mman.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <bit>
 #include <cstring>
 #include <functional>
 #include <utility>
@@ -16,66 +20,78 @@ constexpr unsigned turnBit = 7;
 constexpr unsigned modelBit = 8;
 constexpr unsigned costBit = 9;
 constexpr unsigned quotaBit = 10;
+constexpr unsigned wideBit = 11;
 
 constexpr std::array countMembers{&UsageEventView::inputTokens,     &UsageEventView::outputTokens,
                                   &UsageEventView::cachedTokens,    &UsageEventView::cacheWriteTokens,
                                   &UsageEventView::reasoningTokens, &UsageEventView::totalTokens,
                                   &UsageEventView::contextWindow};
 
+/// Has the system provide fresh memory at once. Years of events are loaded at every start, and taking a fault
+/// for each of their ten thousand pages took as long as reading them. Where it cannot, nothing is lost.
+void provide(void* start, std::size_t bytes) {
+  static const auto page = static_cast<std::uintptr_t>(::sysconf(_SC_PAGESIZE));
+  const auto first = (reinterpret_cast<std::uintptr_t>(start) + page - 1) & ~(page - 1);
+  const auto last = (reinterpret_cast<std::uintptr_t>(start) + bytes) & ~(page - 1);
+  if (first < last) ::madvise(reinterpret_cast<void*>(first), last - first, MADV_POPULATE_WRITE);
+}
+
 constexpr std::uint32_t extraKeyFlag = 0x80000000U;
+constexpr std::size_t fewestSlots = 1024;  // a power of two, as every size of the index
 
 std::uint32_t fingerprintOf(std::string_view key) {
   const auto hash = std::hash<std::string_view>{}(key);
   return static_cast<std::uint32_t>(hash ^ (hash >> 32U));
 }
 
-int hexValue(char c, char letterA) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= letterA && c < letterA + 6) return c - letterA + 10;
-  return -1;
-}
+/// Where the bytes of a UUID begin in its text.
+constexpr std::array<std::uint8_t, 16> byteOffsets{0, 2, 4, 6, 9, 11, 14, 16, 19, 21, 24, 26, 28, 30, 32, 34};
 
-constexpr bool isDash(std::size_t position) {
-  return position == 8 || position == 13 || position == 18 || position == 23;
+using HexValues = std::array<std::uint8_t, 256>;
+constexpr std::uint8_t noHex = 0x80;
+
+constexpr HexValues hexValues(unsigned char letterA) {
+  HexValues values{};
+  values.fill(noHex);
+  for (std::uint8_t i = 0; i < 10; ++i) values['0' + i] = i;
+  for (std::uint8_t i = 0; i < 6; ++i) values[letterA + i] = static_cast<std::uint8_t>(10 + i);
+  return values;
 }
+constexpr HexValues lowerHex = hexValues('a');
+constexpr HexValues upperHex = hexValues('A');
 
 /// Sixteen bytes of a UUID that is written in the standard form with letters of one case.
-bool packUuid(std::string_view text, char letterA, std::array<unsigned char, 16>& bytes) {
-  if (text.size() != 36) return false;
-  std::size_t count = 0;
-  for (std::size_t i = 0; i < 36;) {
-    if (isDash(i)) {
-      if (text[i++] != '-') return false;
-      continue;
-    }
-    const int high = hexValue(text[i], letterA);
-    const int low = hexValue(text[i + 1], letterA);
-    if (high < 0 || low < 0) return false;
-    bytes[count++] = static_cast<unsigned char>(high * 16 + low);
-    i += 2;
+bool packUuid(std::string_view text, const HexValues& hex, std::array<unsigned char, 16>& bytes) {
+  if (text.size() != 36 || text[8] != '-' || text[13] != '-' || text[18] != '-' || text[23] != '-')
+    return false;
+  unsigned wrong = 0;
+  for (std::size_t i = 0; i < bytes.size(); ++i) {
+    const unsigned high = hex[static_cast<unsigned char>(text[byteOffsets[i]])];
+    const unsigned low = hex[static_cast<unsigned char>(text[byteOffsets[i] + 1U])];
+    wrong |= high | low;
+    bytes[i] = static_cast<unsigned char>(high << 4U | low);
   }
-  return true;
+  return (wrong & noHex) == 0;
 }
 
 void unpackUuid(const std::array<unsigned char, 16>& bytes, const char* digits, std::array<char, 36>& text) {
-  std::size_t at = 0;
-  for (const auto byte : bytes) {
-    if (isDash(at)) text[at++] = '-';
-    text[at++] = digits[byte >> 4U];
-    text[at++] = digits[byte & 15U];
+  text[8] = text[13] = text[18] = text[23] = '-';
+  for (std::size_t i = 0; i < bytes.size(); ++i) {
+    text[byteOffsets[i]] = digits[bytes[i] >> 4U];
+    text[byteOffsets[i] + 1U] = digits[bytes[i] & 15U];
   }
 }
 
 }  // namespace
 
-std::uint32_t TextPool::intern(std::string_view text) {
-  if (latest_ < texts_.size() && texts_[latest_] == text) return latest_;
-  if (const auto known = find(text)) return latest_ = *known;
+std::uint32_t TextPool::intern(std::string_view text, std::uint32_t& latest) {
+  if (latest < texts_.size() && texts_[latest] == text) return latest;
+  if (const auto known = find(text)) return latest = *known;
   texts_.emplace_back(text);
   appendJsonString(quoted_.emplace_back(), text);
-  latest_ = size() - 1;
-  numbers_.emplace(texts_.back(), latest_);
-  return latest_;
+  latest = size() - 1;
+  numbers_.emplace(texts_.back(), latest);
+  return latest;
 }
 
 std::optional<std::uint32_t> TextPool::find(std::string_view text) const {
@@ -84,12 +100,14 @@ std::optional<std::uint32_t> TextPool::find(std::string_view text) const {
 }
 
 std::string_view TextArena::keep(std::string_view text) {
-  constexpr std::size_t blockBytes = 1 << 16;
+  constexpr std::size_t blockBytes = 1 << 19;
   if (text.empty()) return {};
   if (text.size() > left_) {
     const auto size = std::max(blockBytes, text.size());
     blocks_.push_back(std::make_unique_for_overwrite<char[]>(size));
     cursor_ = blocks_.back().get();
+    // The first block of a young store is not filled soon.
+    if (blocks_.size() > 1) provide(cursor_, size);
     left_ = size;
   }
   std::memcpy(cursor_, text.data(), text.size());
@@ -137,8 +155,22 @@ std::size_t UsageEventTable::slotOf(std::string_view key, std::uint32_t fingerpr
 }
 
 void UsageEventTable::growIndex() {
-  if (usedSlots_ * 4 < slots_.size() * 3) return;
-  const auto old = std::exchange(slots_, std::vector<Slot>(std::max<std::size_t>(slots_.size() * 2, 1024)));
+  if (usedSlots_ * 4 >= slots_.size() * 3) resizeIndex(std::max(slots_.size() * 2, fewestSlots));
+}
+
+void UsageEventTable::reserve(std::size_t keys) {
+  // A hint from a file's size must not take memory that only the file's contents can justify.
+  constexpr std::size_t mostKeys = 1 << 20;
+  const auto slots = std::max(std::bit_ceil(std::min(keys, mostKeys) / 3 * 4 + 1), fewestSlots);
+  if (slots > slots_.size()) resizeIndex(slots);
+}
+
+void UsageEventTable::resizeIndex(std::size_t slots) {
+  std::vector<Slot> larger;
+  larger.reserve(slots);
+  provide(larger.data(), slots * sizeof(Slot));
+  larger.resize(slots);
+  const auto old = std::exchange(slots_, std::move(larger));
   const auto mask = slots_.size() - 1;
   for (const auto& slot : old) {
     if (slot.reference == 0) continue;
@@ -150,7 +182,10 @@ void UsageEventTable::growIndex() {
 
 UsageEventTable::Row UsageEventTable::append(const UsageEventView& event) {
   const Row row = size_++;
-  if (row / rowsPerBlock == blocks_.size()) blocks_.push_back(std::make_unique_for_overwrite<Block>());
+  if (row / rowsPerBlock == blocks_.size()) {
+    blocks_.push_back(std::make_unique_for_overwrite<Block>());
+    if (blocks_.size() > 1) provide(blocks_.back().get(), sizeof(Block));
+  }
   pack(row, event, arena_.keep(event.turnId.value_or(std::string_view{})));
   growIndex();
   newKey_.clear();
@@ -183,10 +218,18 @@ void UsageEventTable::pack(Row row, const UsageEventView& event, std::string_vie
   auto& block = *blocks_[row / rowsPerBlock];
   auto& target = block.rows[row % rowsPerBlock];
   unsigned present = 0;
+  Counts counts;
   for (std::size_t i = 0; i < countMembers.size(); ++i) {
     const auto& count = event.*countMembers[i];
-    target.counts[i] = count.value_or(0);
+    counts[i] = count.value_or(0);
+    target.counts[i] = static_cast<std::int32_t>(counts[i]);
     present |= static_cast<unsigned>(count.has_value()) << i;
+    present |= static_cast<unsigned>(target.counts[i] != counts[i]) << wideBit;
+  }
+  if ((present >> wideBit & 1U) != 0) {
+    wideCounts_.insert_or_assign(row, counts);
+  } else if (!wideCounts_.empty()) {
+    wideCounts_.erase(row);
   }
   present |= static_cast<unsigned>(event.turnId.has_value()) << turnBit;
   present |= static_cast<unsigned>(event.modelId.has_value()) << modelBit;
@@ -199,9 +242,9 @@ void UsageEventTable::pack(Row row, const UsageEventView& event, std::string_vie
   block.earliest = std::min(block.earliest, target.timestamp);
   block.latest = std::max(block.latest, target.timestamp);
   target.agent = event.agentType;
-  if (packUuid(event.id, 'a', target.id.uuid)) {
+  if (packUuid(event.id, lowerHex, target.id.uuid)) {
     target.idForm = IdForm::lowerUuid;
-  } else if (packUuid(event.id, 'A', target.id.uuid)) {
+  } else if (packUuid(event.id, upperHex, target.id.uuid)) {
     target.idForm = IdForm::upperUuid;
   } else {
     const auto kept = arena_.keep(event.id);
@@ -210,9 +253,9 @@ void UsageEventTable::pack(Row row, const UsageEventView& event, std::string_vie
   }
   target.turn = turn.data();
   target.turnLength = static_cast<std::uint32_t>(turn.size());
-  target.session = texts_.intern(event.sessionId);
-  target.model = event.modelId ? texts_.intern(*event.modelId) : 0;
-  target.source = texts_.intern(event.source);
+  target.session = texts_.intern(event.sessionId, latestSession_);
+  target.model = event.modelId ? texts_.intern(*event.modelId, latestModel_) : 0;
+  target.source = texts_.intern(event.source, latestSource_);
 }
 
 std::optional<std::uint32_t> UsageEventTable::modelNumber(Row row) const {
@@ -235,8 +278,9 @@ UsageEventView UsageEventTable::view(Row row, Scratch& scratch) const {
   event.sessionId = texts_.text(source.session);
   if (has(turnBit)) event.turnId = std::string_view(source.turn, source.turnLength);
   if (has(modelBit)) event.modelId = texts_.text(source.model);
+  const Counts* wide = has(wideBit) ? &wideCounts_.at(row) : nullptr;
   for (std::size_t i = 0; i < countMembers.size(); ++i) {
-    if (has(i)) event.*countMembers[i] = source.counts[i];
+    if (has(i)) event.*countMembers[i] = wide == nullptr ? source.counts[i] : (*wide)[i];
   }
   if (has(costBit)) event.costEstimateUSD = source.cost;
   if (has(quotaBit)) event.quotaRemainingPercent = source.quota;

@@ -20,7 +20,9 @@ namespace vimbrel {
 /// Texts that repeat (session ids, models, sources), kept once and known by number.
 class TextPool {
  public:
-  std::uint32_t intern(std::string_view text);
+  /// The text's number. `latest`, the caller's number for the text before in the same column, saves the
+  /// search while the text stays the same, and becomes the new number.
+  std::uint32_t intern(std::string_view text, std::uint32_t& latest);
   [[nodiscard]] std::optional<std::uint32_t> find(std::string_view text) const;
   [[nodiscard]] const std::string& text(std::uint32_t number) const { return texts_[number]; }
   /// The text as a JSON string, quotes included.
@@ -31,7 +33,6 @@ class TextPool {
   std::deque<std::string> texts_;
   std::deque<std::string> quoted_;
   std::unordered_map<std::string_view, std::uint32_t> numbers_;
-  std::uint32_t latest_ = 0;
 };
 
 /// Texts that do not repeat, packed one behind the other. Addresses stay valid.
@@ -61,6 +62,8 @@ class UsageEventTable {
   };
   static constexpr std::size_t maximumEvents = 0x7FFFFFFE;
 
+  /// Makes room in the index for this many keys in all.
+  void reserve(std::size_t keys);
   [[nodiscard]] Row size() const { return size_; }
   [[nodiscard]] std::optional<Known> find(std::string_view key) const;
 
@@ -107,8 +110,9 @@ class UsageEventTable {
     const char* start;
     std::uint32_t length;
   };
+  using Counts = std::array<std::int64_t, 7>;
   struct PackedRow {
-    std::array<std::int64_t, 7> counts;
+    std::array<std::int32_t, 7> counts;  ///< or, with the bit for it, in `wideCounts_`
     double cost;
     double quota;
     double timestamp;
@@ -125,7 +129,7 @@ class UsageEventTable {
     AgentType agent;
     IdForm idForm;
   };
-  static constexpr Row rowsPerBlock = 1024;
+  static constexpr Row rowsPerBlock = 4096;
   struct Block {
     double earliest = std::numeric_limits<double>::infinity();
     double latest = -std::numeric_limits<double>::infinity();
@@ -145,10 +149,15 @@ class UsageEventTable {
   /// The slot that holds the key, or the empty one where it belongs.
   [[nodiscard]] std::size_t slotOf(std::string_view key, std::uint32_t fingerprint) const;
   void growIndex();
+  void resizeIndex(std::size_t slots);
 
   std::vector<std::unique_ptr<Block>> blocks_;
   Row size_ = 0;
+  std::unordered_map<Row, Counts> wideCounts_;  ///< of the few rows with a count beyond 32 bits
   TextPool texts_;
+  std::uint32_t latestSession_ = 0;
+  std::uint32_t latestModel_ = 0;
+  std::uint32_t latestSource_ = 0;
   TextArena arena_;
   std::vector<std::string_view> extraKeys_;
   std::vector<Slot> slots_;

@@ -120,7 +120,7 @@ void UsageStore::loadStoreFile() {
     } while (count < 0 && errno == EINTR);
     return count;
   });
-  auto loaded = usageStoreFormat::read(reader);
+  auto loaded = usageStoreFormat::read(reader, static_cast<std::size_t>(status.st_size));
   if (!loaded) {
     isUnreadable_ = true;
     return;

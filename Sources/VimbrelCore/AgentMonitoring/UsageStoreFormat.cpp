@@ -492,8 +492,10 @@ void write(OutputBuffer& output, const UsageStoreContents& contents) {
   output.append("]}");
 }
 
-std::expected<Loaded, std::string> read(JsonPullReader& reader) {
+std::expected<Loaded, std::string> read(JsonPullReader& reader, std::size_t documentBytes) {
   Loaded loaded;
+  constexpr std::size_t bytesOfAnEvent = 480;  // with its key, as the log readers of this program write them
+  loaded.contents.events.reserve(documentBytes / bytesOfAnEvent);
   bool hasEvents = false;
   bool hasSessions = false;
   bool hasKeys = false;

@@ -36,7 +36,8 @@ struct Loaded {
   std::optional<std::int64_t> schemaVersion;  ///< absent for the legacy format
 };
 /// Reads a whole document, in any order of keys; unknown keys are passed over. The error is a sentence.
-[[nodiscard]] std::expected<Loaded, std::string> read(JsonPullReader& reader);
+/// `documentBytes`, if known, saves growing.
+[[nodiscard]] std::expected<Loaded, std::string> read(JsonPullReader& reader, std::size_t documentBytes = 0);
 
 /// One event as a JSON object followed by a line break: a line of the journal.
 void appendJournalLine(std::string& text, const UsageEventView& event);

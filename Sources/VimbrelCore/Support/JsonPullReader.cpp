@@ -71,7 +71,7 @@ bool JsonPullReader::refill(const char*& keep) {
 }
 
 /// The next byte that is not white space, after the colon that may be due; NUL at the end.
-char JsonPullReader::peek() {
+char JsonPullReader::peekPastSpace() {
   for (;;) {
     while (cursor_ != end_) {
       const char c = *cursor_;
@@ -113,12 +113,16 @@ bool JsonPullReader::beginObject() { return expect('{') && (first_ = true); }
 bool JsonPullReader::beginArray() { return expect('[') && (first_ = true); }
 
 bool JsonPullReader::nextMember(std::string_view& name) {
-  if (peek() == '}') {
+  const char next = peek();
+  if (next == '}') {
     ++cursor_;
     first_ = false;
     return false;
   }
-  if (!first_ && !expect(',')) return false;
+  if (!first_) {
+    if (next != ',') return fail();
+    ++cursor_;
+  }
   first_ = false;
   if (!string(name)) return false;
   colonPending_ = true;
@@ -226,7 +230,7 @@ bool JsonPullReader::string(std::string_view& text) {
 bool JsonPullReader::number(Number& number) {
   if (!isNumber()) return fail();
   const char* start = cursor_;
-  const auto at = [&] { return cursor_ == end_ && !refill(start) ? '\0' : *cursor_; };
+  const auto at = [&] { return cursor_ != end_ || refill(start) ? *cursor_ : '\0'; };
   const auto digits = [&] {
     if (!isDigit(at())) return fail();
     while (isDigit(at())) ++cursor_;

@@ -48,7 +48,10 @@ class JsonPullReader {
   [[nodiscard]] bool takeNull();
   /// True when a string (a number) stands here.
   [[nodiscard]] bool isString() { return peek() == '"'; }
-  [[nodiscard]] bool isNumber() { return peek() == '-' || (peek() >= '0' && peek() <= '9'); }
+  [[nodiscard]] bool isNumber() {
+    const char next = peek();
+    return next == '-' || (next >= '0' && next <= '9');
+  }
   /// Passes over any value; nesting deeper than 64 is an error.
   [[nodiscard]] bool skipValue(int depth = 0);
   /// True when nothing but white space is left.
@@ -56,7 +59,15 @@ class JsonPullReader {
   [[nodiscard]] bool failed() const { return failed_; }
 
  private:
-  char peek();
+  char peek() {
+    if (colonPending_ && cursor_ != end_ && *cursor_ == ':') {
+      ++cursor_;
+      colonPending_ = false;
+    }
+    if (!colonPending_ && cursor_ != end_ && *cursor_ > ' ') return *cursor_;
+    return peekPastSpace();
+  }
+  char peekPastSpace();
   bool expect(char character);
   bool expectWord(std::string_view word);
   bool fail();
