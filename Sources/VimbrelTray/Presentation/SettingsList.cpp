@@ -1,0 +1,121 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Presentation/SettingsList.h"
+
+#include <algorithm>
+#include <array>
+#include <nlohmann/json.hpp>
+
+#include "Presentation/JsonFields.h"
+#include "Presentation/Text.h"
+#include "Support/DurationText.h"
+
+namespace vimbrel::desktop {
+
+using nlohmann::json;
+
+namespace {
+
+struct KnownSetting {
+  const char* key;
+  const char* section;
+  const char* title;
+};
+
+/// In the order in which the window shows them.
+constexpr std::array known{
+    KnownSetting{"masterEnabled", "Protection", "Protection"},
+    KnownSetting{"manualHoldEnabled", "Protection", "Keep awake now"},
+    KnownSetting{"releaseDelaySeconds", "Protection", "Release delay"},
+    KnownSetting{"waitingGraceSeconds", "Protection", "Longest wait for an answer"},
+    KnownSetting{"maximumHoldSeconds", "Protection", "Longest hold without news"},
+    KnownSetting{"preventDisplaySleep", "Protection", "Keep the display on"},
+    KnownSetting{"deepLidProtectionEnabled", "Protection", "Closed lid"},
+    KnownSetting{"onlyOnAC", "Safety", "Only on AC power"},
+    KnownSetting{"batteryFloorPercent", "Safety", "Battery floor"},
+    KnownSetting{"notificationsEnabled", "Notices", "Notifications"},
+    KnownSetting{"lowBudgetNotificationsEnabled", "Notices", "Low budgets"},
+    KnownSetting{"soundEnabled", "Notices", "Sound"},
+    KnownSetting{"launchAtLogin", "Start", "Start at login"},
+};
+constexpr const char* otherSection = "More";
+
+/// What the desktop handles elsewhere.
+constexpr std::array<std::string_view, 2> elsewhere{"hasCompletedOnboarding", "pauseUntil"};
+
+std::string numberText(double value) {
+  auto text = json(value).dump();
+  if (text.ends_with(".0")) text.resize(text.size() - 2);
+  return text;
+}
+
+std::string boundText(double bound, const SettingRow& row) {
+  return row.control == SettingRow::Control::duration ? formatDuration(Seconds(bound)) : numberText(bound);
+}
+
+void setRange(SettingRow& row) {
+  const auto unit = row.control == SettingRow::Control::duration || row.unit.empty() ? "" : " " + row.unit;
+  if (row.minimum && row.maximum) {
+    row.range = say("%1 to %2", {boundText(*row.minimum, row), boundText(*row.maximum, row) + unit});
+  } else if (row.minimum) {
+    row.range = say("%1 or more", {boundText(*row.minimum, row) + unit});
+  }
+}
+
+std::size_t rankOf(const SettingRow& row) {
+  const auto found = std::ranges::find(known, row.key, [](const KnownSetting& each) { return each.key; });
+  return static_cast<std::size_t>(found - known.begin());
+}
+
+}  // namespace
+
+std::optional<SettingRow> makeSettingRow(const json& setting) {
+  SettingRow row;
+  row.key = textOf(setting, "key");
+  const auto type = textOf(setting, "type");
+  const auto unit = textOf(setting, "unit");
+  if (row.key.empty() || type.empty()) return std::nullopt;
+  using Control = SettingRow::Control;
+  if (type == "boolean") {
+    row.control = Control::onOff;
+  } else if (type == "date") {
+    row.control = Control::moment;
+  } else if (unit == "seconds") {
+    row.control = Control::duration;
+  } else {
+    row.control = type == "integer" ? Control::wholeNumber : Control::number;
+  }
+  row.section = say(otherSection);
+  row.help = textOf(setting, "help");
+  row.title = row.help;
+  if (const auto rank = rankOf(row); rank < known.size()) {
+    row.section = say(known[rank].section);
+    row.title = say(known[rank].title);
+  }
+  row.unit = unit == "percent" ? "%" : unit == "seconds" ? "s" : unit;
+  row.minimum = numberOf(setting, "minimum");
+  row.maximum = numberOf(setting, "maximum");
+  row.isOn = flagOf(setting, "value");
+  row.numberValue = numberOf(setting, "value");
+  row.text = textOf(setting, "text");
+  row.isDefault = flagOf(setting, "isDefault", true);
+  setRange(row);
+  return row;
+}
+
+SettingsList makeSettingsList(const json& result) {
+  SettingsList list;
+  for (const auto& setting : memberOf(result, "settings")) {
+    auto row = makeSettingRow(setting);
+    if (row && std::ranges::find(elsewhere, row->key) == elsewhere.end()) {
+      list.rows.push_back(std::move(*row));
+    }
+  }
+  std::ranges::stable_sort(list.rows, {}, rankOf);
+  list.location = textOf(result, "location");
+  for (const auto& warning : memberOf(result, "warnings")) {
+    if (warning.is_string()) list.warnings.push_back(warning.get<std::string>());
+  }
+  return list;
+}
+
+}  // namespace vimbrel::desktop

@@ -1,0 +1,311 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+#include "DesktopWorld.h"
+#include "Presentation/NotchPill.h"
+#include "Presentation/PopoverContent.h"
+#include "Presentation/Text.h"
+#include "Presentation/TimeText.h"
+#include "Presentation/TrayItem.h"
+
+namespace vimbrel::desktop {
+namespace {
+
+using nlohmann::json;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+
+std::vector<MenuAction> actionsOf(const TrayItem& tray) {
+  std::vector<MenuAction> actions;
+  for (const auto& entry : tray.menu) {
+    if (entry.isEnabled && entry.action != MenuAction::none) actions.push_back(entry.action);
+  }
+  return actions;
+}
+
+TEST(PublishedState, survivesWhateverIsMissingOrOfAnotherType) {
+  const auto whole = holding({{"budgets", {{{"agentType", "claude"}}}}});
+  for (const auto& [key, unused] : whole.items()) {
+    if (key == "decision") continue;
+    for (const json& strange : {json(), json(7), json("text"), json::array({1, nullptr}), json::object()}) {
+      auto state = whole;
+      state[key] = strange;
+      const auto read = publishedStateFromJson(state);
+      ASSERT_TRUE(read) << key << " as " << strange;
+      EXPECT_TRUE(read->decision.isHolding());
+      EXPECT_NO_FATAL_FAILURE((void)makePopoverContent({LinkStatus::connected, *read}, noon));
+    }
+  }
+  EXPECT_FALSE(publishedStateFromJson(json::object()));
+  EXPECT_FALSE(publishedStateFromJson(json::array()));
+  EXPECT_FALSE(publishedStateFromJson(published({{"decision", {{"sleepwalk", 1}}}})));
+}
+
+TEST(PublishedState, oneUnreadableSessionCostsOnlyItself) {
+  const auto state = *publishedStateFromJson(
+      holding({{"sessions",
+                {session("claude", "working", "a"), json{{"id", 3}}, session("codex", "waiting", "b")}}}));
+  ASSERT_EQ(state.sessions.size(), 2U);
+  const auto display = displayStateOf(state, noon);
+  EXPECT_EQ(display.activeWorkingAgentCount, 1);
+  EXPECT_EQ(display.totalActiveSessionsCount, 2);
+  EXPECT_DOUBLE_EQ(display.elapsedProtectionSeconds, 125);
+}
+
+TEST(PublishedState, aPauseThatIsOverIsNone) {
+  const auto state = *publishedStateFromJson(published({{"pauseUntil", iso(noon)}}));
+  EXPECT_FALSE(displayStateOf(state, noon).isPaused);
+  const auto earlier = displayStateOf(state, noon - Seconds(90));
+  EXPECT_TRUE(earlier.isPaused);
+  EXPECT_DOUBLE_EQ(*earlier.pauseRemainingSeconds, 90);
+}
+
+TEST(TrayItem, offersOnlyWhatCanBeDone) {
+  using enum MenuAction;
+  EXPECT_THAT(actionsOf(makeTrayItem({LinkStatus::absent, {}}, noon)),
+              ElementsAre(startApplication, open, quit));
+  // A second start while the first is under way would only fail on the lock of the first.
+  EXPECT_THAT(actionsOf(makeTrayItem({LinkStatus::starting, {}}, noon)), ElementsAre(open, quit));
+  const auto running = actionsOf(makeTrayItem(connectedTo(published()), noon));
+  EXPECT_THAT(running, Contains(pauseHour));
+  EXPECT_THAT(running, Not(Contains(resume)));
+  const auto paused =
+      actionsOf(makeTrayItem(connectedTo(published({{"pauseUntil", iso(noon + Seconds(60))}})), noon));
+  EXPECT_THAT(paused, Contains(resume));
+  EXPECT_THAT(paused, Not(Contains(pauseHour)));
+}
+
+TEST(TrayItem, showsTheMoodTheCountAndWhatIsWrong) {
+  const auto well = makeTrayItem(connectedTo(holding()), noon);
+  EXPECT_EQ(well.visual, VimbrelVisualState::working);
+  EXPECT_EQ(well.workingCount, 1);
+  EXPECT_EQ(well.title, "Active (1 working agent) — Claude Code working");
+  EXPECT_EQ(well.detail, "");
+
+  // The one thing that must never be overlooked: it should be awake and nothing keeps it so.
+  const auto failing = makeTrayItem(
+      connectedTo(holding({{"assertions",
+                            {{"system", false},
+                             {"mechanismDetails",
+                              {{{"name", "logind"}, {"state", "refused"}, {"detail", "not allowed"}}}}}}})),
+      noon);
+  EXPECT_EQ(failing.visual, VimbrelVisualState::error);
+  EXPECT_EQ(failing.detail, "Nothing holds this machine awake: logind: not allowed");
+
+  const auto openLid = makeTrayItem(
+      connectedTo(holding({{"closedLid", {{"cover", "uncovered"}, {"explanation", "no helper"}}}})), noon);
+  EXPECT_EQ(openLid.detail, "Keep the lid open: no helper");
+
+  const auto absent = makeTrayItem({LinkStatus::absent, {}}, noon);
+  EXPECT_TRUE(absent.isAbsent);
+  EXPECT_EQ(absent.title, "Vimbrel is not running");
+}
+
+TEST(TrayItem, checksFollowTheSettings) {
+  for (const bool on : {false, true}) {
+    const auto tray = makeTrayItem(
+        connectedTo(published({{"settings", {{"masterEnabled", on}, {"manualHoldEnabled", !on}}}})), noon);
+    const auto checked = [&](MenuAction action) {
+      return std::ranges::find(tray.menu, action, &MenuEntry::action)->isChecked;
+    };
+    EXPECT_EQ(checked(MenuAction::toggleMaster), on);
+    EXPECT_EQ(checked(MenuAction::toggleManualHold), !on);
+  }
+}
+
+TEST(Popover, saysTheDecisionInAWordAndWhy) {
+  const InTimeZone zone("UTC");
+  const auto blocked = [](const char* block) {
+    return published({{"decision", {{"blocked", {{"block", block}}}}}});
+  };
+  auto paused = blocked("Protection paused");
+  paused["pauseUntil"] = iso(noon + Seconds(900));
+  struct Case {
+    json state;
+    std::string title;
+    std::string reason;
+    Tone tone;
+  } cases[] = {
+      {published(), "Sleep allowed", "No active agent sessions", Tone::plain},
+      {holding(), "Awake", "Claude Code working", Tone::good},
+      {holding({{"assertions", {{"system", false}}}}), "Not held", "Claude Code working", Tone::bad},
+      {paused, "Paused", "Until 12:15", Tone::warning},
+      {blocked(rawValue(SafetyBlock::batteryBelowFloor).data()), "Protection is off",
+       std::string(rawValue(SafetyBlock::batteryBelowFloor)), Tone::bad},
+      {blocked(rawValue(SafetyBlock::masterDisabled).data()), "Protection is off",
+       std::string(rawValue(SafetyBlock::masterDisabled)), Tone::warning},
+  };
+  for (const auto& each : cases) {
+    const auto content = makePopoverContent(connectedTo(each.state), noon);
+    EXPECT_EQ(content.title, each.title);
+    EXPECT_EQ(content.reason, each.reason);
+    EXPECT_EQ(content.tone, each.tone) << each.title;
+    EXPECT_EQ(content.countsFrom.has_value(),
+              each.state.contains("protectionStartedAt") && each.state["protectionStartedAt"].is_string());
+  }
+}
+
+TEST(Popover, isTheSameWhileOnlyTimePassesUnderAMinute) {
+  // What is equal is not drawn again: the running time is the view's business.
+  auto state = holding({{"sessions", json::array()}});
+  EXPECT_EQ(makePopoverContent(connectedTo(state), noon),
+            makePopoverContent(connectedTo(state), noon + Seconds(9)));
+}
+
+TEST(Popover, showsAFamilyWithItsBudgetsHostsAndSessions) {
+  const auto report = json::parse(R"json({"agentType":"claude","source":"claude",
+    "context":{"type":"known","value":{"contextWindow":200000,"tokensConsumed":170000,"tokensRemaining":30000,
+      "percentageRemaining":15.0,"percentageUsed":85.0},"confidence":1.0,"source":"log"},
+    "quota":{"type":"known","value":{"percentageRemaining":45.0},"confidence":1.0,"source":"log"},
+    "sessionUsage":{"recordedAt":"2026-01-31T11:59:00Z"},"lastUpdated":"2026-01-31T11:59:00Z",
+    "lowBudgetAlert":{"level":"warning","metricType":"context","percentageRemaining":15.0,
+      "message":"Context window is low (15% remaining)"}
+})json");
+  auto first = session("claude", "working", "s1");
+  first["cwd"] = "/srv/project";
+  first["pid"] = 4711;
+  auto second = session("claude", "waiting", "s2");
+  second["hostAppName"] = "Zed";
+  const auto content =
+      makePopoverContent(connectedTo(holding({{"sessions", {first, second}}, {"budgets", {report}}})), noon);
+  ASSERT_EQ(content.families.size(), 1U);
+  const auto& row = content.families.front();
+  EXPECT_EQ(row.name, "Claude Code");
+  EXPECT_EQ(row.state, "Working");
+  EXPECT_EQ(row.subtitle, "2 sessions active");
+  EXPECT_THAT(row.budget, HasSubstr("30k context left"));
+  EXPECT_EQ(row.alert, "Context window is low (15% remaining)");
+  ASSERT_EQ(row.bars.size(), 2U);
+  EXPECT_EQ(row.bars[0].text, "15 % left, 30k of 200k");
+  EXPECT_TRUE(row.bars[0].isLow);
+  EXPECT_FALSE(row.bars[1].isLow);
+  ASSERT_EQ(row.hosts.size(), 2U);
+  EXPECT_EQ(row.hosts[0].name, "Terminal");
+  EXPECT_EQ(row.hosts[0].sessions[0].title, "/srv/project");
+  EXPECT_EQ(row.hosts[0].sessions[0].detail, "Working · 40 s ago · pid 4711");
+  EXPECT_EQ(row.hosts[1].name, "Zed");
+}
+
+TEST(Popover, powerLineTellsTheBatteryAgainstItsFloor) {
+  const auto lineFor = [](json power, json changes = json::object()) {
+    changes["power"] = std::move(power);
+    return makePowerLine(*publishedStateFromJson(published(changes)));
+  };
+  const auto on = [](int percent, bool ac) {
+    return json{
+        {"batteryPercent", percent}, {"isCharging", false}, {"isOnAC", ac}, {"isLowPowerMode", false}};
+  };
+  EXPECT_EQ(lineFor(on(21, false)).powerTone, Tone::plain);
+  EXPECT_EQ(lineFor(on(20, false)).powerTone, Tone::warning);
+  EXPECT_EQ(lineFor(on(15, false)).powerTone, Tone::bad);
+  EXPECT_EQ(lineFor(on(15, true)).powerTone, Tone::plain);
+  EXPECT_EQ(lineFor(on(15, true)).power, "AC power, battery 15 %");
+  auto remaining = on(71, false);
+  remaining["timeRemainingMinutes"] = 190;
+  EXPECT_EQ(lineFor(remaining).power, "Battery 71 %, 3 h 10 min left");
+  const auto desktop = lineFor({{"isCharging", false}, {"isOnAC", true}, {"isLowPowerMode", false}});
+  EXPECT_EQ(desktop.power, "AC power");
+  EXPECT_FALSE(desktop.batteryPercent);
+  // A floor beyond its bounds, written into the file by hand, is shown as the policy takes it.
+  EXPECT_EQ(lineFor(on(60, false), {{"settings", {{"batteryFloorPercent", 70}}}}).floorPercent, 50);
+  EXPECT_EQ(lineFor(on(80, true), {{"closedLid", {{"cover", "covered"}}}, {"lidClosed", true}}).lid,
+            "Lid closed, may be closed");
+}
+
+TEST(Popover, whenNothingRunsItOffersWhatHelps) {
+  using Offer = PopoverContent::Offer;
+  EXPECT_EQ(makePopoverContent({LinkStatus::absent, {}}, noon).offer, Offer::start);
+  EXPECT_EQ(makePopoverContent({LinkStatus::starting, {}}, noon).offer, Offer::waitForStart);
+  EXPECT_EQ(makePopoverContent(connectedTo(published()), noon).offer, Offer::connectAgents);
+  EXPECT_EQ(makePopoverContent(connectedTo(holding()), noon).offer, Offer::nothing);
+}
+
+TEST(Notch, namesWhatHappened) {
+  const auto textFor = [](const json& state) {
+    return makeNotchPill(*publishedStateFromJson(state), noon).text;
+  };
+  EXPECT_EQ(textFor(published()), "Sleep allowed");
+  EXPECT_EQ(textFor(holding()), "1 working");
+  EXPECT_EQ(
+      textFor(holding({{"sessions", {session("claude", "working", "a"), session("codex", "waiting", "b")}}})),
+      "1 working, 1 waiting");
+  EXPECT_EQ(textFor(holding({{"sessions", {session("codex", "waiting", "b")}}})),
+            "Codex CLI is waiting for you");
+  EXPECT_EQ(
+      textFor(holding({{"sessions", {session("codex", "waiting", "b"), session("claude", "waiting", "c")}}})),
+      "2 agents are waiting");
+  EXPECT_EQ(textFor(published({{"sessions", {session("aider", "completed", "d")}}})), "Aider is done");
+  EXPECT_EQ(textFor(holding({{"assertions", {{"system", false}}}})), "Not held awake");
+}
+
+TEST(Notch, isThereForAWhileAfterAChangeAndNeverForever) {
+  const NotchPill first{.workingCount = 1, .text = "1 working"};
+  const NotchPill second{.workingCount = 2, .text = "2 working"};
+  NotchSchedule schedule(NotchMode::onChange);
+  schedule.update(first, noon);
+  EXPECT_FALSE(schedule.isShown(noon)) << "the first state is no change";
+  schedule.update(second, noon + Seconds(10));
+  EXPECT_TRUE(schedule.isShown(noon + Seconds(10)));
+  EXPECT_EQ(schedule.nextChange(noon + Seconds(11)), noon + Seconds(14));
+  schedule.update(second, noon + Seconds(13));
+  EXPECT_FALSE(schedule.isShown(noon + Seconds(14))) << "an equal state does not prolong it";
+  EXPECT_EQ(schedule.nextChange(noon + Seconds(14)), std::nullopt);
+  schedule.update(first, noon + Seconds(20));
+  EXPECT_FALSE(schedule.isShown(noon - Seconds(1))) << "the clock was set back";
+  schedule.update(std::nullopt, noon + Seconds(21));
+  EXPECT_FALSE(schedule.isShown(noon + Seconds(21))) << "nothing runs";
+  schedule.setMode(NotchMode::always);
+  EXPECT_FALSE(schedule.isShown(noon + Seconds(22)));
+  schedule.update(first, noon + Seconds(23));
+  EXPECT_TRUE(schedule.isShown(noon + Seconds(1e6)));
+  schedule.setMode(NotchMode::never);
+  EXPECT_FALSE(schedule.isShown(noon + Seconds(23)));
+}
+
+TEST(TimeText, tomorrowIsTheMorningAfterTheSleep) {
+  const InTimeZone zone("Europe/Berlin");
+  struct Case {
+    const char* now;
+    const char* morning;
+  } cases[] = {
+      {"2026-01-31T12:00:00Z", "2026-02-01T05:00:00Z"},  // midday
+      {"2026-01-31T00:30:00Z", "2026-01-31T05:00:00Z"},  // half past one at night
+      {"2026-01-31T03:30:00Z", "2026-02-01T05:00:00Z"},  // half past four: too soon to be meant
+      {"2026-03-28T20:00:00Z", "2026-03-29T04:00:00Z"},  // the night in which summer time begins
+  };
+  for (const auto& each : cases) {
+    EXPECT_EQ(iso(nextMorning(*parseIso8601(each.now))), each.morning) << each.now;
+  }
+  EXPECT_EQ(momentText(*parseIso8601("2026-02-01T05:00:00Z"), noon), "tomorrow, 06:00");
+  EXPECT_EQ(momentText(*parseIso8601("2026-01-31T13:05:00Z"), noon), "14:05");
+}
+
+TEST(TimeText, runningTime) {
+  EXPECT_EQ(runningText(Seconds(-3)), "0:00");
+  EXPECT_EQ(runningText(Seconds(7.9)), "0:07");
+  EXPECT_EQ(runningText(Seconds(3725)), "1:02:05");
+  EXPECT_EQ(runningText(Seconds(3 * 86400 + 4 * 3600 + 65)), "3 d 4:01:05");
+}
+
+TEST(Text, valuesAreNeverTakenForMarks) {
+  EXPECT_EQ(say("%1 and %2, 100 %", {"%2", "b"}), "%2 and b, 100 %");
+  EXPECT_EQ(say("%9", {"a"}), "%9");
+  setTranslator([](const char* english) { return "<" + std::string(english) + ">"; });
+  EXPECT_EQ(sayCount(2, "%1 fish", "%1 fishes"), "<2 fishes>");
+  // Everything the tray shows of its own passes the translator.
+  const auto tray = makeTrayItem({LinkStatus::absent, {}}, noon);
+  for (const auto& entry : tray.menu) {
+    if (entry.kind == MenuEntry::Kind::separator) continue;
+    EXPECT_THAT(entry.text, testing::StartsWith("<"));
+  }
+  setTranslator(nullptr);
+}
+
+}  // namespace
+}  // namespace vimbrel::desktop

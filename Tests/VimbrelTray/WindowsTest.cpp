@@ -1,0 +1,217 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <numeric>
+
+#include "Avatar/VimbrelBlobAvatarProvider.h"
+#include "DesktopWorld.h"
+#include "Presentation/AgentSetup.h"
+#include "Presentation/DoctorFindings.h"
+#include "Presentation/EpisodeTimeline.h"
+#include "Presentation/SettingsList.h"
+#include "Presentation/UsageSummaries.h"
+
+namespace vimbrel::desktop {
+namespace {
+
+using nlohmann::json;
+
+TEST(UsageChart, hasEveryDayOnceTodayLast) {
+  const InTimeZone zone("America/New_York");
+  const auto day = [](const char* key, std::int64_t claude, std::int64_t codex) {
+    return json{{"key", key},
+                {"totalTokens", claude + codex},
+                {"estimatedCostUSD", 3.1},
+                {"byAgent", {{"claude", {{"totalTokens", claude}}}, {"codex", {{"totalTokens", codex}}}}}};
+  };
+  const json report{
+      {"rows", {day("2026-01-17", 9, 9), day("2026-01-18", 1000, 0), day("2026-01-31", 0, 1200000)}}};
+  const auto chart = makeUsageChart(report, noon);
+  ASSERT_EQ(chart.days.size(), 14U);
+  EXPECT_EQ(chart.days.front().totalTokens, 1000) << "the 17th is out, the 18th is the first";
+  EXPECT_EQ(chart.days.back().tokens.at(AgentType::codex), 1200000);
+  EXPECT_EQ(chart.mostTokens, 1200000);
+  EXPECT_EQ(chart.agents, (std::vector{AgentType::claude, AgentType::codex}));
+  EXPECT_EQ(chart.today, "Today 1.2M tokens, $3.10");
+  EXPECT_EQ(iso(chartBegin(noon)), "2026-01-18T05:00:00Z");
+  EXPECT_EQ(makeUsageChart(json(), noon).today, "Nothing used today");
+}
+
+TEST(UsageTable, newestOrMostFirst) {
+  const json report{
+      {"rows",
+       {{{"key", "a"}, {"totalTokens", 1}},
+        {{"key", "b"}, {"totalTokens", 9}},
+        {{"key", "c"}, {"totalTokens", 5}, {"estimatedCostUSD", 0.001}, {"byAgent", {{"aider", {}}}}}}},
+      {"total", {{"totalTokens", 15}}}};
+  const auto names = [](const UsageTable& table) {
+    return std::accumulate(table.rows.begin(), table.rows.end(), std::string(),
+                           [](auto text, const UsageRow& row) { return text + row.name; });
+  };
+  EXPECT_EQ(names(makeUsageTable(report, true)), "cba");
+  EXPECT_EQ(names(makeUsageTable(report, false)), "bca");
+  EXPECT_EQ(makeUsageTable(report, true).rows[0].agents, "Aider");
+  EXPECT_EQ(makeUsageTable(report, true).total.tokens, 15);
+  EXPECT_EQ(costText(0.001), "<$0.01");
+  EXPECT_EQ(costText(std::nullopt), "no price") << "unpriced is not free";
+}
+
+TEST(SettingsList, knowsItsControlsAndKeepsWhatItDoesNotKnow) {
+  const auto setting = [](const char* key, const char* type, const char* unit, json value, json minimum,
+                          json maximum) {
+    return json{{"key", key},         {"type", type},       {"unit", unit},
+                {"value", value},     {"text", "x"},        {"isDefault", false},
+                {"minimum", minimum}, {"maximum", maximum}, {"help", "Help."}};
+  };
+  const auto list = makeSettingsList(
+      {{"location", "/home/user/settings.json"},
+       {"settings",
+        {setting("inventedLater", "boolean", "", true, nullptr, nullptr),
+         setting("batteryFloorPercent", "integer", "percent", 20, 5.0, 50.0),
+         setting("pauseUntil", "date", "", nullptr, nullptr, nullptr),
+         setting("hasCompletedOnboarding", "boolean", "", true, nullptr, nullptr),
+         setting("releaseDelaySeconds", "number", "seconds", 30.0, 0.0, 604800.0), json{{"odd", 1}}}}});
+  ASSERT_EQ(list.rows.size(), 3U);
+  EXPECT_EQ(list.rows[0].key, "releaseDelaySeconds");
+  EXPECT_EQ(list.rows[0].control, SettingRow::Control::duration);
+  EXPECT_EQ(list.rows[0].range, "0 s to 7 d");
+  EXPECT_EQ(list.rows[1].title, "Battery floor");
+  EXPECT_EQ(list.rows[1].range, "5 to 50 %");
+  EXPECT_EQ(list.rows[1].numberValue, 20);
+  EXPECT_EQ(list.rows[2].title, "Help.") << "in the application's words";
+  EXPECT_TRUE(list.rows[2].isOn);
+}
+
+TEST(AgentRows, whatWantsConnectingComesFirst) {
+  const auto agent = [](const char* type, bool installed, bool active) {
+    return json{{"agentType", type},
+                {"isInstalled", installed},
+                {"isIntegrationActive", active},
+                {"statusMessage", "status"}};
+  };
+  const auto rows =
+      makeAgentRows({{"agents",
+                      {agent("aider", false, false), agent("claude", true, true), agent("codex", true, false),
+                       agent("opencode", false, true), agent("mystery", true, true)}}});
+  ASSERT_EQ(rows.size(), 4U);
+  EXPECT_EQ(rows[0].agent, AgentType::codex);
+  EXPECT_EQ(rows[1].agent, AgentType::claude);
+  EXPECT_EQ(rows[2].agent, AgentType::opencode);
+  EXPECT_EQ(rows[3].agent, AgentType::aider);
+}
+
+TEST(AgentInstructions, todaysFormFirst) {
+  const json both{
+      {"currentSetupSnippet", "new"}, {"manualSetupSnippet", "old"}, {"currentConfigPath", "~/.new"}};
+  EXPECT_EQ(makeAgentInstructions(both).snippet, "new");
+  EXPECT_EQ(makeAgentInstructions(both).configPath, "~/.new");
+  EXPECT_EQ(makeAgentInstructions({{"currentSetupSnippet", nullptr}, {"manualSetupSnippet", "old"}}).snippet,
+            "old");
+}
+
+TEST(FirstEvent, isOneOfThatAgentThroughItsHookSinceTheBeginning) {
+  const auto with = [](std::initializer_list<json> sessions) {
+    return *publishedStateFromJson(published({{"sessions", json(sessions)}}));
+  };
+  const auto before = session("claude", "idle", "old", noon);
+  FirstEventWatch watch;
+  watch.begin(AgentType::claude, with({before}));
+  EXPECT_FALSE(watch.update(with({before})));
+  EXPECT_FALSE(watch.update(with({before, session("codex", "working", "x", noon)}))) << "another agent";
+  EXPECT_FALSE(watch.update(with({before, session("claude", "working", "p", noon, "process")})))
+      << "a process proves no hook";
+  auto again = before;
+  again["lastEventAt"] = iso(noon + Seconds(1));
+  EXPECT_TRUE(watch.update(with({again})));
+  EXPECT_TRUE(watch.update(with({}))) << "it stays received when the session goes";
+  watch.begin(AgentType::claude, with({again}));
+  EXPECT_FALSE(watch.isReceived());
+  EXPECT_TRUE(watch.update(with({again, session("claude", "working", "new", noon)})));
+}
+
+TEST(EpisodeTimeline, dividesEpisodesAtMidnightOfTheUsersCalendar) {
+  const InTimeZone zone("Asia/Tokyo");
+  // 22:00 to 02:00 in Tokyo.
+  const auto timeline = makeEpisodeTimeline({{"episodes",
+                                              {{{"startedAt", "2026-01-30T13:00:00Z"},
+                                                {"endedAt", "2026-01-30T17:00:00Z"},
+                                                {"ending", "blocked"},
+                                                {"block", rawValue(SafetyBlock::batteryBelowFloor)},
+                                                {"reasons", {"Claude Code working"}},
+                                                {"workingSeconds", {{"claude", 14400.0}}},
+                                                {"counts", json::array()},
+                                                {"wasDeepHoldWanted", true},
+                                                {"batteryAtStart", 80},
+                                                {"batteryAtEnd", 15}},
+                                               {{"unreadable", true}}}}},
+                                            noon);
+  ASSERT_EQ(timeline.days.size(), 2U);
+  ASSERT_EQ(timeline.days[0].bars.size(), 1U);
+  EXPECT_DOUBLE_EQ(timeline.days[0].bars[0].from, 0);
+  EXPECT_DOUBLE_EQ(timeline.days[0].bars[0].to, 2.0 / 24);
+  EXPECT_DOUBLE_EQ(timeline.days[1].bars[0].from, 22.0 / 24);
+  EXPECT_DOUBLE_EQ(timeline.days[1].bars[0].to, 1);
+  EXPECT_DOUBLE_EQ(timeline.days[0].seconds + timeline.days[1].seconds, 4 * 3600);
+  EXPECT_TRUE(timeline.days[1].bars[0].isDeep);
+  ASSERT_EQ(timeline.episodes.size(), 1U);
+  EXPECT_EQ(timeline.episodes[0].tone, Tone::bad);
+  EXPECT_EQ(timeline.episodes[0].battery, "80 % → 15 %");
+  EXPECT_EQ(timeline.total, "Kept awake for 4 h in all, once; cut off for safety once");
+  EXPECT_TRUE(makeEpisodeTimeline(json(), noon).days.empty());
+}
+
+TEST(Doctor, whatNeedsDoingComesFirst) {
+  const auto finding = [](const char* subject, const char* verdict) {
+    return json{{"subject", subject}, {"verdict", verdict}, {"explanation", "e"}, {"remedy", "r"}};
+  };
+  const auto rows = makeFindingRows(
+      {{"findings",
+        {finding("a", "works"), finding("b", "warning"), finding("c", "refused"), finding("d", "missing")}}});
+  std::string order;
+  for (const auto& row : rows) order += row.subject;
+  EXPECT_EQ(order, "cbda");
+}
+
+TEST(Avatar, everyMoodIsToldByItsShapeAlone) {
+  // Without colour: which pixels are dark, light and empty.
+  const auto shape = [](const PixelSpriteFrame& frame) {
+    std::string text;
+    for (int y = 0; y < PixelSpriteFrame::side; ++y) {
+      for (int x = 0; x < PixelSpriteFrame::side; ++x) {
+        const auto pixel = frame.at(x, y);
+        const int light = pixel.red + pixel.green + pixel.blue;
+        text += pixel.alpha == 0 ? '.' : light < 150 ? '#' : light == 765 ? 'O' : '+';
+      }
+    }
+    return text;
+  };
+  std::vector<std::string> firsts;
+  std::vector<AvatarMood> moods{{.isAbsent = true}, {.isPaused = true}};
+  for (const auto state : allVisualStates) moods.push_back({.state = state});
+  for (const auto& mood : moods) {
+    const auto frames = VimbrelBlobAvatarProvider::frames(mood);
+    ASSERT_FALSE(frames.empty());
+    const bool moves = VimbrelBlobAvatarProvider::frameDuration(mood) > Seconds(0);
+    EXPECT_EQ(moves, frames.size() > 1);
+    firsts.push_back(shape(frames.front()));
+  }
+  for (std::size_t i = 0; i < firsts.size(); ++i) {
+    for (std::size_t j = 0; j < i; ++j) {
+      int different = 0;
+      for (std::size_t at = 0; at < firsts[i].size(); ++at)
+        different += firsts[i][at] != firsts[j][at] ? 1 : 0;
+      EXPECT_GE(different, 6) << i << " looks like " << j;
+    }
+  }
+}
+
+TEST(Avatar, theCountIsReadable) {
+  const auto frame = VimbrelBlobAvatarProvider::frames({.state = VimbrelVisualState::working}).front();
+  EXPECT_EQ(VimbrelBlobAvatarProvider::withCount(frame, 0), frame);
+  EXPECT_NE(VimbrelBlobAvatarProvider::withCount(frame, 1), VimbrelBlobAvatarProvider::withCount(frame, 2));
+  EXPECT_EQ(VimbrelBlobAvatarProvider::withCount(frame, 10), VimbrelBlobAvatarProvider::withCount(frame, 99));
+}
+
+}  // namespace
+}  // namespace vimbrel::desktop
