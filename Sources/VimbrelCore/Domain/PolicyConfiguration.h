@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 
 namespace vimbrel {
 
@@ -15,6 +16,10 @@ struct PolicyConfiguration {
   double releaseDebounceSeconds = 30;   ///< how long a hold outlasts the last working agent; 0 or more
   double staleSessionTTLSeconds = 900;  ///< a session silent for longer than this no longer counts
   bool deepLidProtectionEnabled = true;
+  /// An agent that has waited for its user for longer than this no longer counts; absent: it always does.
+  std::optional<double> waitingGraceSeconds;
+  /// After this, a hold goes on only with a fresh event of an agent; absent: as long as there is a reason.
+  std::optional<double> maximumHoldSeconds;
   bool operator==(const PolicyConfiguration&) const = default;
 };
 

@@ -8,14 +8,17 @@
 namespace vimbrel {
 
 nlohmann::ordered_json toJson(const PolicyConfiguration& configuration) {
-  return {{"masterEnabled", configuration.masterEnabled},
-          {"manualHoldEnabled", configuration.manualHoldEnabled},
-          {"batteryFloorPercent", configuration.batteryFloorPercent},
-          {"batteryHysteresisPercent", configuration.batteryHysteresisPercent},
-          {"onlyOnAC", configuration.onlyOnAC},
-          {"releaseDebounceSeconds", configuration.releaseDebounceSeconds},
-          {"staleSessionTTLSeconds", configuration.staleSessionTTLSeconds},
-          {"deepLidProtectionEnabled", configuration.deepLidProtectionEnabled}};
+  nlohmann::ordered_json json{{"masterEnabled", configuration.masterEnabled},
+                              {"manualHoldEnabled", configuration.manualHoldEnabled},
+                              {"batteryFloorPercent", configuration.batteryFloorPercent},
+                              {"batteryHysteresisPercent", configuration.batteryHysteresisPercent},
+                              {"onlyOnAC", configuration.onlyOnAC},
+                              {"releaseDebounceSeconds", configuration.releaseDebounceSeconds},
+                              {"staleSessionTTLSeconds", configuration.staleSessionTTLSeconds},
+                              {"deepLidProtectionEnabled", configuration.deepLidProtectionEnabled}};
+  if (configuration.waitingGraceSeconds) json["waitingGraceSeconds"] = *configuration.waitingGraceSeconds;
+  if (configuration.maximumHoldSeconds) json["maximumHoldSeconds"] = *configuration.maximumHoldSeconds;
+  return json;
 }
 
 std::expected<PolicyConfiguration, DecodeError> policyConfigurationFromJson(const nlohmann::json& json) {
@@ -29,6 +32,8 @@ std::expected<PolicyConfiguration, DecodeError> policyConfigurationFromJson(cons
   configuration.releaseDebounceSeconds = object.number("releaseDebounceSeconds");
   configuration.staleSessionTTLSeconds = object.number("staleSessionTTLSeconds");
   configuration.deepLidProtectionEnabled = object.boolean("deepLidProtectionEnabled");
+  configuration.waitingGraceSeconds = object.optionalNumber("waitingGraceSeconds");
+  configuration.maximumHoldSeconds = object.optionalNumber("maximumHoldSeconds");
   if (object.error()) return std::unexpected(DecodeError{*object.error()});
   return configuration;
 }

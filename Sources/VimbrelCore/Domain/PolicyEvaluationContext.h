@@ -26,6 +26,8 @@ struct PolicyEvaluationContext {
   std::string commandHold;
   /// Whether that hold covers the closed lid whatever the setting says.
   bool commandHoldCoversLid = false;
+  /// When the hold reached the longest time that is allowed without a fresh event; absent while it has not.
+  std::optional<Instant> holdExpiredAt;
   Instant now{};
 };
 

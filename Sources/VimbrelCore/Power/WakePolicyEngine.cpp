@@ -17,13 +17,20 @@ namespace {
 /// The sessions that count as busy.
 struct Activity {
   std::int64_t count = 0;
+  std::int64_t leftWaiting = 0;  ///< those whose user lets them wait too long to count
   std::array<bool, allAgentTypes.size()> agents{};
   Instant lastEventAt{Seconds{-std::numeric_limits<double>::infinity()}};  ///< the youngest event of theirs
 
   explicit Activity(const PolicyEvaluationContext& context) {
     const double limit = context.config.staleSessionTTLSeconds;
+    const auto& grace = context.config.waitingGraceSeconds;
     for (const auto& session : context.sessions.entries()) {
-      if (!session->isWorking() || !((context.now - session->lastEventAt).count() <= limit)) continue;
+      const double silent = (context.now - session->lastEventAt).count();
+      if (!session->isWorking() || !(silent <= limit)) continue;
+      if (grace && session->state == AgentState::waiting && silent > *grace) {
+        ++leftWaiting;
+        continue;
+      }
       ++count;
       agents[static_cast<std::size_t>(session->agentType)] = true;
       lastEventAt = std::max(lastEventAt, session->lastEventAt);
@@ -174,6 +181,30 @@ void explainBatteryFloor(const Inputs& in, PolicyRuleTrace& trace) {
   }
 }
 
+// ---- Longest hold
+
+Verdict longestHold(const Inputs& in) {
+  // A command's hold has an end of its own.
+  if (!in.context.holdExpiredAt || !in.context.commandHold.empty()) return std::nullopt;
+  return WakeDecision::release("Longest hold reached");
+}
+
+void explainLongestHold(const Inputs& in, PolicyRuleTrace& trace) {
+  const auto& limit = in.config.maximumHoldSeconds;
+  if (!limit) {
+    trace.saw = "no longest hold is set";
+    trace.wouldChange = "setting maximumHoldSeconds, and a hold that lasts as long";
+    return;
+  }
+  trace.saw = "a hold may last " + formatDuration(Seconds{*limit}) + " without a fresh event";
+  if (const auto& expired = in.context.holdExpiredAt) {
+    trace.saw += ", reached at " + formatIso8601(*expired);
+    trace.wouldChange = "an agent's next event";
+  } else {
+    trace.wouldChange = "a hold that lasts as long";
+  }
+}
+
 // ---- Manual hold
 
 Verdict manualHold(const Inputs& in) {
@@ -203,6 +234,10 @@ void explainAgentsAtWork(const Inputs& in, PolicyRuleTrace& trace) {
   const auto total = static_cast<std::int64_t>(in.context.sessions.size());
   trace.saw = text(in.activity().count) + " of " + text(total) + (total == 1 ? " session" : " sessions") +
               " at work and heard of within " + formatDuration(Seconds{in.config.staleSessionTTLSeconds});
+  if (in.activity().leftWaiting > 0) {
+    trace.saw += ", " + text(in.activity().leftWaiting) + " left waiting for longer than " +
+                 formatDuration(Seconds{in.config.waitingGraceSeconds.value_or(0)});
+  }
   if (trace.says) {
     trace.wouldChange = "every agent stopping, or silence of them all until the time limit";
     trace.changesAt = in.activity().lastEventAt + Seconds{in.config.staleSessionTTLSeconds};
@@ -270,12 +305,13 @@ struct Rule {
   void (*explain)(const Inputs&, PolicyRuleTrace&);
 };
 
-constexpr std::array<Rule, 9> rules{{
+constexpr std::array<Rule, 10> rules{{
     {PolicyRule::masterSwitch, "masterSwitch", "Master switch", masterSwitch, explainMasterSwitch},
     {PolicyRule::pause, "pause", "Pause", pause, explainPause},
     {PolicyRule::heat, "heat", "Heat", heat, explainHeat},
     {PolicyRule::acOnly, "acOnly", "AC only", acOnly, explainAcOnly},
     {PolicyRule::batteryFloor, "batteryFloor", "Battery floor", batteryFloor, explainBatteryFloor},
+    {PolicyRule::longestHold, "longestHold", "Longest hold", longestHold, explainLongestHold},
     {PolicyRule::manualHold, "manualHold", "Manual hold", manualHold, explainManualHold},
     {PolicyRule::agentsAtWork, "agentsAtWork", "Agents at work", agentsAtWork, explainAgentsAtWork},
     {PolicyRule::releaseDebounce, "releaseDebounce", "Release delay", releaseDebounce,

@@ -19,6 +19,7 @@ enum class PolicyRule : std::uint8_t {
   heat,
   acOnly,
   batteryFloor,
+  longestHold,
   manualHold,
   agentsAtWork,
   releaseDebounce,

@@ -16,7 +16,7 @@ using enum PreferenceType;
 
 constexpr double oneWeek = 7 * 24 * 3600;
 
-constexpr std::array<SettingDescription, 12> table{{
+constexpr std::array<SettingDescription, 15> table{{
     {.key = "masterEnabled",
      .type = boolean,
      .defaultValue = true,
@@ -32,6 +32,20 @@ constexpr std::array<SettingDescription, 12> table{{
      .minimum = 0,
      .maximum = oneWeek,
      .help = "How long to stay awake after the last agent stopped"},
+    {.key = "waitingGraceSeconds",
+     .type = number,
+     .unit = "seconds",
+     .defaultValue = std::monostate{},
+     .minimum = 0,
+     .maximum = oneWeek,
+     .help = "How long an agent may wait for its user and still count as working; none: without end"},
+    {.key = "maximumHoldSeconds",
+     .type = number,
+     .unit = "seconds",
+     .defaultValue = std::monostate{},
+     .minimum = 60,
+     .maximum = oneWeek,
+     .help = "After how long a hold needs a fresh event from an agent; none: never"},
     {.key = "batteryFloorPercent",
      .type = integer,
      .unit = "percent",
@@ -60,6 +74,10 @@ constexpr std::array<SettingDescription, 12> table{{
      .type = boolean,
      .defaultValue = true,
      .help = "Notify when protection starts, finishes or is cut for safety"},
+    {.key = "lowBudgetNotificationsEnabled",
+     .type = boolean,
+     .defaultValue = true,
+     .help = "Notify when an agent's context or quota runs low"},
     {.key = "soundEnabled", .type = boolean, .defaultValue = true, .help = "Play a sound when agents finish"},
     {.key = "hasCompletedOnboarding",
      .type = boolean,
@@ -98,9 +116,12 @@ std::expected<PreferenceValue, std::string> parseNumber(const SettingDescription
   const bool isDuration = setting.unit == "seconds";
   std::string accepted = setting.type == integer ? "a whole number" : "a number";
   if (isDuration) accepted = "seconds, or a duration such as 45s, 10m or 1h30m,";
+  const bool mayBeAbsent = std::holds_alternative<std::monostate>(setting.defaultValue);
+  if (mayBeAbsent && equalIgnoringCase(text, "none")) return PreferenceValue{};
   if (setting.minimum && setting.maximum) {
     accepted += " from " + trimmedNumber(*setting.minimum) + " to " + trimmedNumber(*setting.maximum);
   }
+  if (mayBeAbsent) accepted += ", or none";
   const auto refuse = [&] { return std::unexpected(expects(setting, text, accepted)); };
 
   PreferenceValue result;

@@ -28,6 +28,10 @@ constexpr std::array<std::string_view, 11> resetOrder{"masterEnabled",
                                                       "pauseUntil",
                                                       "hasCompletedOnboarding"};
 
+/// What goes along without an announcement of its own: observers look at everything anyway.
+constexpr std::array<std::string_view, 3> resetAlong{"waitingGraceSeconds", "maximumHoldSeconds",
+                                                     "lowBudgetNotificationsEnabled"};
+
 }  // namespace
 
 SettingsStore::SettingsStore(std::shared_ptr<Preferences> preferences, const Clock& clock)
@@ -48,7 +52,8 @@ SettingsStore::WriteResult SettingsStore::setValue(std::string_view key, const P
     return std::unexpected(PreferencesError{"there is no setting called \"" + std::string(key) + "\""});
   }
   auto converted = convertPreference(value, setting->type);
-  const bool removes = std::holds_alternative<std::monostate>(value) && setting->type == PreferenceType::date;
+  const bool removes = std::holds_alternative<std::monostate>(value) &&
+                       std::holds_alternative<std::monostate>(setting->defaultValue);
   if (std::holds_alternative<std::monostate>(converted) && !removes) {
     return std::unexpected(PreferencesError{"the value is not of the type of " + std::string(key)});
   }
@@ -66,10 +71,11 @@ SettingsStore::WriteResult SettingsStore::reset(std::string_view key) {
 
 SettingsStore::WriteResult SettingsStore::resetToDefaults() {
   std::vector<Preferences::Change> changes;
-  changes.reserve(resetOrder.size());
+  changes.reserve(resetOrder.size() + resetAlong.size());
   for (const auto key : resetOrder) changes.emplace_back(key, findSetting(key)->defaultValue);
+  for (const auto key : resetAlong) changes.emplace_back(key, findSetting(key)->defaultValue);
   if (auto stored = preferences_->store(changes); !stored) return stored;
-  for (std::size_t i = 0; i < changes.size(); ++i) objectWillChange_.send();
+  for (std::size_t i = 0; i < resetOrder.size(); ++i) objectWillChange_.send();
   return {};
 }
 
@@ -86,6 +92,7 @@ bool SettingsStore::deepLidProtectionEnabled() const { return boolean("deepLidPr
 bool SettingsStore::preventDisplaySleep() const { return boolean("preventDisplaySleep"); }
 bool SettingsStore::launchAtLogin() const { return boolean("launchAtLogin"); }
 bool SettingsStore::notificationsEnabled() const { return boolean("notificationsEnabled"); }
+bool SettingsStore::lowBudgetNotificationsEnabled() const { return boolean("lowBudgetNotificationsEnabled"); }
 bool SettingsStore::soundEnabled() const { return boolean("soundEnabled"); }
 bool SettingsStore::hasCompletedOnboarding() const { return boolean("hasCompletedOnboarding"); }
 
@@ -93,6 +100,16 @@ std::optional<Instant> SettingsStore::pauseUntil() const {
   const auto stored = value("pauseUntil");
   const auto* instant = std::get_if<Instant>(&stored);
   return instant == nullptr ? std::nullopt : std::optional(*instant);
+}
+
+std::optional<double> SettingsStore::waitingGraceSeconds() const { return seconds("waitingGraceSeconds"); }
+std::optional<double> SettingsStore::maximumHoldSeconds() const { return seconds("maximumHoldSeconds"); }
+
+std::optional<double> SettingsStore::seconds(std::string_view key) const {
+  const auto stored = value(key);
+  const auto* number = std::get_if<double>(&stored);
+  // Written so that a number which is none counts as absent.
+  return number != nullptr && *number >= 0 ? std::optional(*number) : std::nullopt;
 }
 
 using WriteResult = SettingsStore::WriteResult;
@@ -137,6 +154,8 @@ PolicyConfiguration SettingsStore::policyConfig() const {
   config.releaseDebounceSeconds = delay >= 0 ? delay : 0;
   config.staleSessionTTLSeconds = 900;
   config.deepLidProtectionEnabled = deepLidProtectionEnabled();
+  config.waitingGraceSeconds = waitingGraceSeconds();
+  config.maximumHoldSeconds = maximumHoldSeconds();
   return config;
 }
 

@@ -35,8 +35,13 @@ class SettingsStore {
   [[nodiscard]] bool preventDisplaySleep() const;
   [[nodiscard]] bool launchAtLogin() const;
   [[nodiscard]] bool notificationsEnabled() const;
+  [[nodiscard]] bool lowBudgetNotificationsEnabled() const;
   [[nodiscard]] bool soundEnabled() const;
   [[nodiscard]] bool hasCompletedOnboarding() const;
+  /// How long an agent may wait for its user and still count; absent: without end.
+  [[nodiscard]] std::optional<double> waitingGraceSeconds() const;
+  /// After how long a hold needs a fresh event; absent: never.
+  [[nodiscard]] std::optional<double> maximumHoldSeconds() const;
   /// The end of a pause, kept also after it has passed.
   [[nodiscard]] std::optional<Instant> pauseUntil() const;
 
@@ -81,6 +86,7 @@ class SettingsStore {
 
  private:
   [[nodiscard]] bool boolean(std::string_view key) const;
+  [[nodiscard]] std::optional<double> seconds(std::string_view key) const;
 
   const std::shared_ptr<Preferences> preferences_;
   const Clock& clock_;
