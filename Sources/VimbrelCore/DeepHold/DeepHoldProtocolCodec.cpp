@@ -28,27 +28,25 @@ std::string dump(const json& value) { return value.dump(-1, ' ', false, json::er
 
 }  // namespace
 
-json toJson(const DeepSleepStatus& status) {
+json toJson(const DeepSleepStatus& status, DateCoding dates) {
   json value{{"isHelperInstalled", status.isHelperInstalled},
              {"isDeepHoldActive", status.isDeepHoldActive},
              {"currentSystemSleepDisabled", status.currentSystemSleepDisabled}};
   if (status.activeLeaseId) value["activeLeaseId"] = *status.activeLeaseId;
-  if (status.leaseExpiresAt) value["leaseExpiresAt"] = referenceSeconds(*status.leaseExpiresAt);
+  if (status.leaseExpiresAt) value["leaseExpiresAt"] = encodeInstant(*status.leaseExpiresAt, dates);
   if (status.originalSleepDisabledState) {
     value["originalSleepDisabledState"] = *status.originalSleepDisabledState;
   }
   return value;
 }
 
-std::expected<DeepSleepStatus, DecodeError> deepSleepStatusFromJson(const json& value) {
+std::expected<DeepSleepStatus, DecodeError> deepSleepStatusFromJson(const json& value, DateCoding dates) {
   StrictJsonObject object(value, "status");
   DeepSleepStatus status;
   status.isHelperInstalled = object.boolean("isHelperInstalled");
   status.isDeepHoldActive = object.boolean("isDeepHoldActive");
   status.activeLeaseId = object.optionalString("activeLeaseId");
-  if (const auto date = object.optionalNumber("leaseExpiresAt")) {
-    status.leaseExpiresAt = instantFromReferenceSeconds(*date);
-  }
+  status.leaseExpiresAt = readOptionalInstant(object, "leaseExpiresAt", dates);
   status.originalSleepDisabledState = object.optionalBoolean("originalSleepDisabledState");
   status.currentSystemSleepDisabled = object.boolean("currentSystemSleepDisabled");
   if (object.error()) return std::unexpected(DecodeError{*object.error()});

@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "DeepHold/DeepHoldProtocol.h"
+#include "Domain/DateCoding.h"
 #include "Domain/DecodeError.h"
 
 namespace vimbrel {
@@ -19,9 +20,10 @@ namespace vimbrel {
 [[nodiscard]] std::expected<HelperRequest, DecodeError> decodeHelperRequest(std::string_view text);
 [[nodiscard]] std::expected<HelperResponse, DecodeError> decodeHelperResponse(std::string_view text);
 
-/// For documents that contain the status.
-[[nodiscard]] nlohmann::json toJson(const DeepSleepStatus& status);
+/// For documents that contain the status; dates as the enclosing document writes them.
+[[nodiscard]] nlohmann::json toJson(const DeepSleepStatus& status,
+                                    DateCoding dates = DateCoding::referenceSeconds);
 [[nodiscard]] std::expected<DeepSleepStatus, DecodeError> deepSleepStatusFromJson(
-    const nlohmann::json& value);
+    const nlohmann::json& value, DateCoding dates = DateCoding::referenceSeconds);
 
 }  // namespace vimbrel

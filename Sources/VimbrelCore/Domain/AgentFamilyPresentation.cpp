@@ -7,9 +7,6 @@
 namespace vimbrel {
 namespace {
 
-/// An agent without sessions is still shown for this long after its last budget report.
-constexpr Seconds recentReport{3600};
-
 bool sameSessions(const SessionList& left, const SessionList& right) {
   return std::equal(left.begin(), left.end(), right.begin(), right.end(),
                     [](const auto& a, const auto& b) { return a == b || *a == *b; });

@@ -27,6 +27,9 @@ struct AgentHostPresentation {
 
 /// All sessions of one agent as one row for people.
 struct AgentFamilyPresentation {
+  /// An agent without sessions is still shown for this long after its last budget report.
+  static constexpr Seconds recentReport{3600};
+
   AgentType agentType = AgentType::custom;
   AgentState aggregateState = AgentState::idle;
   std::int64_t sessionCount = 0;

@@ -57,6 +57,8 @@ nlohmann::ordered_json toJson(const ProtectionEpisode& episode) {
     json["counts"].push_back({{"at", encodeInstant(sample.at, dates)}, {"count", sample.count}});
   }
   json["wasDeepHoldWanted"] = episode.wasDeepHoldWanted;
+  json["wasLidCovered"] = episode.wasLidCovered;
+  json["unheldSeconds"] = episode.unheldSeconds;
   if (episode.batteryAtStart) json["batteryAtStart"] = *episode.batteryAtStart;
   if (episode.batteryAtEnd) json["batteryAtEnd"] = *episode.batteryAtEnd;
   return json;
@@ -95,6 +97,8 @@ std::expected<ProtectionEpisode, DecodeError> protectionEpisodeFromJson(const nl
     }
   }
   episode.wasDeepHoldWanted = object.boolean("wasDeepHoldWanted");
+  episode.wasLidCovered = object.optionalBoolean("wasLidCovered").value_or(false);
+  episode.unheldSeconds = object.optionalNumber("unheldSeconds").value_or(0);
   episode.batteryAtStart = object.optionalInteger("batteryAtStart");
   episode.batteryAtEnd = object.optionalInteger("batteryAtEnd");
   if (const auto& error = object.error()) return std::unexpected(DecodeError{*error});

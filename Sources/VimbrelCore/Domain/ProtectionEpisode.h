@@ -45,6 +45,8 @@ struct ProtectionEpisode {
   std::map<AgentType, double> workingSeconds;  ///< how long each agent was at work in it
   std::vector<AgentCountSample> counts;        ///< each change of the number of working agents
   bool wasDeepHoldWanted = false;              ///< the lid was to be covered, too
+  bool wasLidCovered = false;                  ///< and at some time it was
+  double unheldSeconds = 0;                    ///< of its time, how long no mechanism granted the hold
   std::optional<std::int64_t> batteryAtStart;  ///< percent
   std::optional<std::int64_t> batteryAtEnd;
   bool operator==(const ProtectionEpisode&) const = default;

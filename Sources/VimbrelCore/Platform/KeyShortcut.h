@@ -17,6 +17,9 @@ class KeyShortcut {
   /// Calls `pressed` on the main queue at every press until the token is dropped. The error says why the
   /// desktop refused: another program holds the keys, or it has no global shortcuts.
   [[nodiscard]] virtual std::expected<Token, std::string> watch(std::function<void()> pressed) = 0;
+
+  /// Called on the main queue with the reason when the desktop refuses only after `watch` has returned.
+  std::function<void(const std::string& reason)> onRefused;
 };
 
 }  // namespace vimbrel

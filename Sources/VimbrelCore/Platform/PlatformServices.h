@@ -5,11 +5,16 @@
 #include <string>
 #include <vector>
 
+#include "Platform/KeyShortcut.h"
 #include "Platform/LidSwitch.h"
+#include "Platform/LoginItem.h"
+#include "Platform/NotificationCenter.h"
 #include "Platform/PowerSources.h"
+#include "Platform/ProcessAncestry.h"
 #include "Platform/ProcessList.h"
 #include "Platform/RunningApplications.h"
 #include "Platform/SleepAssertions.h"
+#include "Platform/SoundPlayer.h"
 #include "Platform/ThermalPressure.h"
 
 namespace vimbrel {
@@ -31,8 +36,19 @@ struct PlatformServices {
   std::shared_ptr<LidSwitch> lidSwitch;
   std::shared_ptr<RunningApplications> runningApplications;
   std::shared_ptr<ProcessList> processList;
+  // What a desktop, or this operating system, may lack: each may be null.
+  std::shared_ptr<NotificationCenter> notificationCenter;
+  std::shared_ptr<SoundPlayer> soundPlayer;
+  std::shared_ptr<LoginItem> loginItem;
+  std::shared_ptr<KeyShortcut> keyShortcut;
+  std::shared_ptr<ProcessAncestry> processAncestry;
   /// Examines the machine afresh. Main queue; may block for up to a second. May be empty.
   std::function<std::vector<DoctorFinding>()> examine;
+  /// The operating system's name and version, on one line. May be empty.
+  std::function<std::string()> describeSystem;
+  /// The operating system's own list of what keeps it awake, for people; empty when it has none. Any thread;
+  /// may block for seconds. May be empty.
+  std::function<std::string()> listAssertions;
 };
 
 }  // namespace vimbrel
