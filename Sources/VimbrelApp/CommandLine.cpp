@@ -111,6 +111,18 @@ void describe(CLI::App& app, Invocation& in) {
               in);
 }
 
+void describeHistory(CLI::App& app, Invocation& in) {
+  auto* history =
+      add(app, "history", "Show when this machine was kept awake, for whom, and how each time ended", in,
+          [&] { return historyCommand(in.range.since, in.range.until, in.output()); });
+  history->add_option("--since", in.range.since, "From this day or time on; a week ago unless given")
+      ->option_text("DAY");
+  history->add_option("--until", in.range.until, "Up to this day, or time")->option_text("DAY");
+  addJsonFlag(history, in);
+  add(app, "diagnostics", "Print one JSON document about the running application, for support", in,
+      [] { return diagnosticsCommand(); });
+}
+
 void describeUsage(CLI::App& app, Invocation& in) {
   auto* usage = app.add_subcommand("usage", "Show what the agents spent");
   usage->callback([&in, usage] {
@@ -200,6 +212,7 @@ int runCommandLine(int argc, char** argv) {
     app.require_subcommand(1);
     app.get_formatter()->column_width(24);
     describe(app, invocation);
+    describeHistory(app, invocation);
     describeUsage(app, invocation);
     try {
       app.parse(argc, argv);

@@ -63,6 +63,11 @@ std::optional<SafetyBlock> blockOf(const SimulatedWorld& world, const SettingsSt
 
 SimulatedApplication::SimulatedApplication(SimulatedWorld world,
                                            std::vector<std::shared_ptr<CoordinatorService>> services)
+    : SimulatedApplication(std::move(world), std::move(services), {}) {}
+
+SimulatedApplication::SimulatedApplication(SimulatedWorld world,
+                                           std::vector<std::shared_ptr<CoordinatorService>> services,
+                                           const UsageFactory& usage)
     : time_(instantFromUnixSeconds(startUnixSeconds)),
       machine_(time_.mainQueue(), std::move(world)),
       receiver_(std::make_shared<DirectHookReceiver>(time_, time_)),
@@ -71,7 +76,9 @@ SimulatedApplication::SimulatedApplication(SimulatedWorld world,
   application_ = std::make_unique<Application>(
       machine_.services(), time_, time_,
       ApplicationDirectories{directory_.path(), directory_.path(), directory_.path()},
-      ApplicationOptions{.hookReceiver = receiver_, .services = std::move(services)});
+      ApplicationOptions{.hookReceiver = receiver_,
+                         .usage = usage ? usage(time_) : nullptr,
+                         .services = std::move(services)});
   witness_->floorPercent = [this] { return app().settings().policyConfig().batteryFloorPercent; };
 }
 

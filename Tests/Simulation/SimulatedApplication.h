@@ -24,6 +24,9 @@ class SimulatedApplication {
 
   explicit SimulatedApplication(SimulatedWorld world = {},
                                 std::vector<std::shared_ptr<CoordinatorService>> services = {});
+  using UsageFactory = std::function<std::shared_ptr<UsageCoordinator>(VirtualTime&)>;
+  SimulatedApplication(SimulatedWorld world, std::vector<std::shared_ptr<CoordinatorService>> services,
+                       const UsageFactory& usage);
   ~SimulatedApplication();
 
   void start();

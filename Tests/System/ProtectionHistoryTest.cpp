@@ -16,7 +16,7 @@ namespace {
 class History : public testing::Test {
  protected:
   void open(std::size_t most = 100) {
-    history_.emplace(ProtectionHistory::Options{path_, most, Seconds{60}}, time_);
+    history_.emplace(ProtectionHistory::Options{.path = path_, .mostEpisodes = most}, time_);
   }
   /// One evaluation a second for the given time.
   void live(double seconds, const WakeDecision& decision, std::vector<AgentType> working = {},

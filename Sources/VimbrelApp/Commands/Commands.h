@@ -27,6 +27,9 @@ int holdCommand(bool on);
 /// Runs a command, whose exit status is the result, under a hold that ends with it or after `duration`.
 int holdWhileCommand(const std::string& duration, bool lid, const std::vector<std::string>& command);
 int doctorCommand(Output output);
+/// Days ("2026-01-31") or ISO 8601 times; empty: the last week, up to now.
+int historyCommand(const std::string& since, const std::string& until, Output output);
+int diagnosticsCommand();
 
 /// Days ("2026-01-31") or ISO 8601 times, and an agent's raw value; empty means no limit.
 struct UsageRange {

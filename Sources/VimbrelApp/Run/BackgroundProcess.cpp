@@ -10,7 +10,9 @@
 #include "AgentMonitoring/HookEventReceiver.h"
 #include "AgentMonitoring/HookSocketPath.h"
 #include "Control/DeepHoldMethods.h"
+#include "Control/DiagnosticsMethods.h"
 #include "Control/DoctorMethods.h"
+#include "Control/HistoryMethods.h"
 #include "Control/ProtectionMethods.h"
 #include "Control/SettingsMethods.h"
 #include "Control/StatusMethods.h"
@@ -43,14 +45,23 @@ BackgroundProcess::BackgroundProcess(const RunOptions& options, std::string vers
                    {.hookReceiver = makeHookReceiver(),
                     .helper = helperFor(options),
                     .usage = makeUsageCoordinator(loop_, clock_)}),
-      controlled_{application_.coordinator(), application_.platform(),  clock_,
-                  std::move(version),         &application_.deepHold(), &application_.commandHolds()},
+      controlled_{.coordinator = application_.coordinator(),
+                  .platform = application_.platform(),
+                  .clock = clock_,
+                  .version = std::move(version),
+                  .deepHold = &application_.deepHold(),
+                  .commandHolds = &application_.commandHolds(),
+                  .presentation = &application_.presentation(),
+                  .usage = application_.usage().get(),
+                  .history = &application_.history()},
       server_(loop_.mainQueue(), clock_) {
   tokens_.push_back(addStatusMethods(server_, controlled_));
   tokens_.push_back(addDeepHoldMethods(server_, controlled_));
   addSettingsMethods(server_, controlled_);
   addProtectionMethods(server_, controlled_);
   addDoctorMethods(server_, controlled_);
+  addHistoryMethods(server_, controlled_);
+  addDiagnosticsMethods(server_, application_, loop_);
   addUsageMethods(server_, application_.usage(), clock_, loop_.mainQueue());
 }
 

@@ -3,11 +3,14 @@
 
 #include <string>
 
+#include "AgentMonitoring/UsageCoordinator.h"
 #include "Platform/PlatformServices.h"
 #include "Support/Clock.h"
 #include "System/AppCoordinator.h"
 #include "System/CommandHolds.h"
 #include "System/DeepHoldService.h"
+#include "System/PresentationValues.h"
+#include "System/ProtectionHistory.h"
 
 namespace vimbrel {
 
@@ -20,6 +23,10 @@ struct ControlledApplication {
   /// Null where there is no closed lid to cover, and no command to hold for.
   DeepHoldService* deepHold = nullptr;
   CommandHolds* commandHolds = nullptr;
+  /// Null where nothing is presented, or no usage recorded.
+  PresentationValues* presentation = nullptr;
+  UsageCoordinator* usage = nullptr;
+  ProtectionHistory* history = nullptr;
 };
 
 }  // namespace vimbrel

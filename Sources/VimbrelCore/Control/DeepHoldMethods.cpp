@@ -24,16 +24,6 @@ json dateOrNull(const std::optional<Instant>& date) {
   return date ? json(formatIso8601(*date)) : json(nullptr);
 }
 
-/// The helper's own account, with ISO 8601 dates as everywhere on this socket.
-json helperDocument(const std::optional<DeepSleepStatus>& status) {
-  if (!status) return nullptr;
-  return {{"isHelperInstalled", status->isHelperInstalled},
-          {"isDeepHoldActive", status->isDeepHoldActive},
-          {"activeLeaseId", textOrNull(status->activeLeaseId)},
-          {"leaseExpiresAt", dateOrNull(status->leaseExpiresAt)},
-          {"currentSystemSleepDisabled", status->currentSystemSleepDisabled}};
-}
-
 RpcResult holdWhile(const ControlledApplication& application, const json& params, RpcPeer& peer) {
   StrictJsonObject fields(params, "holdWhile");
   CommandHold hold;
@@ -63,15 +53,23 @@ RpcResult holdWhile(const ControlledApplication& application, const json& params
 
 }  // namespace
 
+json helperDocument(const ControlledApplication& application) {
+  if (application.deepHold == nullptr) return nullptr;
+  const auto& status = application.deepHold->helperStatus().get();
+  if (!status) return nullptr;
+  return {{"isHelperInstalled", status->isHelperInstalled},
+          {"isDeepHoldActive", status->isDeepHoldActive},
+          {"activeLeaseId", textOrNull(status->activeLeaseId)},
+          {"leaseExpiresAt", dateOrNull(status->leaseExpiresAt)},
+          {"currentSystemSleepDisabled", status->currentSystemSleepDisabled}};
+}
+
 json closedLidDocument(const ControlledApplication& application) {
   if (application.deepHold == nullptr) return nullptr;
   const auto report = application.deepHold->report();
-  return {{"cover", rawValue(report.cover)},
-          {"coveredBy", textOrNull(report.coveredBy)},
-          {"until", dateOrNull(report.until)},
-          {"explanation", report.explanation},
-          {"remedy", report.remedy},
-          {"helper", helperDocument(application.deepHold->helperStatus().get())}};
+  return {{"cover", rawValue(report.cover)},   {"coveredBy", textOrNull(report.coveredBy)},
+          {"until", dateOrNull(report.until)}, {"explanation", report.explanation},
+          {"remedy", report.remedy},           {"helper", helperDocument(application)}};
 }
 
 json commandHoldsDocument(const ControlledApplication& application) {

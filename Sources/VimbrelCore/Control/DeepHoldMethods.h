@@ -12,6 +12,9 @@ namespace vimbrel {
 /// (docs/control-protocol.md).
 [[nodiscard]] nlohmann::json closedLidDocument(const ControlledApplication& application);
 
+/// The helper's own account, with ISO 8601 dates, or null: "helperStatus".
+[[nodiscard]] nlohmann::json helperDocument(const ControlledApplication& application);
+
 /// The programs that run under a hold of their own: "command", "until", "coversLid" of each.
 [[nodiscard]] nlohmann::json commandHoldsDocument(const ControlledApplication& application);
 

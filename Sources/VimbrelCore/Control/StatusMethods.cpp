@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include "Control/DeepHoldMethods.h"
+#include "Control/PresentationDocument.h"
 #include "Control/RpcResult.h"
 #include "Control/SettingsMethods.h"
 #include "Domain/AgentSessionCodec.h"
@@ -73,7 +74,7 @@ json statusDocument(const ControlledApplication& application) {
   const auto& decision = coordinator.currentDecision().get();
   const auto pauseUntil = coordinator.settings().pauseUntil();
   const bool isPaused = pauseUntil && *pauseUntil > application.clock.now();
-  return {
+  json state{
       {"decision", json(toJson(decision))},
       {"statusDescription", decision.statusDescription()},
       {"isHolding", decision.isHolding()},
@@ -90,6 +91,8 @@ json statusDocument(const ControlledApplication& application) {
       {"settings", settingValues(coordinator.settings())},
       {"warnings", warningsOf(coordinator)},
   };
+  state.update(presentationDocument(application));
+  return state;
 }
 
 Token addStatusMethods(ControlServer& server, const ControlledApplication& application) {
@@ -106,7 +109,18 @@ Token addStatusMethods(ControlServer& server, const ControlledApplication& appli
                 {"methods", server.methods().methodNames()}};
   });
   server.setState([application] { return statusDocument(application); }, {"elapsedProtectionSeconds"});
-  return application.coordinator.stateChanged().subscribe([&server] { server.stateDidChange(); });
+  const auto changed = [&server] { server.stateDidChange(); };
+  auto tokens = std::make_shared<std::vector<Token>>();
+  tokens->push_back(application.coordinator.stateChanged().subscribe(changed));
+  if (application.presentation != nullptr) {
+    tokens->push_back(application.presentation->agentFamilies().subscribe(changed));
+    tokens->push_back(application.presentation->dominantVisualState().subscribe(changed));
+  }
+  if (application.usage != nullptr) {
+    tokens->push_back(application.usage->latestBudgetReports().subscribe(changed));
+    tokens->push_back(application.usage->lowBudgetAlerts().subscribe(changed));
+  }
+  return Token{[tokens] { tokens->clear(); }};
 }
 
 }  // namespace vimbrel

@@ -14,7 +14,12 @@
 #include "Power/LidMonitor.h"
 #include "Power/ThermalMonitor.h"
 #include "Support/Directories.h"
+#include "System/BudgetNotices.h"
+#include "System/LoginItemSync.h"
+#include "System/LongestHold.h"
+#include "System/ProtectionNotices.h"
 #include "System/SettingDescriptions.h"
+#include "System/ShortcutToggle.h"
 
 namespace vimbrel {
 namespace {
@@ -41,6 +46,7 @@ ApplicationDirectories ApplicationDirectories::ofUser() {
 Application::Application(PlatformServices platform, QueueProvider& queues, const Clock& clock,
                          const ApplicationDirectories& directories, ApplicationOptions options)
     : platform_(std::move(platform)),
+      clock_(clock),
       mainQueue_(queues.mainQueue()),
       preferences_(std::make_shared<FilePreferences>(
           directories.configuration + "/com.vimbrel.app/settings.json", settingDescriptions())) {
@@ -66,8 +72,18 @@ Application::Application(PlatformServices platform, QueueProvider& queues, const
   deepHold_ = std::make_shared<DeepHoldService>(deepSleepController_, mainQueue_, clock,
                                                 deepSleepController_->socketPath() == systemHelperSocketPath);
   commandHolds_ = std::make_shared<CommandHolds>();
-  parts.services = {deepHold_, commandHolds_};
   usage_ = std::move(options.usage);
+  presentation_ = std::make_shared<PresentationValues>(
+      usage_ ? [usage = usage_.get()]() -> const auto& { return usage->latestBudgetReports().get(); }
+             : std::function<const PresentationValues::BudgetReports&()>{});
+  history_ = std::make_shared<ProtectionHistory>(
+      ProtectionHistory::Options{
+          .path = directories.applicationSupport + "/Vimbrel/history.jsonl",
+          .isHeld = [assertions = parts.idleAssertionController] { return assertions->isActive(); },
+          .isLidCovered = [deepHold = deepHold_] { return deepHold->report().cover == LidCover::covered; }},
+      clock);
+  parts.services = {deepHold_, commandHolds_, std::make_shared<LongestHold>(), presentation_, history_};
+  addDesktopServices(parts);
   if (usage_) {
     parts.services.push_back(std::make_shared<UsageService>(usage_));
     parts.agentCoordinator->setOnHookEvent([weak = std::weak_ptr(usage_)](const HookEvent& event) {
@@ -76,6 +92,7 @@ Application::Application(PlatformServices platform, QueueProvider& queues, const
   }
   std::ranges::move(options.services, std::back_inserter(parts.services));
   coordinator_ = AppCoordinator::create(std::move(parts), clock);
+  connectDesktopServices();
   if (usage_) {
     budgetsChanged_ = usage_->latestBudgetReports().subscribe([weak = std::weak_ptr(coordinator_)] {
       if (const auto coordinator = weak.lock()) coordinator->scheduleEvaluation();
@@ -84,6 +101,49 @@ Application::Application(PlatformServices platform, QueueProvider& queues, const
 }
 
 Application::~Application() = default;
+
+void Application::addDesktopServices(CoordinatorParts& parts) {
+  notifications_ = std::make_shared<NotificationController>(parts.settings, platform_.notificationCenter,
+                                                            platform_.soundPlayer, mainQueue_);
+  parts.services.push_back(std::make_shared<ProtectionNotices>(notifications_, parts.batteryMonitor));
+  if (usage_) {
+    parts.services.push_back(std::make_shared<BudgetNotices>(
+        notifications_, parts.settings,
+        [usage = usage_.get()]() -> const auto& { return usage->latestBudgetReports().get(); }));
+  }
+  shortcut_ = std::make_shared<GlobalShortcutController>(platform_.keyShortcut);
+  parts.services.push_back(std::make_shared<ShortcutToggle>(shortcut_));
+  if (platform_.loginItem) {
+    loginItem_ = std::make_shared<LaunchAtLoginController>(platform_.loginItem);
+    parts.services.push_back(std::make_shared<LoginItemSync>(parts.settings, loginItem_, mainQueue_));
+  }
+}
+
+void Application::connectDesktopServices() {
+  notifications_->setOnPauseRequested([weak = std::weak_ptr(coordinator_)](Seconds duration) {
+    if (const auto coordinator = weak.lock()) (void)coordinator->settings().pause(duration);
+  });
+  shortcut_->setOnToggleRequested([weak = std::weak_ptr(coordinator_), queue = mainQueue_] {
+    queue->post([weak] {
+      const auto coordinator = weak.lock();
+      if (!coordinator) return;
+      auto& settings = coordinator->settings();
+      (void)settings.setMasterEnabled(!settings.masterEnabled());
+      coordinator->evaluate();
+    });
+  });
+}
+
+std::function<std::string()> Application::diagnostics() {
+  return [exporter = DiagnosticsExporter(clock_, platform_.describeSystem, platform_.listAssertions),
+          decision = coordinator_->currentDecision().get(),
+          power = coordinator_->parts().batteryMonitor->currentSnapshot(),
+          thermal = coordinator_->parts().thermalMonitor->currentThermalState(),
+          sessions = coordinator_->activeSessionsList().get()] {
+    return DiagnosticsExporter::exportJSON(
+        exporter.generateReport(decision, power, thermal, sessions, std::nullopt));
+  };
+}
 
 void Application::start() {
   preferences_->watch(*mainQueue_);

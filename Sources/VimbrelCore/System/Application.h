@@ -14,7 +14,13 @@
 #include "System/AppCoordinator.h"
 #include "System/CommandHolds.h"
 #include "System/DeepHoldService.h"
+#include "System/DiagnosticsExporter.h"
 #include "System/FilePreferences.h"
+#include "System/GlobalShortcutController.h"
+#include "System/LaunchAtLoginController.h"
+#include "System/NotificationController.h"
+#include "System/PresentationValues.h"
+#include "System/ProtectionHistory.h"
 
 namespace vimbrel {
 
@@ -62,6 +68,17 @@ class Application {
   [[nodiscard]] AgentStateCoordinator& agents() { return *coordinator_->parts().agentCoordinator; }
   [[nodiscard]] DeepHoldService& deepHold() { return *deepHold_; }
   [[nodiscard]] CommandHolds& commandHolds() { return *commandHolds_; }
+  [[nodiscard]] PresentationValues& presentation() { return *presentation_; }
+  [[nodiscard]] ProtectionHistory& history() { return *history_; }
+  [[nodiscard]] GlobalShortcutController& shortcut() { return *shortcut_; }
+  /// Null where the platform has no login items.
+  [[nodiscard]] LaunchAtLoginController* loginItem() { return loginItem_.get(); }
+
+  /// Gathers now what diagnostics say; the result writes the document, which may block for seconds. The
+  /// result may be called on any thread while `clock` and the platform live.
+  [[nodiscard]] std::function<std::string()> diagnostics();
+  /// The diagnostics document, at once. May block for seconds.
+  [[nodiscard]] std::string exportDiagnosticsJSON() { return diagnostics()(); }
   /// Null when usage is not recorded.
   [[nodiscard]] const std::shared_ptr<UsageCoordinator>& usage() const { return usage_; }
   [[nodiscard]] PlatformServices& platform() { return platform_; }
@@ -69,13 +86,22 @@ class Application {
   void reloadSettings() { preferences_->reload(); }
 
  private:
+  void addDesktopServices(CoordinatorParts& parts);
+  void connectDesktopServices();
+
   PlatformServices platform_;
+  const Clock& clock_;
   const std::shared_ptr<TaskQueue> mainQueue_;
   const std::shared_ptr<FilePreferences> preferences_;
   std::shared_ptr<DeepSleepController> deepSleepController_;
   std::shared_ptr<DeepHoldService> deepHold_;
   std::shared_ptr<CommandHolds> commandHolds_;
   std::shared_ptr<UsageCoordinator> usage_;
+  std::shared_ptr<PresentationValues> presentation_;
+  std::shared_ptr<ProtectionHistory> history_;
+  std::shared_ptr<NotificationController> notifications_;
+  std::shared_ptr<GlobalShortcutController> shortcut_;
+  std::shared_ptr<LaunchAtLoginController> loginItem_;
   std::shared_ptr<AppCoordinator> coordinator_;
   Token budgetsChanged_;
 };

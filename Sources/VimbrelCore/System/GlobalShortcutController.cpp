@@ -10,19 +10,24 @@ void GlobalShortcutController::start() {
     refusal_ = "there is no desktop whose keys could be watched";
     return;
   }
+  shortcut_->onRefused = [weak = weak_from_this()](const std::string& reason) {
+    if (const auto self = weak.lock()) self->refuse(reason);
+  };
   auto watch = shortcut_->watch([weak = weak_from_this()] {
     const auto self = weak.lock();
     if (!self) return;
     self->logger_.info("Global shortcut Option+Command+L triggered");
     if (self->onToggleRequested_) self->onToggleRequested_();
   });
-  if (!watch) {
-    refusal_ = watch.error();
-    logger_.info("Global shortcut not available: %s", refusal_.c_str());
-    return;
-  }
+  if (!watch) return refuse(watch.error());
   watch_ = std::move(*watch);
   logger_.info("Global shortcut monitor registered for Option+Command+L");
+}
+
+void GlobalShortcutController::refuse(const std::string& reason) {
+  watch_.reset();
+  refusal_ = reason;
+  logger_.info("Global shortcut not available: %s", refusal_.c_str());
 }
 
 }  // namespace vimbrel

@@ -25,6 +25,8 @@ class GlobalShortcutController : public std::enable_shared_from_this<GlobalShort
   [[nodiscard]] const std::string& refusal() const { return refusal_; }
 
  private:
+  void refuse(const std::string& reason);
+
   const std::shared_ptr<KeyShortcut> shortcut_;
   std::function<void()> onToggleRequested_;
   Token watch_;

@@ -14,6 +14,7 @@ class LaunchAtLoginController {
  public:
   explicit LaunchAtLoginController(std::shared_ptr<LoginItem> item) : item_(std::move(item)) {}
 
+  [[nodiscard]] LoginItemStatus status() const { return item_->status(); }
   [[nodiscard]] bool isEnabled() const { return item_->status() == LoginItemStatus::enabled; }
   [[nodiscard]] std::string_view statusDescription() const;
   /// True on success, and when nothing needed doing.

@@ -115,6 +115,8 @@ void ProtectionHistory::update(const PolicyEvaluationContext& context, const Wak
     open_->reasons.push_back(reason);
     changed = true;
   }
+  if (options_.isHeld && !options_.isHeld()) open_->unheldSeconds += elapsed;
+  if (options_.isLidCovered && options_.isLidCovered()) open_->wasLidCovered = true;
   open_->wasDeepHoldWanted = open_->wasDeepHoldWanted || hold.requiresDeepHold;
   if (changed || context.now - lastWritten_ >= options_.checkpoint) {
     lastWritten_ = context.now;

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -23,6 +24,9 @@ class ProtectionHistory final : public CoordinatorService {
     std::size_t mostEpisodes = 5000;
     /// How often the file of the ongoing episode is brought up to date, at most.
     Seconds checkpoint{60};
+    /// Whether the system assertion is held now, and whether the closed lid is covered; may be empty.
+    std::function<bool()> isHeld;
+    std::function<bool()> isLidCovered;
   };
 
   /// Reads what is there. An episode that was going on when the application last ended without a word is
