@@ -202,18 +202,37 @@ int reportMisuse(CLI::App& app, const CLI::ParseError& error, int argc, char** a
   return exitCode::usage;
 }
 
+/// Everything that `vimbrel` understands.
+void compose(CLI::App& app, Invocation& invocation) {
+  app.description("Keeps this machine awake while AI coding agents work.");
+  app.name("vimbrel");
+  app.set_version_flag("--version", std::string("vimbrel ") + version);
+  app.require_subcommand(1);
+  app.get_formatter()->column_width(24);
+  describe(app, invocation);
+  describeHistory(app, invocation);
+  describeUsage(app, invocation);
+  std::string meanings = "Exit status:\n";
+  for (const auto& [status, meaning] : exitCode::meanings) {
+    meanings += "  " + std::to_string(status) + "  " + meaning + "\n";
+  }
+  app.footer(meanings);
+}
+
 }  // namespace
+
+void withCommandLine(const std::function<void(CLI::App&)>& look) {
+  Invocation invocation;
+  CLI::App app;
+  compose(app, invocation);
+  look(app);
+}
 
 int runCommandLine(int argc, char** argv) {
   Invocation invocation;
   {
-    CLI::App app{"Keeps this machine awake while AI coding agents work.", "vimbrel"};
-    app.set_version_flag("--version", std::string("vimbrel ") + version);
-    app.require_subcommand(1);
-    app.get_formatter()->column_width(24);
-    describe(app, invocation);
-    describeHistory(app, invocation);
-    describeUsage(app, invocation);
+    CLI::App app;
+    compose(app, invocation);
     try {
       app.parse(argc, argv);
     } catch (const CLI::Success& wanted) {

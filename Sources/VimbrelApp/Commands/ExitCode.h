@@ -9,6 +9,18 @@ inline constexpr int done = 0;
 inline constexpr int failed = 1;  ///< the answer is no, or the operation failed
 inline constexpr int usage = 2;   ///< the command line is wrong
 inline constexpr int notRunning = 3;
+
+/// What `--help`, the manual and the tests say of each.
+struct Meaning {
+  int status;
+  const char* meaning;
+};
+inline constexpr Meaning meanings[] = {
+    {done, "done"},
+    {failed, "the answer is no, or the operation failed"},
+    {usage, "wrong usage: an unknown command, option, setting or value"},
+    {notRunning, "the application is not running"},
+};
 }  // namespace exitCode
 
 }  // namespace vimbrel
