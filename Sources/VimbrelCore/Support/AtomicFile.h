@@ -24,8 +24,12 @@ struct FileError {
 enum class Durability { process, machine };
 
 /// Replaces the file's contents in one step: a reader, or the next start after a crash at any moment, sees
-/// all of the old contents or all of the new. The new contents go to a temporary file beside the old one,
-/// which is removed on failure. A symbolic link is replaced, not followed. Any thread.
+/// all of the old contents or all of the new. A symbolic link is replaced, not followed. Any thread and any
+/// number of processes: of several writers one wins.
+///
+/// The new contents have no name until they are whole, then "<path>.new" for a moment. A process that is
+/// killed leaves at most that one file, which the next replacement takes over; file systems without nameless
+/// files get a temporary file with a random name instead.
 [[nodiscard]] std::expected<void, FileError> replaceFile(const std::string& path, std::string_view contents,
                                                          mode_t mode = 0600,
                                                          Durability durability = Durability::process);
