@@ -24,7 +24,12 @@ RpcDispatcher withMethods() {
   dispatcher.add("fail", [](const json&) -> RpcResult {
     return std::unexpected(RpcError{RpcFault::operationFailed, "the disk is full"});
   });
+  dispatcher.add("number", [](const json& params) -> RpcResult { return params.value("n", 0); });
+  dispatcher.addForPeer("at", [](const json& params, RpcPeer&) -> RpcResult { return params.at("n"); });
   dispatcher.addLater("forget", [](const json&, RpcReply) {});
+  dispatcher.addLater("laterNumber", [](const json& params, RpcReply reply) {
+    reply(RpcResult(json(params.value("n", 0))));
+  });
   return dispatcher;
 }
 
@@ -57,6 +62,14 @@ TEST(RpcDispatcher, answersEachKindOfRequestWithItsGoldenLine) {
       {R"({"jsonrpc":"2.0","id":1,"method":"fail"})", error("1", -32000, "the disk is full")},
       {R"({"jsonrpc":"2.0","id":1,"method":"forget"})",
        error("1", -32603, "the request was dropped unanswered")},
+      // Handlers that trust the types of their parameters.
+      {R"({"jsonrpc":"2.0","id":1,"method":"number","params":{"n":"x"}})",
+       error("1", -32602, "a parameter has the wrong type")},
+      {R"({"jsonrpc":"2.0","id":1,"method":"at"})",
+       error("1", -32603, "[json.exception.out_of_range.403] key 'n' not found")},
+      {R"({"jsonrpc":"2.0","id":1,"method":"laterNumber","params":{"n":"x"}})",
+       error("1", -32603, "the request was dropped unanswered")},
+      {R"({"jsonrpc":"2.0","method":"number","params":{"n":[]}})", ""},
       // Notifications get no answer, whatever becomes of them.
       {R"({"jsonrpc":"2.0","method":"echo"})", ""},
       {R"({"jsonrpc":"2.0","method":"fail"})", ""},

@@ -27,6 +27,18 @@ std::string responseLine(const json& id, const RpcResult& result) {
   return dumped(response);
 }
 
+/// A handler that reads a parameter as what it is not gets an exception of the JSON library, which must not
+/// reach the loop that serves everybody.
+RpcResult guarded(const std::function<RpcResult()>& handler) {
+  try {
+    return handler();
+  } catch (const json::type_error&) {
+    return std::unexpected(RpcError{RpcFault::invalidParams, "a parameter has the wrong type"});
+  } catch (const json::exception& error) {
+    return std::unexpected(RpcError{RpcFault::internalError, error.what()});
+  }
+}
+
 bool isAllowedId(const json& id) { return id.is_string() || id.is_number() || id.is_null(); }
 
 }  // namespace
@@ -45,20 +57,24 @@ void RpcReply::operator()(const RpcResult& result) {
 
 void RpcDispatcher::add(std::string name, Handler handler) {
   handlers_[std::move(name)] = [handler = std::move(handler)](const json& params, RpcPeer&, RpcReply reply) {
-    reply(handler(params));
+    reply(guarded([&] { return handler(params); }));
   };
 }
 
 void RpcDispatcher::addForPeer(std::string name, PeerHandler handler) {
   handlers_[std::move(name)] = [handler = std::move(handler)](const json& params, RpcPeer& peer,
                                                               RpcReply reply) {
-    reply(handler(params, peer));
+    reply(guarded([&] { return handler(params, peer); }));
   };
 }
 
 void RpcDispatcher::addLater(std::string name, LaterHandler handler) {
   handlers_[std::move(name)] = [handler = std::move(handler)](const json& params, RpcPeer&, RpcReply reply) {
-    handler(params, std::move(reply));
+    // The handler owns the reply: when it throws, dropping the reply answers the peer.
+    (void)guarded([&]() -> RpcResult {
+      handler(params, std::move(reply));
+      return json();
+    });
   };
 }
 

@@ -44,7 +44,8 @@ class RpcReply {
 };
 
 /// JSON-RPC 2.0 without a transport: the methods by name, and what becomes of one request. Batches are
-/// refused: a peer sends one request a line. Main queue.
+/// refused: a peer sends one request a line. An exception of the JSON library in a handler answers that one
+/// request with an error. Main queue.
 class RpcDispatcher {
  public:
   /// `params` is an object, empty when the request had none.
