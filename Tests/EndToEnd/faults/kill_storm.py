@@ -1,0 +1,134 @@
+# SPDX-License-Identifier: Apache-2.0
+"""kill -9, again and again, at any moment: of the application while it records, of the helper while it holds, of the
+relay while it sends. No recorded usage is lost or doubled, no file is torn, nothing piles up, and each start works."""
+
+import json
+import os
+import random
+import socket
+import subprocess
+import time
+
+from sandbox import Sandbox, claude_line, eventually, event, patience, require
+
+rounds = int(os.environ.get("VIMBREL_ROUNDS", "12"))
+
+
+def storm_on_the_application(sandbox, chance):
+    log = sandbox.file(".claude/projects/p/s1.jsonl")
+    os.makedirs(os.path.dirname(log))
+    written = 0
+    for number in range(rounds):
+        sandbox.start() if number % 3 == 0 else sandbox.launch()
+        for _ in range(chance.randrange(1, 40)):
+            with open(log, "a") as file:
+                file.write(claude_line("m%d" % written, 100 + written))
+            written += 1
+            if chance.random() < 0.3:
+                sandbox.relay("--agent", "claude", "--state", chance.choice(["working", "idle"]))
+            if chance.random() < 0.2:
+                # Settings are written, too.
+                sandbox.command("settings", "set", "batteryFloorPercent", str(chance.randrange(10, 50)))
+        time.sleep(chance.random() * 0.3)
+        sandbox.kill()
+
+    sandbox.start()
+    expected = sum(110 + number for number in range(written))
+    eventually(lambda: sandbox.ask("usage.today")["totalTokens"] >= expected, "all usage is recorded")
+    # And once more, in case something was counted twice with a delay.
+    require(sandbox.stop() == 0, "the application stops with 0")
+    sandbox.start()
+    today = sandbox.ask("usage.today")
+    require(today["totalTokens"] == expected, "%d tokens of %d" % (today["totalTokens"], expected))
+    require(today["turnCount"] == written, "%d turns of %d" % (today["turnCount"], written))
+    require(sandbox.stop() == 0, "the application stops with 0")
+
+    for directory, _, files in os.walk(sandbox.file(".")):
+        for name in files:
+            path = os.path.join(directory, name)
+            require(".unreadable" not in name, path + " was given up")
+            if name.endswith(".json") and os.path.getsize(path) > 0:
+                with open(path) as file:
+                    json.load(file)
+    data = os.listdir(sandbox.file(".local/share/Vimbrel"))
+    require(len(data) <= 8, "files pile up: %s" % sorted(data))
+    leftovers = [name for name in os.listdir(sandbox.file(".config/com.vimbrel.app")) if name != "settings.json"]
+    require(len(leftovers) <= 2, "files pile up beside the settings: %s" % leftovers)
+    return written
+
+
+def helper_answer(path, request):
+    with socket.socket(socket.AF_UNIX) as connection:
+        connection.settimeout(patience)
+        connection.connect(path)
+        connection.sendall(json.dumps(request).encode())
+        connection.shutdown(socket.SHUT_WR)
+        text = b""
+        while chunk := connection.recv(8192):
+            text += chunk
+    return json.loads(text)
+
+
+def storm_on_the_helper(sandbox, chance):
+    directory = sandbox.file("helper")
+    os.makedirs(directory)
+    path, state = directory + "/s", directory + "/state.json"
+    environment = {**sandbox.environment, "DBUS_SYSTEM_BUS_ADDRESS": "unix:path=/nonexistent"}
+
+    def status():
+        try:
+            return helper_answer(path, {"command": "status"}).get("status")
+        except (OSError, ValueError):
+            return None
+
+    lease = None
+    for number in range(rounds):
+        helper = subprocess.Popen([sandbox.helper_program, "--user", "--simulate", "--socket", path, "--state", state],
+                                  env=environment, stderr=subprocess.DEVNULL)
+        try:
+            now = eventually(status, "the helper answers")
+            require(now["isDeepHoldActive"] == (lease is not None), "round %d: %s after %s" % (number, now, lease))
+            if lease:
+                require(now["activeLeaseId"] == lease, "another lease came back")
+                require(now["currentSystemSleepDisabled"], "the lease is there without its hold")
+            if chance.random() < 0.6:
+                lease = "lease-%d" % number
+                answer = helper_answer(path, {"command": "acquire", "leaseId": lease, "ttlSeconds": 600})
+                require(answer["ok"], answer)
+            elif lease:
+                require(helper_answer(path, {"command": "release", "leaseId": lease})["ok"], "released")
+                lease = None
+        finally:
+            helper.kill()
+            helper.wait()
+    require(len(os.listdir(directory)) <= 3, "files pile up: %s" % os.listdir(directory))
+
+
+def storm_on_the_relay(sandbox, chance):
+    sandbox.start()
+    for number in range(rounds * 4):
+        relay = subprocess.Popen([sandbox.relay_program, "--agent", "codex", "--state", "working", "--session-id",
+                                  "killed%d" % number], env=sandbox.environment, stdin=subprocess.DEVNULL)
+        time.sleep(chance.random() * 0.004)
+        relay.kill()
+        relay.wait()
+    require(b'"ok":true' in sandbox.hook(event("survivor", "working")), "events are still taken")
+    eventually(lambda: any(session["id"] == "survivor" for session in sandbox.ask("sessions")["sessions"]),
+               "the event after the storm is seen")
+    # A hook is not held up by an application that was killed under it.
+    sandbox.kill()
+    require(sandbox.relay("--agent", "codex", "--state", "idle") == 0, "the relay exits with 0")
+
+
+def main():
+    seed = int(os.environ.get("VIMBREL_SEED", "1"))
+    chance = random.Random(seed)
+    with Sandbox() as sandbox:
+        written = storm_on_the_application(sandbox, chance)
+        storm_on_the_helper(sandbox, chance)
+        storm_on_the_relay(sandbox, chance)
+    print("%d kills of the application, %d of the helper, %d of the relay; %d events, none lost, none doubled"
+          % (rounds + 1, rounds, rounds * 4, written))
+
+
+main()

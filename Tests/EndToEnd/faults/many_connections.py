@@ -1,0 +1,86 @@
+# SPDX-License-Identifier: Apache-2.0
+"""More connections than anybody should make, to both sockets at once: silent ones, ones that never read, ones that
+are dropped halfway. An honest hook and an honest client are served meanwhile, with few descriptors too."""
+
+import os
+import resource
+import socket
+
+from sandbox import Baseline, Sandbox, event, eventually, require
+
+connections = int(os.environ.get("VIMBREL_CONNECTIONS", "10000"))
+most_held = 1500
+
+
+def crowd(path, count, send):
+    """Makes that many connections, each given something to chew on, and never closes one. Those that the other side
+    hung up on are let go, so that only its limits count."""
+    held = []
+    made = 0
+    while made < count:
+        connection = socket.socket(socket.AF_UNIX)
+        connection.settimeout(0.5)
+        try:
+            connection.connect(path)
+            made += 1
+            send(connection, made)
+            held.append(connection)
+        except OSError:
+            # Refused, or as many wait to be accepted as may: the rest would only wait too.
+            connection.close()
+            if len(held) < made // 2 or not held:
+                made += 1
+            else:
+                made += 100
+        if len(held) >= most_held:
+            for old in held[: most_held // 2]:
+                old.close()
+            del held[: most_held // 2]
+    return held
+
+
+def say_nothing(connection, number):
+    pass
+
+
+def never_read(connection, number):
+    connection.send(b'{"jsonrpc":"2.0","id":1,"method":"subscribe"}\n' * 20 if number % 2 else b'{"jsonrpc":"2.0",')
+
+
+def assault(sandbox, what):
+    baseline = Baseline(sandbox)
+    honest = sandbox.control()
+    silent = crowd(sandbox.hook_socket, connections // 2, say_nothing)
+    greedy = crowd(sandbox.control_socket, connections // 2, never_read)
+    require(b'"ok":true' in sandbox.hook(event("honest", "working")), "a hook is served meanwhile")
+    require(honest.ask("version"), "a client that was there before is served meanwhile")
+    require(sandbox.relay("--agent", "codex", "--state", "working") == 0, "the relay exits with 0")
+    for connection in silent + greedy:
+        connection.close()
+
+    def is_served():
+        try:
+            return sandbox.ask("status")
+        except (OSError, ConnectionError):
+            return None
+    eventually(is_served, "a new client is served afterwards")
+    honest.close()
+    grown = baseline.require_kept()
+    require(sandbox.stop() == 0, "the application stops with 0")
+    print("%s: %d connections, %d of them open at the end, %d kB more" % (what, connections, len(silent) + len(greedy), grown))
+
+
+def main():
+    soft, hard = resource.getrlimit(resource.RLIMIT_NOFILE)
+    resource.setrlimit(resource.RLIMIT_NOFILE, (min(hard, 2 * most_held + 200), hard))
+    with Sandbox() as sandbox:
+        sandbox.start()
+        assault(sandbox, "as it is")
+    with Sandbox() as sandbox:
+        # Fewer descriptors than the control socket alone would take.
+        few = lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (64, 64))
+        sandbox.start(preexec_fn=few)
+        assault(sandbox, "with 64 descriptors")
+
+
+main()
