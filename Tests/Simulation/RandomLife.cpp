@@ -41,6 +41,21 @@ bool RandomLife::live(std::chrono::seconds duration) {
   return !application_.violation();
 }
 
+void RandomLife::happen(std::uint32_t seed) {
+  random_.seed(seed);
+  somethingHappens();
+}
+
+void RandomLife::passSecond(std::uint32_t seed) {
+  random_.seed(seed);
+  drainBattery();
+}
+
+void RandomLife::applicationRestarted() {
+  hookSessions_.clear();
+  for (auto& [pid, since] : workingProcesses_) since = application_.time().monotonic();
+}
+
 void RandomLife::somethingHappens() {
   const int kind = upTo(100);
   if (kind < 45) {
@@ -83,9 +98,11 @@ void RandomLife::agentReports() {
   const auto state = states[upTo(std::size(states))];
   const auto agent = allAgentTypes[static_cast<std::size_t>(upTo(3))];
   const auto id = std::string(rawValue(agent)) + std::to_string(upTo(2));
+  // Some events come late, through a slow hook.
+  const auto happenedAt = application_.time().now() - Seconds(upTo(6) == 0 ? upTo(600) : 0);
   note("hook " + id + " " + std::string(rawValue(state)));
-  application_.hook(agent, state, id);
-  hookSessions_[id] = {state, application_.time().now()};
+  application_.hook(agent, state, id, happenedAt);
+  if (application_.isAlive()) hookSessions_[id] = {state, happenedAt};
 }
 
 void RandomLife::processComesOrGoes() {
@@ -141,6 +158,7 @@ void RandomLife::heatChanges() {
 }
 
 void RandomLife::settingChanges() {
+  if (!application_.isAlive()) return;
   auto& settings = application_.app().settings();
   SettingsStore::WriteResult result;
   switch (upTo(9)) {
@@ -193,7 +211,7 @@ void RandomLife::settingsAreEdited() {
   const auto* edit = edits[upTo(std::size(edits))];
   note(std::string("edit ") + edit);
   std::ofstream(application_.settingsPath()) << edit;
-  application_.app().reloadSettings();
+  if (application_.isAlive()) application_.app().reloadSettings();
 }
 
 void RandomLife::clockJumps() {
@@ -236,6 +254,7 @@ std::optional<std::string> RandomLife::checkOwnBooks() {
 
 void RandomLife::note(std::string what) {
   const auto seconds = std::chrono::duration_cast<std::chrono::milliseconds>(application_.time().monotonic());
+  if (onNote) onNote(what);
   recent_.push_back(std::to_string(seconds.count()) + " ms: " + std::move(what));
   if (recent_.size() > 25) recent_.pop_front();
 }

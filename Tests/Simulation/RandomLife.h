@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <map>
 #include <optional>
 #include <random>
@@ -20,6 +21,16 @@ class RandomLife {
  public:
   RandomLife(SimulatedApplication& application, std::uint32_t seed);
 
+  /// One thing happens, drawn from this seed alone and from what the world is like.
+  void happen(std::uint32_t seed);
+  /// A second has passed: batteries drain and charge.
+  void passSecond(std::uint32_t seed);
+  /// The application was started anew and knows no session; the machine is as it was.
+  void applicationRestarted();
+  /// The wall clock was moved by somebody else.
+  void clockJumped() { lastJump_ = application_.time().monotonic(); }
+  /// Told of everything that happens.
+  std::function<void(const std::string&)> onNote;
   /// Lives on; false when a promise was broken.
   bool live(std::chrono::seconds duration);
   /// The last things that happened, for a failing run's report.

@@ -2,6 +2,8 @@
 #include "Simulation/SimulatedApplication.h"
 
 #include <algorithm>
+#include <filesystem>
+#include <utility>
 
 namespace vimbrel {
 
@@ -63,23 +65,34 @@ std::optional<SafetyBlock> blockOf(const SimulatedWorld& world, const SettingsSt
 
 SimulatedApplication::SimulatedApplication(SimulatedWorld world,
                                            std::vector<std::shared_ptr<CoordinatorService>> services)
-    : SimulatedApplication(std::move(world), std::move(services), {}) {}
+    : SimulatedApplication(std::move(world), Surroundings{{}, {}, std::move(services)}) {}
 
 SimulatedApplication::SimulatedApplication(SimulatedWorld world,
                                            std::vector<std::shared_ptr<CoordinatorService>> services,
-                                           const UsageFactory& usage)
+                                           UsageFactory usage)
+    : SimulatedApplication(std::move(world), Surroundings{{}, std::move(usage), std::move(services)}) {}
+
+SimulatedApplication::SimulatedApplication(SimulatedWorld world, Surroundings surroundings)
     : time_(instantFromUnixSeconds(startUnixSeconds)),
       machine_(time_.mainQueue(), std::move(world)),
       receiver_(std::make_shared<DirectHookReceiver>(time_, time_)),
-      witness_(std::make_shared<Witness>(time_, machine_)) {
-  services.insert(services.begin(), witness_);
+      witness_(std::make_shared<Witness>(time_, machine_)),
+      surroundings_(std::move(surroundings)) {
+  surroundings_.services.insert(surroundings_.services.begin(), witness_);
+  launch();
+}
+
+void SimulatedApplication::launch() {
   application_ = std::make_unique<Application>(
       machine_.services(), time_, time_,
       ApplicationDirectories{directory_.path(), directory_.path(), directory_.path()},
       ApplicationOptions{.hookReceiver = receiver_,
-                         .usage = usage ? usage(time_) : nullptr,
-                         .services = std::move(services)});
+                         .helperExchange = surroundings_.helper,
+                         .usage = surroundings_.usage ? surroundings_.usage(time_) : nullptr,
+                         .services = surroundings_.services});
   witness_->floorPercent = [this] { return app().settings().policyConfig().batteryFloorPercent; };
+  witness_->decision.reset();
+  witness_->isCutOff = false;
 }
 
 SimulatedApplication::~SimulatedApplication() = default;
@@ -99,12 +112,26 @@ void SimulatedApplication::kill() {
   if (!machine_.heldAssertions().empty()) fail("assertions outlive the application");
 }
 
-void SimulatedApplication::hook(AgentType agent, AgentState state, const std::string& sessionId) {
+void SimulatedApplication::crash() {
+  const auto aside = directory_.path() + ".aside";
+  std::filesystem::copy(directory_.path(), aside, std::filesystem::copy_options::recursive);
+  kill();
+  std::filesystem::remove_all(directory_.path());
+  std::filesystem::rename(aside, directory_.path());
+}
+
+void SimulatedApplication::relaunch() {
+  launch();
+  start();
+}
+
+void SimulatedApplication::hook(AgentType agent, AgentState state, const std::string& sessionId,
+                                std::optional<Instant> timestamp) {
   HookEvent event;
   event.agent = agent;
   event.sessionId = sessionId;
   event.state = state;
-  event.timestamp = time_.now();
+  event.timestamp = timestamp.value_or(time_.now());
   receiver_->send(event.toJSONData());
 }
 
@@ -123,7 +150,12 @@ void SimulatedApplication::run(std::chrono::nanoseconds duration) {
     if (violation_ || !time_.step(end)) break;
     checkAfterTask();
   }
-  if (!violation_) time_.advance(end - time_.monotonic());
+  if (!violation_) time_.advance(std::max<std::chrono::nanoseconds>(end - time_.monotonic(), 0ns));
+}
+
+void SimulatedApplication::runTasks(std::size_t count) {
+  const auto end = time_.monotonic() + 1s;
+  for (; count > 0 && !violation_ && time_.step(end); --count) checkAfterTask();
 }
 
 void SimulatedApplication::fail(const std::string& what) {
@@ -134,7 +166,15 @@ void SimulatedApplication::fail(const std::string& what) {
 }
 
 void SimulatedApplication::checkAfterTask() {
+  ++taskCount_;
+  for (const auto& check : taskChecks_) {
+    if (const auto broken = check()) fail(*broken);
+  }
   if (!application_ || !witness_->decision) return;
+  if (!application_->coordinator().isRunning()) {
+    if (!machine_.heldAssertions().empty()) fail("assertions are held after the stop");
+    return;
+  }
   if (decision() != *witness_->decision)
     return fail("the published decision is not the one that was applied");
   const bool holds = decision().isHolding();
@@ -149,6 +189,9 @@ void SimulatedApplication::checkWhenSettled() {
   if (time_.monotonic() - witness_->evaluatedAt > 1s) return fail("the evaluation timer has stopped");
   const auto now = witness_->now;
   const auto& settings = app().settings();
+  if (WakePolicyEngine().evaluate(*app().coordinator().lastContext()) != decision()) {
+    fail("the published decision is not what its context gives");
+  }
 
   const auto block = blockOf(machine_.world(), settings, witness_->isCutOff, now);
   if (block && decision().isHolding()) fail("held although: " + std::string(rawValue(*block)));

@@ -153,4 +153,6 @@ void VirtualTime::advance(nanoseconds duration) {
 
 void VirtualTime::jumpWallClock(Seconds by) { state_->wallShift += by; }
 
+std::size_t VirtualTime::scheduledCount() const { return state_->agenda.size(); }
+
 }  // namespace vimbrel

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -34,6 +35,8 @@ class VirtualTime final : public QueueProvider, public Clock {
   bool step(std::chrono::nanoseconds limit);
   /// Shifts the wall clock alone, as a clock adjustment or a suspended machine does.
   void jumpWallClock(Seconds by);
+  /// How many tasks and timers wait for their time.
+  [[nodiscard]] std::size_t scheduledCount() const;
 
   struct State;
 

@@ -64,11 +64,13 @@ Application::Application(PlatformServices platform, QueueProvider& queues, const
   parts.processMonitor = std::make_shared<ProcessMonitor>(
       queues.makeQueue("com.vimbrel.processmonitor", QueueHome::mainThread), clock, platform_.processList,
       platform_.runningApplications, directories.home);
-  const bool isMachines = options.helper == ApplicationOptions::Helper::machine;
-  deepSleepController_ = isMachines
-                             ? std::make_shared<DeepSleepController>(queues, std::nullopt)
-                             : std::make_shared<DeepSleepController>(
-                                   queues, std::string(systemHelperSocketPath), simulatedHelper(clock));
+  if (options.helper == ApplicationOptions::Helper::machine) {
+    deepSleepController_ = std::make_shared<DeepSleepController>(queues, std::nullopt);
+  } else {
+    auto exchange = options.helperExchange ? std::move(options.helperExchange) : simulatedHelper(clock);
+    deepSleepController_ = std::make_shared<DeepSleepController>(queues, std::string(systemHelperSocketPath),
+                                                                 std::move(exchange));
+  }
   deepHold_ = std::make_shared<DeepHoldService>(deepSleepController_, mainQueue_, clock,
                                                 deepSleepController_->socketPath() == systemHelperSocketPath);
   commandHolds_ = std::make_shared<CommandHolds>();

@@ -38,6 +38,8 @@ struct ApplicationOptions {
   std::shared_ptr<HookEventReceiving> hookReceiver;
   /// Which helper covers the closed lid: the machine's, or one in memory that touches nothing.
   enum class Helper { simulated, machine } helper = Helper::simulated;
+  /// The simulated helper to ask, instead of one that never fails.
+  HelperExchange helperExchange;
   /// Records usage and budgets; may be null. Started and stopped with the coordinator.
   std::shared_ptr<UsageCoordinator> usage;
   /// Started and stopped with the coordinator, after the application's own.
