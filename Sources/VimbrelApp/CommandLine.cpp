@@ -44,7 +44,7 @@ CLI::App* add(CLI::App& parent, const std::string& name, const std::string& desc
 }
 
 void addJsonFlag(CLI::App* app, Invocation& invocation) {
-  app->add_flag("--json", invocation.json, "Print one JSON document (docs/command-line.md)");
+  app->add_flag("--json", invocation.json, "Print one JSON document");
 }
 
 /// Two commands in one: the switch, and the hold of one command.
