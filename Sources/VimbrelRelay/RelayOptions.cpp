@@ -26,6 +26,7 @@ constexpr Spelling spellings[] = {
     {.name = "--session-id", .text = &RelayOptions::sessionId},
     {.name = "--session", .text = &RelayOptions::sessionId},
     {.name = "-id", .text = &RelayOptions::sessionId},
+    {.name = "--session-key", .text = &RelayOptions::sessionKey},
     {.name = "--pid", .int32 = &RelayOptions::pid},
     {.name = "-p", .int32 = &RelayOptions::pid},
     {.name = "--cwd", .text = &RelayOptions::cwd},

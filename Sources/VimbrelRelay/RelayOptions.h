@@ -13,6 +13,8 @@ struct RelayOptions {
   std::optional<std::string_view> agent;
   std::optional<std::string_view> state;
   std::optional<std::string_view> sessionId;
+  /// The member of the JSON document on the standard input that names the session.
+  std::optional<std::string_view> sessionKey;
   std::optional<std::string_view> cwd;
   std::optional<std::string_view> model;
   std::optional<std::string_view> turnId;

@@ -3,6 +3,7 @@
 // that no agent is ever held up or confused. It runs thousands of times a day, so it uses neither the heap
 // nor the C++ library, and nothing that would have to be set up at start.
 #include <limits.h>
+#include <poll.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -21,6 +22,7 @@
 #include "PasswordFile.h"
 #include "RelayOptions.h"
 #include "Support/ApplicationSupportPath.h"
+#include "Support/JsonMemberScanner.h"
 #include "Support/SocketPathLimit.h"
 
 namespace vimbrel {
@@ -63,6 +65,33 @@ void forwardStandardInput(const RelayOptions& options) {
   if (size != 0) send(options, {input, size});
 }
 
+std::int64_t monotonicMilliseconds() {
+  timespec now{};
+  ::clock_gettime(CLOCK_MONOTONIC, &now);
+  return std::int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1'000'000;
+}
+
+/// Looks for the session on the standard input, where most agents describe the event. Stops reading at the
+/// first of these: it is found, the input ends, as much was read as an event may have, or the time is over;
+/// an agent that leaves its end open is not waited for.
+void scanStandardInput(JsonMemberScanner& scanner) {
+  const auto deadline = monotonicMilliseconds() + timeoutMs;
+  char piece[4096];
+  for (std::size_t total = 0; total < maximumHookEventBytes;) {
+    const auto left = deadline - monotonicMilliseconds();
+    if (left <= 0) return;
+    pollfd input{.fd = STDIN_FILENO, .events = POLLIN, .revents = 0};
+    const int ready = ::poll(&input, 1, static_cast<int>(left));
+    if (ready < 0 && errno == EINTR) continue;
+    if (ready <= 0) return;
+    const auto count = ::read(STDIN_FILENO, piece, sizeof piece);
+    if (count < 0 && (errno == EINTR || errno == EAGAIN)) continue;
+    if (count <= 0) return;
+    total += static_cast<std::size_t>(count);
+    if (scanner.feed({piece, static_cast<std::size_t>(count)}) != JsonMemberScanner::Progress::more) return;
+  }
+}
+
 /// Seconds since 1970 with six decimals, the finest that a 64-bit float of this size tells apart.
 template <typename Sink>
 void appendTimestamp(Sink& sink) {
@@ -78,9 +107,15 @@ void appendTimestamp(Sink& sink) {
 void sendEvent(const RelayOptions& options) {
   FixedBuffer<32> timestamp;
   appendTimestamp(timestamp);
+  auto sessionId = options.sessionId;
+  JsonMemberScanner scanner(options.sessionKey.value_or(""));
+  if (options.sessionKey && (!sessionId || sessionId->empty())) {
+    scanStandardInput(scanner);
+    if (scanner.progress() == JsonMemberScanner::Progress::found) sessionId = scanner.value();
+  }
   HookEventFields event{
       .agent = rawValue(agentTypeFromLenientText(*options.agent)),
-      .sessionId = options.sessionId,
+      .sessionId = sessionId,
       .state = rawValue(agentStateFromLenientText(*options.state)),
       .timestamp = timestamp.text(),
       .pid = options.pid ? *options.pid : ::getppid(),

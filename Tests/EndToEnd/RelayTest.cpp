@@ -3,11 +3,13 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <signal.h>
 #include <spawn.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 
 #include <future>
+#include <thread>
 
 #include "Domain/HookEvent.h"
 #include "InstructionCount.h"
@@ -24,6 +26,7 @@ class Relay : public testing::Test {
   void SetUp() override {
     listening_ = std::move(*listenOnUnixSocket(path_, 0600, 8));
     ASSERT_EQ(fcntl(listening_.get(), F_SETFL, 0), 0);
+    ASSERT_NE(signal(SIGPIPE, SIG_IGN), SIG_ERR);
   }
 
   /// Starts the relay with `input` as its standard input.
@@ -50,10 +53,15 @@ class Relay : public testing::Test {
     close(in[0]);
     close(out[1]);
     output_.reset(out[0]);
-    if (!input.empty()) {
-      EXPECT_EQ(write(in[1], input.data(), input.size()), static_cast<ssize_t>(input.size()));
-    }
-    close(in[1]);
+    // Beside the answering, because the relay need not read everything; the signal for that is ignored here.
+    writer_ = std::jthread([this, input, end = std::make_shared<Fd>(in[1])] {
+      for (std::string_view rest = input; !rest.empty();) {
+        const auto count = write(end->get(), rest.data(), rest.size());
+        if (count <= 0) break;
+        rest.remove_prefix(static_cast<std::size_t>(count));
+      }
+      if (leavesInputOpen_) openInput_ = end;
+    });
     return pid;
   }
 
@@ -89,8 +97,8 @@ class Relay : public testing::Test {
     return bytes;
   }
 
-  HookEvent event(const std::vector<std::string>& arguments) {
-    const auto bytes = sent(arguments);
+  HookEvent event(const std::vector<std::string>& arguments, const std::string& input = "") {
+    const auto bytes = sent(arguments, input);
     const auto parsed = HookEvent::parse(bytes, epoch);
     EXPECT_TRUE(parsed) << bytes;
     return parsed.value_or(HookEvent{});
@@ -98,8 +106,11 @@ class Relay : public testing::Test {
 
   TemporaryDirectory directory_;
   const std::string path_ = directory_.file("s");
+  bool leavesInputOpen_ = false;
   Fd listening_;
   Fd output_;
+  std::shared_ptr<Fd> openInput_;
+  std::jthread writer_;
 };
 
 TEST_F(Relay, turnsItsArgumentsIntoOneEvent) {
@@ -193,6 +204,30 @@ TEST_F(Relay, forwardsItsInputWhenAgentOrStateIsMissing) {
   EXPECT_EQ(sent({"--state", "idle"}), "none") << "nothing was read, so nothing is sent";
 }
 
+TEST_F(Relay, takesTheSessionFromItsInput) {
+  const auto sessionOf = [&](std::vector<std::string> arguments, const std::string& input) {
+    arguments.insert(arguments.end(), {"--agent", "claude", "--state", "working", "--pid", "9"});
+    return event(arguments, input).sessionId;
+  };
+  const std::vector<std::string> key{"--session-key", "session_id"};
+  const std::string document = R"({"cwd":"/p","tool":{"session_id":"no"},"session_id":"s-1"})";
+  EXPECT_EQ(sessionOf(key, document), "s-1");
+  EXPECT_EQ(sessionOf({"--session-key", "cwd"}, document), "/p");
+  EXPECT_EQ(sessionOf({"--session-key", "session_id", "--session-id", ""}, document), "s-1");
+  EXPECT_EQ(sessionOf({"--session-key", "session_id", "--session-id", "given"}, document), "given");
+  EXPECT_EQ(sessionOf({}, document), "claude-9") << "without the option the input is left alone";
+  for (const auto* unusable : {"", "{}", "[]", "\xff\xfe", R"({"session_id":null})", R"({"session_id":"")"}) {
+    EXPECT_EQ(sessionOf(key, unusable), "claude-9") << unusable;
+  }
+  // A tool's input of many megabytes stands behind the session, or before it.
+  const std::string big(std::size_t{4} << 20U, 'x');
+  EXPECT_EQ(sessionOf(key, R"({"session_id":"s-2","in":")" + big + "\"}"), "s-2");
+  EXPECT_EQ(sessionOf(key, R"({"in":")" + big + R"(","session_id":"s-2"})"), "claude-9");
+  leavesInputOpen_ = true;
+  EXPECT_EQ(sessionOf(key, R"({"session_id":"s-3")"), "s-3");
+  EXPECT_EQ(sessionOf(key, R"({"session)"), "claude-9") << "an end that is never closed is not waited for";
+}
+
 TEST_F(Relay, printsOneLineOfHelpAndSendsNothing) {
   const auto pid = start({"--agent", "claude", "--state", "idle", "-h", "--socket"});
   EXPECT_EQ(
@@ -225,7 +260,8 @@ TEST_F(Relay, endsSilentlyWithStatusZeroWhateverHappens) {
 }
 
 TEST_F(Relay, staysWithinItsInstructions) {
-  const auto count = userInstructions(RELAY, {"--agent", "claude", "--state", "working", "--socket", path_});
+  const auto count = userInstructions(
+      RELAY, {"--agent", "claude", "--state", "working", "--socket", path_, "--session-key", "session_id"});
   if (!count) GTEST_SKIP() << "instructions are not counted here: valgrind is missing or cannot run";
   EXPECT_LT(*count, 80000);
 }
