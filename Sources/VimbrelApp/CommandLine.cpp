@@ -10,6 +10,7 @@
 
 #include "Commands/Commands.h"
 #include "Commands/ExitCode.h"
+#include "InstalledRelay.h"
 #include "Run/RunCommand.h"
 #include "Support/ClosestMatch.h"
 #include "Terminal/DisplayText.h"
@@ -29,6 +30,7 @@ struct Invocation {
   std::string onOrOff;
   bool lid = false;
   std::vector<std::string> heldCommand;
+  AgentSetupOptions agentSetup;
   UsageRange range;
   bool confirmed = false;
   std::function<int()> command;
@@ -123,6 +125,46 @@ void describeHistory(CLI::App& app, Invocation& in) {
       [] { return diagnosticsCommand(); });
 }
 
+/// The relay that belongs to this program, unless the user named another; empty when there is none, which
+/// the user was told.
+std::string relayFor(const Invocation& in) {
+  if (!in.agentSetup.relay.empty()) return in.agentSetup.relay;
+  const auto relay = installedRelay(in.run.program);
+  if (!relay) {
+    std::fputs(
+        "vimbrel: vimbrel-relay is not installed beside this program or on the search path; "
+        "install it, or give --relay PATH\n",
+        stderr);
+  }
+  return relay.value_or("");
+}
+
+void describeAgents(CLI::App& app, Invocation& in) {
+  auto* agents = app.add_subcommand("agents", "Show which agents are here and connected, and connect one");
+  agents->callback([&in, agents] {
+    if (agents->get_subcommands().empty()) in.command = [&in] { return agentsCommand(in.output()); };
+  });
+  addJsonFlag(agents, in);
+  auto* setup = add(*agents, "setup", "Show what to paste where, and wait for the first event", in, [&in] {
+    in.agentSetup.relay = relayFor(in);
+    return in.agentSetup.relay.empty() ? exitCode::failed : agentSetupCommand(in.agentSetup, in.output());
+  });
+  auto* test =
+      add(*agents, "test", "Report once as that agent would, and show what becomes of it", in, [&in] {
+        const auto relay = relayFor(in);
+        return relay.empty() ? exitCode::failed : agentTestCommand(in.agentSetup.agent, relay, in.output());
+      });
+  for (auto* each : {setup, test}) {
+    each->add_option("agent", in.agentSetup.agent, "claude, codex, gemini, opencode, …")->required();
+    each->add_option("--relay", in.agentSetup.relay, "The relay where the agent runs")->option_text("PATH");
+    addJsonFlag(each, in);
+  }
+  setup->add_option("--socket", in.agentSetup.socket, "The hook socket where the agent runs")
+      ->option_text("PATH");
+  setup->add_flag("--copy", in.agentSetup.copies, "Put what is to be pasted on the clipboard");
+  setup->add_flag("!--no-wait", in.agentSetup.waits, "Do not wait for the first event");
+}
+
 void describeUsage(CLI::App& app, Invocation& in) {
   auto* usage = app.add_subcommand("usage", "Show what the agents spent");
   usage->callback([&in, usage] {
@@ -211,6 +253,7 @@ void compose(CLI::App& app, Invocation& invocation) {
   app.get_formatter()->column_width(24);
   describe(app, invocation);
   describeHistory(app, invocation);
+  describeAgents(app, invocation);
   describeUsage(app, invocation);
   std::string meanings = "Exit status:\n";
   for (const auto& [status, meaning] : exitCode::meanings) {
@@ -230,6 +273,7 @@ void withCommandLine(const std::function<void(CLI::App&)>& look) {
 
 int runCommandLine(int argc, char** argv) {
   Invocation invocation;
+  invocation.run.program = argc > 0 ? argv[0] : "";
   {
     CLI::App app;
     compose(app, invocation);

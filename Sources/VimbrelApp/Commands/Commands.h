@@ -31,6 +31,18 @@ int doctorCommand(Output output);
 int historyCommand(const std::string& since, const std::string& until, Output output);
 int diagnosticsCommand();
 
+int agentsCommand(Output output);
+struct AgentSetupOptions {
+  std::string agent;    ///< an agent's raw value
+  std::string relay;    ///< the relay's path where the agent runs
+  std::string socket;   ///< the hook socket there; empty for the relay's own choice
+  bool copies = false;  ///< puts the snippet on the clipboard
+  bool waits = true;    ///< for the agent's first event
+};
+int agentSetupCommand(const AgentSetupOptions& options, Output output);
+/// Reports once through the relay as that agent would.
+int agentTestCommand(const std::string& agent, const std::string& relay, Output output);
+
 /// Days ("2026-01-31") or ISO 8601 times, and an agent's raw value; empty means no limit.
 struct UsageRange {
   std::string since;

@@ -9,6 +9,7 @@
 
 #include "AgentMonitoring/HookEventReceiver.h"
 #include "AgentMonitoring/HookSocketPath.h"
+#include "Control/AgentMethods.h"
 #include "Control/DeepHoldMethods.h"
 #include "Control/DiagnosticsMethods.h"
 #include "Control/DoctorMethods.h"
@@ -17,8 +18,10 @@
 #include "Control/SettingsMethods.h"
 #include "Control/StatusMethods.h"
 #include "Control/UsageMethods.h"
+#include "InstalledRelay.h"
 #include "Run/HostPlatform.h"
 #include "Run/UsageWiring.h"
+#include "Support/Directories.h"
 
 namespace vimbrel {
 
@@ -41,10 +44,13 @@ BackgroundProcess::BackgroundProcess(const RunOptions& options, std::string vers
     : options_(options),
       simulated_(loop_.mainQueue()),
       platform_(choosePlatform()),
+      lastHookEvents_(std::make_shared<LastHookEvents>(
+          clock_, directories::applicationSupport() + "/Vimbrel/last_events.json")),
       application_(platform_, loop_, clock_, ApplicationDirectories::ofUser(),
                    {.hookReceiver = makeHookReceiver(),
                     .helper = helperFor(options),
-                    .usage = makeUsageCoordinator(loop_, clock_)}),
+                    .usage = makeUsageCoordinator(loop_, clock_),
+                    .lastHookEvents = lastHookEvents_}),
       controlled_{.coordinator = application_.coordinator(),
                   .platform = application_.platform(),
                   .clock = clock_,
@@ -53,7 +59,8 @@ BackgroundProcess::BackgroundProcess(const RunOptions& options, std::string vers
                   .commandHolds = &application_.commandHolds(),
                   .presentation = &application_.presentation(),
                   .usage = application_.usage().get(),
-                  .history = &application_.history()},
+                  .history = &application_.history(),
+                  .lastHookEvents = lastHookEvents_.get()},
       server_(loop_.mainQueue(), clock_) {
   tokens_.push_back(addStatusMethods(server_, controlled_));
   tokens_.push_back(addDeepHoldMethods(server_, controlled_));
@@ -62,6 +69,8 @@ BackgroundProcess::BackgroundProcess(const RunOptions& options, std::string vers
   addDoctorMethods(server_, controlled_);
   addHistoryMethods(server_, controlled_);
   addDiagnosticsMethods(server_, application_, loop_);
+  agentMethods_ =
+      addAgentMethods(server_, controlled_, loop_.mainQueue(), installedRelay(options.program).value_or(""));
   addUsageMethods(server_, application_.usage(), clock_, loop_.mainQueue());
 }
 

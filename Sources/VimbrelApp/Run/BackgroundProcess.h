@@ -52,9 +52,11 @@ class BackgroundProcess {
   SimulatedMachine simulated_;
   std::optional<SimulatedWorldFile> worldFile_;
   PlatformServices platform_;
+  const std::shared_ptr<LastHookEvents> lastHookEvents_;
   Application application_;
   const ControlledApplication controlled_;
   ControlServer server_;
+  std::shared_ptr<void> agentMethods_;
   ServiceManager serviceManager_;
   ChangeLines lines_;
   std::unique_ptr<LiveScreen> screen_;

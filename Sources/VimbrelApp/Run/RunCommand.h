@@ -6,6 +6,7 @@
 namespace vimbrel {
 
 struct RunOptions {
+  std::string program;      ///< what this program was called as
   std::string worldFile;    ///< a simulated machine's description; empty for this machine
   bool linesOnly = false;   ///< a line per change even on a terminal
   bool logDetails = false;  ///< debug messages too

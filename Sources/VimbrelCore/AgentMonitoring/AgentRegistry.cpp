@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "AgentMonitoring/AgentRegistry.h"
 
-#include <cstdlib>
 #include <thread>
 #include <utility>
 
@@ -10,32 +9,8 @@
 #include "AgentMonitoring/Adapters/GeminiAdapter.h"
 #include "AgentMonitoring/Adapters/OpenCodeAdapter.h"
 #include "AgentMonitoring/Adapters/ProcessAdapters.h"
-#include "Support/Directories.h"
 
 namespace vimbrel {
-
-AgentEnvironment AgentEnvironment::fromProcess(std::shared_ptr<RunningApplications> runningApplications) {
-  AgentEnvironment environment;
-  environment.home = directories::home();
-  if (const char* path = std::getenv("PATH")) environment.path = path;
-  environment.configurationHome = directories::configuration();
-  environment.dataHome = directories::applicationSupport();
-  environment.applicationDirectories.push_back(environment.dataHome + "/applications");
-  const char* variable = std::getenv("XDG_DATA_DIRS");
-  std::string_view rest = variable != nullptr && *variable != '\0' ? variable : "/usr/local/share:/usr/share";
-  while (!rest.empty()) {
-    const auto colon = rest.find(':');
-    if (colon != 0)
-      environment.applicationDirectories.push_back(std::string(rest.substr(0, colon)) + "/applications");
-    rest.remove_prefix(colon == std::string_view::npos ? rest.size() : colon + 1);
-  }
-  for (const auto* exported :
-       {"/var/lib/flatpak/exports/share/applications", "/var/lib/snapd/desktop/applications"}) {
-    environment.applicationDirectories.emplace_back(exported);
-  }
-  environment.runningApplications = std::move(runningApplications);
-  return environment;
-}
 
 AgentRegistry::AgentRegistry(AgentEnvironment environment) : environment_(std::move(environment)) {
   registerDefaultAdapters();

@@ -3,6 +3,7 @@
 
 #include <string>
 
+#include "AgentMonitoring/LastHookEvents.h"
 #include "AgentMonitoring/UsageCoordinator.h"
 #include "Platform/PlatformServices.h"
 #include "Support/Clock.h"
@@ -27,6 +28,8 @@ struct ControlledApplication {
   PresentationValues* presentation = nullptr;
   UsageCoordinator* usage = nullptr;
   ProtectionHistory* history = nullptr;
+  /// When each agent's hooks last reported; may be null.
+  LastHookEvents* lastHookEvents = nullptr;
 };
 
 }  // namespace vimbrel

@@ -3,6 +3,7 @@
 
 #include <unistd.h>
 
+#include "Control/AgentDocuments.h"
 #include "Control/DeepHoldMethods.h"
 #include "Control/PresentationDocument.h"
 #include "Control/RpcResult.h"
@@ -90,6 +91,9 @@ json statusDocument(const ControlledApplication& application) {
       {"assertions", assertionsOf(application)},
       {"settings", settingValues(coordinator.settings())},
       {"warnings", warningsOf(coordinator)},
+      {"lastEvents", application.lastHookEvents == nullptr
+                         ? json::object()
+                         : lastEventsDocument(application.lastHookEvents->all())},
   };
   state.update(presentationDocument(application));
   return state;

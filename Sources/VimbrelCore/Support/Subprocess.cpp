@@ -9,7 +9,10 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cassert>
 #include <cerrno>
+#include <climits>
+#include <optional>
 
 #include "Support/Fd.h"
 
@@ -52,18 +55,37 @@ bool reapUntil(pid_t pid, Clock::time_point deadline, int& status) {
   }
 }
 
+/// A pipe's end from which this can be read, and then nothing more.
+std::optional<Fd> readingEndOf(const std::string& text) {
+  assert(text.size() <= PIPE_BUF);
+  int ends[2];
+  if (::pipe2(ends, O_CLOEXEC) != 0) return std::nullopt;
+  Fd reading(ends[0]);
+  const Fd writing(ends[1]);
+  if (::write(writing.get(), text.data(), text.size()) != static_cast<ssize_t>(text.size()))
+    return std::nullopt;
+  return reading;
+}
+
 }  // namespace
 
 std::expected<SubprocessResult, SubprocessFault> runProgram(const std::string& program,
                                                             const std::vector<std::string>& arguments,
-                                                            SubprocessBounds bounds) {
+                                                            const SubprocessBounds& bounds) {
   int ends[2];
   if (::pipe2(ends, O_CLOEXEC) != 0) return std::unexpected(SubprocessFault::cannotLaunch);
   Fd reading(ends[0]);
   Fd writing(ends[1]);
 
   SpawnActions actions;
-  posix_spawn_file_actions_addopen(&actions.files, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+  std::optional<Fd> input;
+  if (bounds.input.empty()) {
+    posix_spawn_file_actions_addopen(&actions.files, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+  } else {
+    input = readingEndOf(bounds.input);
+    if (!input) return std::unexpected(SubprocessFault::cannotLaunch);
+    posix_spawn_file_actions_adddup2(&actions.files, input->get(), STDIN_FILENO);
+  }
   posix_spawn_file_actions_adddup2(&actions.files, writing.get(), STDOUT_FILENO);
   posix_spawn_file_actions_addopen(&actions.files, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
   posix_spawn_file_actions_addclosefrom_np(&actions.files, STDERR_FILENO + 1);

@@ -35,6 +35,28 @@ class UsageService final : public CoordinatorService {
   const std::shared_ptr<UsageCoordinator> usage_;
 };
 
+/// Keeps what was heard of the agents over restarts.
+class LastHookEventsService final : public CoordinatorService {
+ public:
+  LastHookEventsService(std::shared_ptr<LastHookEvents> events, std::shared_ptr<TaskQueue> mainQueue)
+      : events_(std::move(events)), mainQueue_(std::move(mainQueue)) {}
+  void didStartTimer() override {
+    // A crash costs the news of ten minutes.
+    constexpr std::chrono::minutes period{10};
+    timer_ =
+        mainQueue_->every(period, period, TimerPrecision::shared, [events = events_] { events->save(); });
+  }
+  void didStop() override {
+    timer_.reset();
+    events_->save();
+  }
+
+ private:
+  const std::shared_ptr<LastHookEvents> events_;
+  const std::shared_ptr<TaskQueue> mainQueue_;
+  Token timer_;
+};
+
 }  // namespace
 
 ApplicationDirectories ApplicationDirectories::ofUser() {
@@ -86,12 +108,15 @@ Application::Application(PlatformServices platform, QueueProvider& queues, const
       clock);
   parts.services = {deepHold_, commandHolds_, std::make_shared<LongestHold>(), presentation_, history_};
   addDesktopServices(parts);
-  if (usage_) {
-    parts.services.push_back(std::make_shared<UsageService>(usage_));
-    parts.agentCoordinator->setOnHookEvent([weak = std::weak_ptr(usage_)](const HookEvent& event) {
-      if (const auto usage = weak.lock()) usage->handleHookEvent(event);
-    });
+  if (usage_) parts.services.push_back(std::make_shared<UsageService>(usage_));
+  if (options.lastHookEvents) {
+    parts.services.push_back(std::make_shared<LastHookEventsService>(options.lastHookEvents, mainQueue_));
   }
+  parts.agentCoordinator->setOnHookEvent(
+      [weak = std::weak_ptr(usage_), last = options.lastHookEvents](const HookEvent& event) {
+        if (last) last->record(event);
+        if (const auto usage = weak.lock()) usage->handleHookEvent(event);
+      });
   std::ranges::move(options.services, std::back_inserter(parts.services));
   coordinator_ = AppCoordinator::create(std::move(parts), clock);
   connectDesktopServices();

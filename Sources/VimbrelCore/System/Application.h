@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "AgentMonitoring/LastHookEvents.h"
 #include "AgentMonitoring/UsageCoordinator.h"
 #include "DeepHold/DeepSleepController.h"
 #include "Platform/PlatformServices.h"
@@ -42,6 +43,9 @@ struct ApplicationOptions {
   HelperExchange helperExchange;
   /// Records usage and budgets; may be null. Started and stopped with the coordinator.
   std::shared_ptr<UsageCoordinator> usage;
+  /// Remembers when agents' hooks last reported; may be null. Saved now and then, and when the application
+  /// stops.
+  std::shared_ptr<LastHookEvents> lastHookEvents;
   /// Started and stopped with the coordinator, after the application's own.
   std::vector<std::shared_ptr<CoordinatorService>> services;
 };

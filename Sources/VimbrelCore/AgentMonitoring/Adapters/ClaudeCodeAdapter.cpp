@@ -2,24 +2,79 @@
 #include "AgentMonitoring/Adapters/ClaudeCodeAdapter.h"
 
 #include <nlohmann/json.hpp>
+#include <set>
 
 #include "AgentMonitoring/Adapters/ExecutableDiscovery.h"
 #include "AgentMonitoring/Adapters/SnippetText.h"
-#include "Support/StrictJson.h"
 
 namespace vimbrel {
 namespace {
 
-/// True when the value of the top-level key "hooks", written out, names the relay.
+/// Looks for the relay in the value of the top-level key "hooks". It builds no tree: a configuration that is
+/// nested a million deep must not exhaust the stack.
+class HooksReader final : public nlohmann::json_sax<nlohmann::json> {
+ public:
+  [[nodiscard]] bool nameTheRelay() const { return found_; }
+
+  bool null() override { return endValue(); }
+  bool boolean(bool) override { return endValue(); }
+  bool number_integer(number_integer_t) override { return endValue(); }
+  bool number_unsigned(number_unsigned_t) override { return endValue(); }
+  bool number_float(number_float_t, const string_t&) override { return endValue(); }
+  bool binary(binary_t&) override { return endValue(); }
+  bool string(string_t& text) override {
+    look(text);
+    return endValue();
+  }
+  bool key(string_t& name) override {
+    if (depth_ == 1 && isObject_) {
+      isInHooks_ = name == "hooks";
+      if (isInHooks_) found_ = false;  // Of a repeated key the last counts.
+    } else {
+      look(name);
+    }
+    return true;
+  }
+  bool start_object(std::size_t) override {
+    if (depth_ == 0) isObject_ = true;
+    ++depth_;
+    return true;
+  }
+  bool start_array(std::size_t) override {
+    if (depth_ == 1) isInHooks_ = false;
+    ++depth_;
+    return true;
+  }
+  bool end_object() override { return end(); }
+  bool end_array() override { return end(); }
+  bool parse_error(std::size_t, const std::string&, const nlohmann::detail::exception&) override {
+    return false;
+  }
+
+ private:
+  void look(const std::string& text) {
+    if (isInHooks_ && depth_ > 1 && text.contains(relayProgramName)) found_ = true;
+  }
+  bool end() {
+    --depth_;
+    return endValue();
+  }
+  bool endValue() {
+    if (depth_ == 1) isInHooks_ = false;
+    return true;
+  }
+
+  std::size_t depth_ = 0;
+  bool isObject_ = false;
+  bool isInHooks_ = false;
+  bool found_ = false;
+};
+
 bool hooksNameTheRelay(const std::string& path) {
   const auto text = readConfiguration(path);
   if (!text) return false;
-  const auto document = parseJson(*text);
-  if (!document || !document->is_object()) return false;
-  const auto hooks = document->find("hooks");
-  if (hooks == document->end() || !hooks->is_object()) return false;
-  return hooks->dump(-1, ' ', false, nlohmann::json::error_handler_t::replace).find("vimbrel-relay") !=
-         std::string::npos;
+  HooksReader reader;
+  return nlohmann::json::sax_parse(*text, &reader) && reader.nameTheRelay();
 }
 
 }  // namespace
@@ -30,13 +85,22 @@ IntegrationStatus ClaudeCodeAdapter::detect() const {
   IntegrationStatus status;
   status.integrationType = integrationType();
   status.isInstalled = isExecutableFile(executable);
-  if (status.isInstalled) status.agentVersion = probeVersion(executable);
-  status.isIntegrationActive = hooksNameTheRelay(environment_.home + "/.claude.json") ||
-                               hooksNameTheRelay(environment_.home + "/.claude/settings.json");
+  if (status.isInstalled) status.agentVersion = probeVersion(executable, environment_.probeBounds);
+  status.isIntegrationActive = !configuredIn().empty();
   status.statusMessage = !status.isInstalled          ? "Not installed"
                          : status.isIntegrationActive ? "Hook active"
                                                       : "Installed (Hooks not configured)";
   return status;
+}
+
+std::vector<std::string> ClaudeCodeAdapter::configuredIn() const {
+  std::vector<std::string> files;
+  for (const auto& path :
+       std::set{environment_.home + "/.claude.json", environment_.home + "/.claude/settings.json",
+                environment_.claudeConfiguration + "/settings.json"}) {
+    if (hooksNameTheRelay(path)) files.push_back(environment_.shown(path));
+  }
+  return files;
 }
 
 std::optional<std::string> ClaudeCodeAdapter::manualSetupSnippet(std::string_view relayBinaryPath) const {

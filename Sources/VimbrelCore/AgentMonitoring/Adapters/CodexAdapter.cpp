@@ -1,13 +1,24 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "AgentMonitoring/Adapters/CodexAdapter.h"
 
+#include <algorithm>
+
 #include "AgentMonitoring/Adapters/ExecutableDiscovery.h"
 #include "AgentMonitoring/Adapters/SnippetText.h"
 
 namespace vimbrel {
+namespace {
+
+/// Where Codex keeps its configuration: the usual directory, and the one it was told to use.
+std::vector<std::string> directoriesOf(const AgentEnvironment& environment) {
+  std::vector<std::string> directories{environment.home + "/.codex"};
+  if (environment.codexHome != directories.front()) directories.push_back(environment.codexHome);
+  return directories;
+}
+
+}  // namespace
 
 IntegrationStatus CodexAdapter::detect() const {
-  const auto configuration = environment_.home + "/.codex/config.toml";
   auto executable = findExecutable(environment_.path, "codex");
   if (!executable) {
     const auto bundled = environment_.systemRoot + "/Applications/ChatGPT.app/Contents/Resources/codex";
@@ -15,17 +26,27 @@ IntegrationStatus CodexAdapter::detect() const {
   }
   IntegrationStatus status;
   status.integrationType = integrationType();
-  status.isInstalled = executable || pathExists(configuration);
-  if (executable) status.agentVersion = probeVersion(*executable);
+  const auto directories = directoriesOf(environment_);
+  status.isInstalled = executable || std::ranges::any_of(directories, [](const auto& each) {
+                         return pathExists(each + "/config.toml");
+                       });
+  if (executable) status.agentVersion = probeVersion(*executable, environment_.probeBounds);
   if (!status.agentVersion && status.isInstalled) status.agentVersion = "Config present";
-  for (const auto& path : {configuration, environment_.home + "/.codex/hooks.json"}) {
-    const auto text = readConfiguration(path);
-    if (text && text->find("vimbrel-relay") != std::string::npos) status.isIntegrationActive = true;
-  }
+  status.isIntegrationActive = !configuredIn().empty();
   status.statusMessage = !status.isInstalled          ? "Not installed"
                          : status.isIntegrationActive ? "Hook active"
                                                       : "Installed (Hook not configured)";
   return status;
+}
+
+std::vector<std::string> CodexAdapter::configuredIn() const {
+  std::vector<std::string> files;
+  for (const auto& directory : directoriesOf(environment_)) {
+    for (const auto* name : {"/config.toml", "/hooks.json"}) {
+      if (namesRelay(directory + name)) files.push_back(environment_.shown(directory + name));
+    }
+  }
+  return files;
 }
 
 std::optional<std::string> CodexAdapter::manualSetupSnippet(std::string_view relayBinaryPath) const {

@@ -6,7 +6,6 @@
 
 #include "Support/AtomicFile.h"
 #include "Support/JsonWriter.h"
-#include "Support/Subprocess.h"
 
 namespace vimbrel {
 namespace {
@@ -51,8 +50,8 @@ std::optional<std::string> findExecutable(const std::optional<std::string>& sear
   return std::nullopt;
 }
 
-std::optional<std::string> probeVersion(const std::string& executable) {
-  const auto result = runProgram(executable, {"--version"});
+std::optional<std::string> probeVersion(const std::string& executable, const SubprocessBounds& bounds) {
+  const auto result = runProgram(executable, {"--version"}, bounds);
   if (!result || result->exitStatus != 0 || !isUtf8(result->output)) return std::nullopt;
   return trimmed(result->output);
 }
@@ -62,6 +61,11 @@ std::optional<std::string> readConfiguration(const std::string& path) {
   auto text = readFile(path, largest);
   if (!text || !isUtf8(*text)) return std::nullopt;
   return std::move(*text);
+}
+
+bool namesRelay(const std::string& path) {
+  const auto text = readConfiguration(path);
+  return text && text->contains(relayProgramName);
 }
 
 }  // namespace vimbrel

@@ -12,13 +12,17 @@ IntegrationStatus GeminiAdapter::detect() const {
   IntegrationStatus status;
   status.integrationType = integrationType();
   status.isInstalled = isExecutableFile(executable);
-  if (status.isInstalled) status.agentVersion = probeVersion(executable);
-  const auto text = readConfiguration(environment_.home + "/.gemini/settings.json");
-  status.isIntegrationActive = text && text->find("vimbrel-relay") != std::string::npos;
+  if (status.isInstalled) status.agentVersion = probeVersion(executable, environment_.probeBounds);
+  status.isIntegrationActive = !configuredIn().empty();
   status.statusMessage = !status.isInstalled          ? "Not installed"
                          : status.isIntegrationActive ? "Hook active"
                                                       : "Installed (Hooks not configured)";
   return status;
+}
+
+std::vector<std::string> GeminiAdapter::configuredIn() const {
+  if (!namesRelay(environment_.home + "/.gemini/settings.json")) return {};
+  return {"~/.gemini/settings.json"};
 }
 
 std::optional<std::string> GeminiAdapter::manualSetupSnippet(std::string_view relayBinaryPath) const {

@@ -18,7 +18,8 @@ class GeminiAdapter final : public AgentAdapter {
   [[nodiscard]] std::optional<std::string> manualSetupSnippet(
       std::string_view relayBinaryPath) const override;
   [[nodiscard]] std::optional<std::string> manualSetupInstructions() const override;
-  [[nodiscard]] std::optional<CurrentSetup> currentSetup(std::string_view relayBinaryPath) const override;
+  [[nodiscard]] std::optional<CurrentSetup> currentSetup(const RelayCall& relay) const override;
+  [[nodiscard]] std::vector<std::string> configuredIn() const override;
 
  private:
   AgentEnvironment environment_;

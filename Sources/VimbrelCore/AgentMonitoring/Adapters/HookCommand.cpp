@@ -22,14 +22,21 @@ std::string shellWord(std::string_view text) {
   return word + "'";
 }
 
-HookCommand::HookCommand(std::string_view relayPath, AgentType agent, std::string_view sessionKey)
-    : beginning_(shellWord(relayPath) + " --agent " + std::string(rawValue(agent)) + " --state "),
+HookCommand::HookCommand(const RelayCall& relay, AgentType agent, std::string sessionKey)
+    : sessionKey_(std::move(sessionKey)),
+      beginning_(shellWord(relay.path) + " --agent " + std::string(rawValue(agent)) + " --state "),
       ending_(" --pid $PPID") {
-  if (!sessionKey.empty()) ending_ += " --session-key " + std::string(sessionKey);
+  if (!sessionKey_.empty()) ending_ += " --session-key " + sessionKey_;
+  if (!relay.socket.empty()) ending_ += " --socket " + shellWord(relay.socket);
 }
 
 std::string HookCommand::reporting(AgentState state) const {
   return beginning_ + std::string(rawValue(state)) + ending_;
+}
+
+void HookCommand::describe(CurrentSetup& setup, std::initializer_list<AgentState> states) const {
+  setup.sessionKey = sessionKey_;
+  for (const auto state : states) setup.reports.push_back({state, reporting(state)});
 }
 
 }  // namespace vimbrel

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <initializer_list>
 #include <string>
 #include <string_view>
 
-#include "Domain/AgentState.h"
-#include "Domain/AgentType.h"
+#include "AgentMonitoring/Adapters/AgentAdapter.h"
 
 namespace vimbrel {
 
@@ -14,14 +14,18 @@ class HookCommand {
  public:
   /// `sessionKey` names the member of the hook's standard input that tells two conversations apart; empty
   /// when the agent gives none.
-  HookCommand(std::string_view relayPath, AgentType agent, std::string_view sessionKey);
+  HookCommand(const RelayCall& relay, AgentType agent, std::string sessionKey);
 
   /// One command line for a shell. The shell's parent is the agent, which outlives it, so its process id is
   /// the agent's; an agent that runs the words without a shell passes "$PPID" as it stands, which the relay
   /// ignores for its own parent, the agent again.
   [[nodiscard]] std::string reporting(AgentState state) const;
 
+  /// Tells `setup` which states are reported and how.
+  void describe(CurrentSetup& setup, std::initializer_list<AgentState> states) const;
+
  private:
+  std::string sessionKey_;
   std::string beginning_;
   std::string ending_;
 };

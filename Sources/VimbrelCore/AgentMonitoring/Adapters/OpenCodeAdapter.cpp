@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "AgentMonitoring/Adapters/OpenCodeAdapter.h"
 
+#include <set>
+
 #include "AgentMonitoring/Adapters/ExecutableDiscovery.h"
 #include "AgentMonitoring/Adapters/SnippetText.h"
 
@@ -12,12 +14,22 @@ IntegrationStatus OpenCodeAdapter::detect() const {
   IntegrationStatus status;
   status.integrationType = integrationType();
   status.isInstalled = isExecutableFile(executable);
-  if (status.isInstalled) status.agentVersion = probeVersion(executable);
-  status.isIntegrationActive = pathExists(environment_.home + "/.config/opencode/plugins/vimbrel.js");
+  if (status.isInstalled) status.agentVersion = probeVersion(executable, environment_.probeBounds);
+  status.isIntegrationActive = !configuredIn().empty();
   status.statusMessage = !status.isInstalled          ? "Not installed"
                          : status.isIntegrationActive ? "Plugin active"
                                                       : "Installed (Plugin not configured)";
   return status;
+}
+
+std::vector<std::string> OpenCodeAdapter::configuredIn() const {
+  // The plugin is ours by its name; what stands in it is not looked at.
+  std::vector<std::string> files;
+  for (const auto& configuration : std::set{environment_.home + "/.config", environment_.configurationHome}) {
+    const auto plugin = configuration + "/opencode/plugins/vimbrel.js";
+    if (pathExists(plugin)) files.push_back(environment_.shown(plugin));
+  }
+  return files;
 }
 
 std::optional<std::string> OpenCodeAdapter::manualSetupSnippet(std::string_view relayBinaryPath) const {

@@ -92,11 +92,16 @@ IntegrationStatus DesktopAgentAdapter::detect() const {
   return status;
 }
 
+std::vector<std::string> DesktopAgentAdapter::configuredIn() const {
+  if (!namesRelay(environment_.home + "/" + hooksFile_)) return {};
+  return {hooksPath()};
+}
+
 AntigravityAdapter::AntigravityAdapter(AgentEnvironment environment)
     : DesktopAgentAdapter(
           AgentType::antigravity, std::move(environment),
           {"/Applications/Antigravity.app", "/Applications/Antigravity IDE.app", "~/.gemini/antigravity"},
-          "antigravity") {}
+          "antigravity", ".gemini/config/hooks.json") {}
 
 std::optional<std::string> AntigravityAdapter::manualSetupInstructions() const {
   return "Antigravity is monitored automatically via background process heuristics and system workspace "
@@ -106,7 +111,7 @@ std::optional<std::string> AntigravityAdapter::manualSetupInstructions() const {
 
 CursorAdapter::CursorAdapter(AgentEnvironment environment)
     : DesktopAgentAdapter(AgentType::cursor, std::move(environment),
-                          {"/Applications/Cursor.app", "~/.cursor"}, "cursor") {}
+                          {"/Applications/Cursor.app", "~/.cursor"}, "cursor", ".cursor/hooks.json") {}
 
 std::optional<std::string> CursorAdapter::manualSetupInstructions() const {
   return "Cursor is monitored automatically via background process heuristics. No manual configuration "
@@ -115,7 +120,8 @@ std::optional<std::string> CursorAdapter::manualSetupInstructions() const {
 
 WindsurfAdapter::WindsurfAdapter(AgentEnvironment environment)
     : DesktopAgentAdapter(AgentType::windsurf, std::move(environment),
-                          {"/Applications/Windsurf.app", "~/.windsurf"}, "windsurf") {}
+                          {"/Applications/Windsurf.app", "~/.windsurf"}, "windsurf",
+                          ".codeium/windsurf/hooks.json") {}
 
 std::optional<std::string> WindsurfAdapter::manualSetupInstructions() const {
   return "Windsurf is monitored automatically via background process heuristics. No manual configuration "
@@ -129,6 +135,11 @@ IntegrationStatus AiderAdapter::detect() const {
   if (status.isInstalled) status.agentVersion = "Installed";
   status.statusMessage = status.isInstalled ? "Installed (CLI executable detected)" : "Not installed";
   return status;
+}
+
+std::vector<std::string> AiderAdapter::configuredIn() const {
+  if (!namesRelay(environment_.home + "/.aider.conf.yml")) return {};
+  return {"~/.aider.conf.yml"};
 }
 
 std::optional<std::string> AiderAdapter::manualSetupInstructions() const {
