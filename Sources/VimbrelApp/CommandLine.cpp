@@ -33,6 +33,7 @@ struct Invocation {
   AgentSetupOptions agentSetup;
   UsageRange range;
   bool confirmed = false;
+  std::string exportFormat = "json";
   std::function<int()> command;
 
   [[nodiscard]] Output output() const { return json ? Output::json : Output::text; }
@@ -188,9 +189,10 @@ void describeUsage(CLI::App& app, Invocation& in) {
     });
     addRange(report);
   }
-  usage->add_subcommand("export", "Print the totals that may leave the machine")->callback([&in] {
-    in.command = [] { return usageExportCommand(); };
-  });
+  auto* usageExport = usage->add_subcommand("export", "Print the totals that may leave the machine");
+  usageExport->add_option("--format", in.exportFormat, "json, prometheus or otlp-json")
+      ->check(CLI::IsMember({"json", "prometheus", "otlp-json"}));
+  usageExport->callback([&in] { in.command = [&in] { return usageExportCommand(in.exportFormat); }; });
   auto* reset = usage->add_subcommand("reset", "Forget what was recorded; asks first");
   reset->add_flag("--yes", in.confirmed, "Do not ask");
   reset->callback([&in] { in.command = [&in] { return usageResetCommand(in.confirmed); }; });

@@ -52,7 +52,7 @@ struct UsageRange {
 int usageTodayCommand(Output output);
 /// `by` is daily, weekly, monthly, sessions, models, projects or blocks.
 int usageReportCommand(const std::string& by, const UsageRange& range, Output output);
-int usageExportCommand();
+int usageExportCommand(const std::string& format);
 int usageResetCommand(bool confirmed);
 int budgetsCommand(Output output);
 

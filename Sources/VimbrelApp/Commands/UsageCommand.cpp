@@ -135,10 +135,13 @@ int usageReportCommand(const std::string& by, const UsageRange& range, Output ou
   return exitCode::done;
 }
 
-int usageExportCommand() {
-  const auto answer = ask("usage.export", json::object());
+int usageExportCommand(const std::string& format) {
+  const auto answer = ask("usage.export", {{"format", format}});
   if (!answer) return answer.error();
-  printLines({answer->value("document", "")});
+  // Prometheus refuses a text with an empty line at its end.
+  auto document = answer->value("document", "");
+  while (document.ends_with('\n')) document.pop_back();
+  printLines({document});
   return exitCode::done;
 }
 

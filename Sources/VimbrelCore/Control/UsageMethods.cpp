@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Control/UsageMethods.h"
 
+#include "AgentMonitoring/UsageExport.h"
 #include "AgentMonitoring/UsageImport/ImportIndex.h"
 #include "AgentMonitoring/UsageReports.h"
 #include "Control/RpcResult.h"
@@ -89,10 +90,16 @@ void addUsageMethods(ControlServer& server, std::shared_ptr<UsageCoordinator> us
           makeUsageReport(store, query, [&](std::string_view session) { return index.projectOf(session); }));
     });
   });
-  methods.addLater("usage.export", [=](const json&, RpcReply reply) {
-    answerFromStore(usage, mainQueue, std::move(reply), [](UsageStore& store) -> RpcResult {
-      return json{{"document", store.exportPrivacySafeJSON()}};
-    });
+  methods.addLater("usage.export", [=, &clock](const json& params, RpcReply reply) {
+    StrictJsonObject fields(params, "usage.export");
+    const auto name = fields.optionalString("format").value_or("json");
+    if (fields.error()) return reply(RpcResult(invalid(*fields.error())));
+    const auto format = usageExportFormatFromName(name);
+    if (!format) return reply(RpcResult(invalid("\"format\" is one of json, prometheus, otlp-json")));
+    answerFromStore(usage, mainQueue, std::move(reply),
+                    [format = *format, &clock](UsageStore& store) -> RpcResult {
+                      return json{{"document", exportUsage(store, format, clock.now())}};
+                    });
   });
   methods.add("usage.reset", [usage](const json&) -> RpcResult {
     if (!usage) return notRecorded();
