@@ -16,7 +16,7 @@ using enum PreferenceType;
 
 constexpr double oneWeek = 7 * 24 * 3600;
 
-constexpr std::array<SettingDescription, 15> table{{
+constexpr std::array<SettingDescription, 17> table{{
     {.key = "masterEnabled",
      .type = boolean,
      .defaultValue = true,
@@ -79,6 +79,14 @@ constexpr std::array<SettingDescription, 15> table{{
      .defaultValue = true,
      .help = "Notify when an agent's context or quota runs low"},
     {.key = "soundEnabled", .type = boolean, .defaultValue = true, .help = "Play a sound when agents finish"},
+    {.key = "notchEnabled",
+     .type = boolean,
+     .defaultValue = true,
+     .help = "Show a pill at the top of the screen for a moment when something changes"},
+    {.key = "notchAlwaysVisible",
+     .type = boolean,
+     .defaultValue = false,
+     .help = "Leave the pill at the top of the screen"},
     {.key = "hasCompletedOnboarding",
      .type = boolean,
      .defaultValue = false,

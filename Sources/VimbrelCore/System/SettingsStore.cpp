@@ -29,8 +29,9 @@ constexpr std::array<std::string_view, 11> resetOrder{"masterEnabled",
                                                       "hasCompletedOnboarding"};
 
 /// What goes along without an announcement of its own: observers look at everything anyway.
-constexpr std::array<std::string_view, 3> resetAlong{"waitingGraceSeconds", "maximumHoldSeconds",
-                                                     "lowBudgetNotificationsEnabled"};
+constexpr std::array<std::string_view, 5> resetAlong{"waitingGraceSeconds", "maximumHoldSeconds",
+                                                     "lowBudgetNotificationsEnabled", "notchEnabled",
+                                                     "notchAlwaysVisible"};
 
 }  // namespace
 
