@@ -34,9 +34,7 @@ std::vector<BudgetBar> barsOf(const ProviderBudgetReport& report) {
   std::vector<BudgetBar> bars;
   if (const auto* context = report.context.value()) {
     bars.push_back({.label = say("Context"),
-                    .text = say("%1 % left, %2 of %3",
-                                {percentText(context->percentageRemaining()),
-                                 context->formattedTokensRemaining(), context->formattedContextWindow()}),
+                    .text = say("%1 % left", {percentText(context->percentageRemaining())}),
                     .remainingPercent = context->percentageRemaining(),
                     .isLow = context->isLow()});
   }

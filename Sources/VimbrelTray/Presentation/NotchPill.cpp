@@ -4,7 +4,6 @@
 #include <algorithm>
 
 #include "Presentation/Text.h"
-#include "Presentation/TrayItem.h"
 
 namespace vimbrel::desktop {
 namespace {
@@ -42,9 +41,14 @@ std::string pillText(const PublishedState& state, const NotchPill& pill, Instant
 
 }  // namespace
 
+NotchMode notchModeOf(const PublishedState& state) {
+  if (!state.notchEnabled) return NotchMode::never;
+  return state.notchAlwaysVisible ? NotchMode::always : NotchMode::onChange;
+}
+
 NotchPill makeNotchPill(const PublishedState& state, Instant now) {
   NotchPill pill;
-  pill.visual = failingHoldText(state).empty() ? state.visualState : VimbrelVisualState::error;
+  pill.visual = displayStateOf(state, now).visualState;
   for (const auto& session : state.sessions) {
     if (session->state == AgentState::working) ++pill.workingCount;
     if (session->state == AgentState::waiting) ++pill.waitingCount;

@@ -13,7 +13,7 @@ namespace vimbrel::desktop {
 enum class NotchMode : std::uint8_t {
   never,
   onChange,  ///< for a few seconds when something changed
-  always,    ///< while agents are there or protection holds
+  always,    ///< while the application runs
 };
 
 struct NotchPill {
@@ -24,6 +24,8 @@ struct NotchPill {
   bool operator==(const NotchPill&) const = default;
 };
 
+/// What the user's settings ask for.
+[[nodiscard]] NotchMode notchModeOf(const PublishedState& state);
 [[nodiscard]] NotchPill makeNotchPill(const PublishedState& state, Instant now);
 
 /// Decides when the pill is on the screen. Time is an argument, so that nothing here needs a timer.

@@ -5,7 +5,6 @@
 
 #include "Presentation/Text.h"
 #include "Presentation/TimeText.h"
-#include "Presentation/TrayItem.h"
 #include "Support/DurationText.h"
 
 namespace vimbrel::desktop {

@@ -13,7 +13,7 @@ namespace vimbrel::desktop {
 /// How much is left of something, as a bar.
 struct BudgetBar {
   std::string label;            ///< "Context", "Quota"
-  std::string text;             ///< "60 % · 120k left"
+  std::string text;             ///< "60 % left"
   double remainingPercent = 0;  ///< 0 to 100
   bool isLow = false;           ///< carries the low-budget mark
   bool operator==(const BudgetBar&) const = default;

@@ -10,6 +10,7 @@
 #include "Domain/PowerSourceSnapshotCodec.h"
 #include "Domain/WakeDecisionCodec.h"
 #include "Presentation/JsonFields.h"
+#include "Presentation/Text.h"
 
 namespace vimbrel::desktop {
 
@@ -69,6 +70,8 @@ void readSettings(const json& settings, PublishedState& state) {
   state.preventDisplaySleep = flagOf(settings, "preventDisplaySleep");
   state.onlyOnAC = flagOf(settings, "onlyOnAC");
   state.hasCompletedOnboarding = flagOf(settings, "hasCompletedOnboarding", true);
+  state.notchEnabled = flagOf(settings, "notchEnabled", true);
+  state.notchAlwaysVisible = flagOf(settings, "notchAlwaysVisible");
   // The policy keeps the floor within these bounds, whatever the file says.
   state.batteryFloorPercent = std::clamp<std::int64_t>(integerOf(settings, "batteryFloorPercent", 15), 5, 50);
 }
@@ -80,7 +83,8 @@ bool PublishedState::operator==(const PublishedState& other) const {
     return std::tie(s.decision, s.statusDescription, s.protectionStartedAt, s.budgets, s.visualState, s.power,
                     s.thermal, s.isLidClosed, s.lid, s.pauseUntil, s.isSystemHeld, s.isSimulated,
                     s.notHeldBecause, s.warnings, s.masterEnabled, s.manualHoldEnabled, s.preventDisplaySleep,
-                    s.onlyOnAC, s.batteryFloorPercent, s.hasCompletedOnboarding);
+                    s.onlyOnAC, s.batteryFloorPercent, s.hasCompletedOnboarding, s.notchEnabled,
+                    s.notchAlwaysVisible);
   };
   return fields(*this) == fields(other) &&
          std::ranges::equal(sessions, other.sessions,
@@ -116,9 +120,15 @@ std::expected<PublishedState, std::string> publishedStateFromJson(const json& va
   return state;
 }
 
+std::string failingHoldText(const PublishedState& state) {
+  if (!state.decision.isHolding() || state.isSystemHeld) return {};
+  return state.notHeldBecause.empty() ? say("Nothing holds this machine awake: it can fall asleep")
+                                      : say("Nothing holds this machine awake: %1", {state.notHeldBecause});
+}
+
 VimbrelDisplayState displayStateOf(const PublishedState& state, Instant now) {
   VimbrelDisplayState display;
-  display.visualState = state.visualState;
+  display.visualState = failingHoldText(state).empty() ? state.visualState : VimbrelVisualState::error;
   display.activeWorkingAgentCount = std::ranges::count_if(
       state.sessions, [](const auto& session) { return session->state == AgentState::working; });
   display.totalActiveSessionsCount =

@@ -50,6 +50,8 @@ struct PublishedState {
   bool onlyOnAC = false;
   std::int64_t batteryFloorPercent = 15;
   bool hasCompletedOnboarding = true;
+  bool notchEnabled = true;         ///< the pill at the top of the screen appears on changes
+  bool notchAlwaysVisible = false;  ///< and stays
   bool operator==(const PublishedState& other) const;
 };
 
@@ -57,7 +59,11 @@ struct PublishedState {
 /// cannot be read has its default, alone, so that an older or newer application still shows what it can.
 [[nodiscard]] std::expected<PublishedState, std::string> publishedStateFromJson(const nlohmann::json& value);
 
-/// The snapshot that every surface draws from.
+/// What is wrong with a hold that should be in force and is not; empty when all is well.
+[[nodiscard]] std::string failingHoldText(const PublishedState& state);
+
+/// The snapshot that every surface draws from. A hold that is not really in force shows as an error: it is
+/// the one thing that must never be overlooked.
 [[nodiscard]] VimbrelDisplayState displayStateOf(const PublishedState& state, Instant now);
 
 /// The rows of the popover.

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <nlohmann/json.hpp>
 
 #include "Presentation/JsonFields.h"
@@ -35,7 +36,9 @@ constexpr std::array known{
     KnownSetting{"notificationsEnabled", "Notices", "Notifications"},
     KnownSetting{"lowBudgetNotificationsEnabled", "Notices", "Low budgets"},
     KnownSetting{"soundEnabled", "Notices", "Sound"},
-    KnownSetting{"launchAtLogin", "Start", "Start at login"},
+    KnownSetting{"notchEnabled", "Desktop", "Pill at the top of the screen"},
+    KnownSetting{"notchAlwaysVisible", "Desktop", "Keep the pill there"},
+    KnownSetting{"launchAtLogin", "Desktop", "Start at login"},
 };
 constexpr const char* otherSection = "More";
 
@@ -46,6 +49,19 @@ std::string numberText(double value) {
   auto text = json(value).dump();
   if (text.ends_with(".0")) text.resize(text.size() - 2);
   return text;
+}
+
+/// As a person types it and the application reads it: "1h30m", "45s".
+std::string typedDuration(double seconds) {
+  if (seconds != std::floor(seconds) || seconds <= 0) return numberText(seconds) + "s";
+  auto left = static_cast<std::int64_t>(seconds);
+  std::string result;
+  for (const auto& [unit, length] :
+       {std::pair('d', 86400), std::pair('h', 3600), std::pair('m', 60), std::pair('s', 1)}) {
+    if (left / length > 0) result += std::to_string(left / length) + unit;
+    left %= length;
+  }
+  return result;
 }
 
 std::string boundText(double bound, const SettingRow& row) {
@@ -97,6 +113,7 @@ std::optional<SettingRow> makeSettingRow(const json& setting) {
   row.isOn = flagOf(setting, "value");
   row.numberValue = numberOf(setting, "value");
   row.text = textOf(setting, "text");
+  if (row.control == Control::duration && row.numberValue) row.text = typedDuration(*row.numberValue);
   row.isDefault = flagOf(setting, "isDefault", true);
   setRange(row);
   return row;

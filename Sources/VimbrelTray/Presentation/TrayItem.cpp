@@ -75,12 +75,6 @@ std::vector<MenuEntry> connectedMenu(const PublishedState& state, bool isPaused,
 
 }  // namespace
 
-std::string failingHoldText(const PublishedState& state) {
-  if (!state.decision.isHolding() || state.isSystemHeld) return {};
-  return state.notHeldBecause.empty() ? say("Nothing holds this machine awake: it can fall asleep")
-                                      : say("Nothing holds this machine awake: %1", {state.notHeldBecause});
-}
-
 TrayItem makeTrayItem(const Situation& situation, Instant now) {
   TrayItem tray;
   if (!situation.state) {
@@ -99,7 +93,6 @@ TrayItem makeTrayItem(const Situation& situation, Instant now) {
   tray.workingCount = display.activeWorkingAgentCount;
   tray.title = state.statusDescription;
   if (const auto failing = failingHoldText(state); !failing.empty()) {
-    tray.visual = VimbrelVisualState::error;
     tray.detail = failing;
   } else if (display.isPaused) {
     tray.detail = say("Paused until %1", {momentText(*state.pauseUntil, now)});

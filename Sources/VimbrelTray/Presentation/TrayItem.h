@@ -53,7 +53,4 @@ struct TrayItem {
 
 [[nodiscard]] TrayItem makeTrayItem(const Situation& situation, Instant now);
 
-/// What is wrong with a hold that should be in force and is not; empty when all is well.
-[[nodiscard]] std::string failingHoldText(const PublishedState& state);
-
 }  // namespace vimbrel::desktop

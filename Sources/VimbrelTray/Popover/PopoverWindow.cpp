@@ -1,0 +1,349 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Popover/PopoverWindow.h"
+
+#include <QBoxLayout>
+#include <QCursor>
+#include <QGuiApplication>
+#include <QKeyEvent>
+#include <QLabel>
+#include <QPainter>
+#include <QPainterPath>
+#include <QPushButton>
+#include <QScreen>
+#include <QScrollArea>
+#include <QScrollBar>
+#include <algorithm>
+
+#include "Popover/FamilyRowView.h"
+#include "Popover/HeaderView.h"
+#include "Popover/PowerView.h"
+#include "Popover/SwitchButton.h"
+#include "Popover/UsageView.h"
+#include "Views/Theme.h"
+#include "Views/WindowSystem.h"
+
+namespace vimbrel::desktop {
+namespace {
+
+constexpr int radius = 10;
+/// A click on the item closes the popover before the item hears of it; it must not open it again.
+constexpr qint64 sameClickMilliseconds = 250;
+
+Qt::WindowFlags flags() {
+  // Wayland places popups beside a parent only, and there is none.
+  const auto kind = canPlaceWindows() ? Qt::Popup : Qt::Tool;
+  return kind | Qt::FramelessWindowHint | Qt::NoDropShadowWindowHint;
+}
+
+QFrame* separator(QWidget* parent) {
+  auto* line = new QFrame(parent);
+  line->setFrameShape(QFrame::HLine);
+  line->setFrameShadow(QFrame::Plain);
+  line->setForegroundRole(QPalette::Mid);
+  return line;
+}
+
+}  // namespace
+
+PopoverWindow::PopoverWindow()
+    : QWidget(nullptr, flags()),
+      page_(new QWidget),
+      scroll_(new QScrollArea(this)),
+      header_(new HeaderView(page_)),
+      notices_(new QLabel(page_)),
+      offer_(new QPushButton(page_)),
+      families_(new QVBoxLayout),
+      power_(new PowerView(page_)),
+      usage_(new UsageView(page_)),
+      running_(new QWidget(page_)) {
+  if (isComposited()) setAttribute(Qt::WA_TranslucentBackground);
+  setWindowTitle(tr("Vimbrel"));
+  setObjectName("popover");
+  auto* outer = new QVBoxLayout(this);
+  outer->setContentsMargins(6, 6, 6, 6);
+  outer->addWidget(scroll_);
+  scroll_->setWidget(page_);
+  scroll_->setWidgetResizable(true);
+  scroll_->setFrameShape(QFrame::NoFrame);
+  scroll_->setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
+  scroll_->setFocusPolicy(Qt::NoFocus);
+  scroll_->viewport()->setAutoFillBackground(false);
+  page_->setAutoFillBackground(false);
+
+  auto* column = new QVBoxLayout(page_);
+  column->setContentsMargins(0, 0, 0, 0);
+  column->setSpacing(4);
+  column->addWidget(header_);
+  notices_->setWordWrap(true);
+  notices_->setTextFormat(Qt::PlainText);
+  notices_->setContentsMargins(10, 0, 10, 4);
+  column->addWidget(notices_);
+  families_->setSpacing(2);
+  column->addLayout(families_);
+  auto* offerRow = new QHBoxLayout;
+  offerRow->setContentsMargins(10, 4, 10, 8);
+  offerRow->addWidget(offer_);
+  column->addLayout(offerRow);
+  connect(offer_, &QPushButton::clicked, this, [this] {
+    const bool isStart = content_.offer == PopoverContent::Offer::start;
+    Q_EMIT chosen(isStart ? MenuAction::startApplication : MenuAction::agents);
+  });
+
+  auto* inner = new QVBoxLayout(running_);
+  inner->setContentsMargins(0, 0, 0, 0);
+  inner->setSpacing(2);
+  inner->addWidget(separator(running_));
+  inner->addWidget(power_);
+  inner->addWidget(separator(running_));
+  inner->addWidget(usage_);
+  inner->addWidget(separator(running_));
+  inner->addWidget(makeSwitches());
+  column->addWidget(running_);
+  column->addStretch(1);
+  outer->addWidget(makeFooter());
+  sinceClosed_.start();
+}
+
+QWidget* PopoverWindow::makeSwitches() {
+  auto* box = new QWidget(running_);
+  auto* column = new QVBoxLayout(box);
+  column->setContentsMargins(0, 0, 0, 0);
+  column->setSpacing(0);
+  const auto add = [&](const QString& text, const char* key) {
+    auto* button = new SwitchButton(text, box);
+    connect(button, &SwitchButton::changeRequested, this,
+            [this, key](bool on) { Q_EMIT settingRequested(key, on); });
+    column->addWidget(button);
+    return button;
+  };
+  master_ = add(tr("Protection"), "masterEnabled");
+  hold_ = add(tr("Keep awake now"), "manualHoldEnabled");
+  display_ = add(tr("Keep the display on too"), "preventDisplaySleep");
+
+  pauses_ = new QWidget(box);
+  auto* row = new QHBoxLayout(pauses_);
+  row->setContentsMargins(10, 6, 10, 6);
+  auto* label = new QLabel(tr("Pause"), pauses_);
+  row->addWidget(label);
+  row->addStretch(1);
+  const auto addPause = [&](const QString& text, const QString& name, MenuAction action) {
+    auto* button = new QPushButton(text, pauses_);
+    button->setAccessibleName(name);
+    connect(button, &QPushButton::clicked, this, [this, action] { Q_EMIT chosen(action); });
+    row->addWidget(button);
+  };
+  addPause(tr("15 min"), tr("Pause for 15 minutes"), MenuAction::pauseQuarterHour);
+  addPause(tr("1 h"), tr("Pause for 1 hour"), MenuAction::pauseHour);
+  addPause(tr("Tomorrow"), tr("Pause until tomorrow"), MenuAction::pauseUntilTomorrow);
+  column->addWidget(pauses_);
+  resume_ = new QPushButton(tr("Resume"), box);
+  connect(resume_, &QPushButton::clicked, this, [this] { Q_EMIT chosen(MenuAction::resume); });
+  auto* resumeRow = new QHBoxLayout;
+  resumeRow->setContentsMargins(10, 6, 10, 6);
+  resumeRow->addWidget(resume_);
+  column->addLayout(resumeRow);
+  return box;
+}
+
+QWidget* PopoverWindow::makeFooter() {
+  auto* footer = new QWidget(this);
+  auto* row = new QHBoxLayout(footer);
+  row->setContentsMargins(4, 4, 4, 2);
+  row->setSpacing(2);
+  const auto add = [&](const QString& text, MenuAction action) {
+    auto* button = new QPushButton(text, footer);
+    button->setFlat(true);
+    connect(button, &QPushButton::clicked, this, [this, action] {
+      close();
+      Q_EMIT chosen(action);
+    });
+    row->addWidget(button);
+  };
+  add(tr("History"), MenuAction::history);
+  add(tr("Agents"), MenuAction::agents);
+  add(tr("Settings"), MenuAction::settings);
+  add(tr("Diagnostics"), MenuAction::diagnostics);
+  return footer;
+}
+
+void PopoverWindow::setContent(const PopoverContent& content, Instant now) {
+  if (!hasContent_ || content != content_) {
+    hasContent_ = true;
+    content_ = content;
+    header_->setContent(content);
+    showNotices();
+    showFamilies(content.families);
+    offer_->setVisible(content.offer != PopoverContent::Offer::nothing);
+    offer_->setEnabled(content.offer != PopoverContent::Offer::waitForStart);
+    offer_->setText(QString::fromStdString(content.offerText));
+    running_->setVisible(!content.isAbsent);
+    power_->setLine(content.power);
+    master_->setChecked(content.masterEnabled);
+    hold_->setChecked(content.manualHoldEnabled);
+    display_->setChecked(content.preventDisplaySleep);
+    pauses_->setVisible(!content.display.isPaused);
+    resume_->setVisible(content.display.isPaused);
+    fit();
+  }
+  header_->showElapsed(now);
+}
+
+void PopoverWindow::setChart(const UsageChart& chart) {
+  usage_->setChart(chart);
+  fit();
+}
+
+void PopoverWindow::render(const VimbrelDisplayState& /*state*/) {
+  // The header draws it, as part of the content that is made from the same state.
+}
+
+void PopoverWindow::showProblem(const QString& problem) {
+  problem_ = problem;
+  showNotices();
+  fit();
+}
+
+void PopoverWindow::showNotices() {
+  QStringList lines;
+  if (!problem_.isEmpty()) lines << problem_;
+  for (const auto& notice : content_.notices) lines << QString::fromStdString(notice);
+  notices_->setText(lines.join("\n"));
+  notices_->setVisible(!lines.isEmpty());
+  auto palette = notices_->palette();
+  palette.setColor(QPalette::WindowText, Theme::current().warning);
+  notices_->setPalette(palette);
+}
+
+/// A row that stays keeps its place, its focus and whether it is open.
+void PopoverWindow::showFamilies(const std::vector<FamilyRow>& families) {
+  std::vector<FamilyRowView*> kept;
+  for (const auto& family : families) {
+    auto found = std::ranges::find(rows_, family.agent, &FamilyRowView::agent);
+    FamilyRowView* view = nullptr;
+    if (found != rows_.end()) {
+      view = *found;
+      rows_.erase(found);
+    } else {
+      view = new FamilyRowView(page_);
+      connect(view, &QAbstractButton::toggled, this, [this] { fit(); });
+    }
+    view->setRow(family);
+    families_->insertWidget(static_cast<int>(kept.size()), view);
+    kept.push_back(view);
+  }
+  for (auto* gone : rows_) {
+    families_->removeWidget(gone);
+    gone->deleteLater();
+  }
+  rows_ = std::move(kept);
+  QWidget* before = header_;
+  for (auto* row : rows_) {
+    setTabOrder(before, row);
+    before = row;
+  }
+}
+
+QRect PopoverWindow::screenArea() const {
+  const auto* screen = QGuiApplication::screenAt(item_.isValid() ? item_.center() : QCursor::pos());
+  if (screen == nullptr) screen = QGuiApplication::primaryScreen();
+  return screen == nullptr ? QRect(0, 0, 800, 600) : screen->availableGeometry();
+}
+
+/// As high as its content, on the screen, beside the item.
+void PopoverWindow::fit() {
+  if (!isVisible() && !testAttribute(Qt::WA_WState_ExplicitShowHide)) return;
+  const auto area = screenArea();
+  const int width = std::min(std::max(fontMetrics().averageCharWidth() * 52, 360), area.width() - 16);
+  layout()->activate();
+  page_->layout()->activate();
+  const auto margins = layout()->contentsMargins();
+  const int inner = width - margins.left() - margins.right();
+  const int page = page_->layout()->hasHeightForWidth() ? page_->layout()->totalHeightForWidth(inner)
+                                                        : page_->sizeHint().height();
+  const int footer = layout()->itemAt(1)->sizeHint().height();
+  const int wanted = page + footer + margins.top() + margins.bottom() + layout()->spacing();
+  const int height = std::min(wanted, area.height() - 16);
+  const QRect anchor = item_.isValid() ? item_ : QRect(QCursor::pos(), QSize(1, 1));
+  const bool isBelow = anchor.center().y() < area.center().y();
+  int x = anchor.center().x() - width / 2;
+  int y = isBelow ? anchor.bottom() + 6 : anchor.top() - height - 6;
+  x = std::clamp(x, area.left() + 8, std::max(area.right() - width - 7, area.left() + 8));
+  y = std::clamp(y, area.top() + 4, std::max(area.bottom() - height - 3, area.top() + 4));
+  const QRect place(x, y, width, height);
+  if (place != geometry()) {
+    setFixedSize(place.size());
+    move(place.topLeft());
+  }
+  if (!isComposited()) {
+    QPainterPath shape;
+    shape.addRoundedRect(rect(), radius, radius);
+    setMask(QRegion(shape.toFillPolygon().toPolygon()));
+  }
+}
+
+void PopoverWindow::toggleAt(const QRect& item) {
+  if (isVisible()) return static_cast<void>(close());
+  if (sinceClosed_.elapsed() < sameClickMilliseconds) return;
+  openAt(item);
+}
+
+void PopoverWindow::openAt(const QRect& item) {
+  // Without the item's place the popover stays where it was opened, though the mouse moves on.
+  item_ = item.isValid() && !item.isEmpty() ? item : QRect(QCursor::pos(), QSize(1, 1));
+  problem_.clear();
+  showNotices();
+  setAttribute(Qt::WA_WState_ExplicitShowHide);
+  fit();
+  show();
+  raise();
+  activateWindow();
+}
+
+bool PopoverWindow::event(QEvent* event) {
+  if (event->type() == QEvent::WindowDeactivate && isVisible() && windowType() == Qt::Tool) close();
+  return QWidget::event(event);
+}
+
+void PopoverWindow::keyPressEvent(QKeyEvent* event) {
+  switch (event->key()) {
+    case Qt::Key_Escape:
+      close();
+      return;
+    case Qt::Key_Down:
+      focusNextChild();
+      return;
+    case Qt::Key_Up:
+      focusPreviousChild();
+      return;
+    default:
+      QWidget::keyPressEvent(event);
+  }
+}
+
+void PopoverWindow::paintEvent(QPaintEvent* /*event*/) {
+  const auto& theme = Theme::current();
+  QPainter painter(this);
+  painter.setRenderHint(QPainter::Antialiasing);
+  painter.setPen(QPen(theme.border, 1));
+  painter.setBrush(theme.window);
+  painter.drawRoundedRect(QRectF(rect()).adjusted(0.5, 0.5, -0.5, -0.5), radius, radius);
+}
+
+void PopoverWindow::showEvent(QShowEvent* event) {
+  QWidget::showEvent(event);
+  fit();
+  if (!rows_.empty()) {
+    rows_.front()->setFocus();
+  } else {
+    offer_->setFocus();
+  }
+  Q_EMIT opened();
+}
+
+void PopoverWindow::hideEvent(QHideEvent* event) {
+  QWidget::hideEvent(event);
+  sinceClosed_.restart();
+  Q_EMIT closed();
+}
+
+}  // namespace vimbrel::desktop
