@@ -1,0 +1,73 @@
+#!/bin/bash
+# SPDX-License-Identifier: Apache-2.0
+#
+# Runs a command on a virtual display of its own, with a session bus, a window manager, and a panel's tray.
+#
+#   display.sh [--size WxH] [--tray trayer|xfce4-panel|none] [--accessible] -- COMMAND [ARGUMENT…]
+#
+# Everything ends with the command, whose status is this script's. 77 with one line when something is missing,
+# or 1 instead with VIMBREL_REQUIRE_COMPONENTS=1.
+set -u
+size=1280x800 tray=trayer accessible=
+skip() {
+  echo "SKIPPED: $1"
+  [ "${VIMBREL_REQUIRE_COMPONENTS:-}" = 1 ] && exit 1
+  exit 77
+}
+original=("$@")
+while [ $# -gt 0 ]; do
+  case $1 in
+    --size) size=$2; shift 2 ;;
+    --tray) tray=$2; shift 2 ;;
+    --accessible) accessible=1; shift ;;
+    --) shift; break ;;
+    *) echo "display.sh: unknown option $1" >&2; exit 2 ;;
+  esac
+done
+for tool in Xvfb openbox xprop dbus-run-session; do
+  [ -n "$(command -v $tool)" ] || skip "$tool is not installed"
+done
+[ "$tray" = none ] || [ -n "$(command -v "$tray")" ] || skip "$tray is not installed"
+
+if [ -z "${VIMBREL_DISPLAY_DIRECTORY:-}" ]; then
+  directory=$(mktemp -d)
+  mkdir -m 700 "$directory/runtime" "$directory/home"
+  env -u XDG_CONFIG_HOME -u XDG_DATA_HOME -u XDG_STATE_HOME -u XDG_CACHE_HOME -u WAYLAND_DISPLAY \
+    VIMBREL_DISPLAY_DIRECTORY="$directory" HOME="$directory/home" XDG_RUNTIME_DIR="$directory/runtime" \
+    NO_AT_BRIDGE= QT_QPA_PLATFORM=xcb QT_SCALE_FACTOR="${QT_SCALE_FACTOR:-1}" \
+    dbus-run-session -- "$0" "${original[@]}"
+  status=$?
+  rm -rf "$directory"
+  exit $status
+fi
+
+here=$VIMBREL_DISPLAY_DIRECTORY
+children=()
+finish() {
+  local each
+  for each in "${children[@]}"; do kill "$each" 2>/dev/null; done
+  for each in "${children[@]}"; do wait "$each" 2>/dev/null; done
+}
+trap finish EXIT
+trap 'exit 143' TERM INT
+
+mkfifo "$here/display"
+Xvfb -displayfd 3 -screen 0 "${size}x24" -nolisten tcp -noreset 3>"$here/display" 2>"$here/xvfb.log" &
+children+=($!)
+read -r number <"$here/display" || skip "no virtual display starts here"
+export DISPLAY=:$number
+openbox --sm-disable >"$here/openbox.log" 2>&1 &
+children+=($!)
+until xprop -root _NET_SUPPORTING_WM_CHECK 2>/dev/null | grep -q window; do sleep 0.05; done
+case $tray in
+  trayer) trayer --edge bottom --align right --widthtype request --height 32 --transparent false >"$here/tray.log" 2>&1 &
+    children+=($!) ;;
+  xfce4-panel) xfce4-panel --disable-wm-check >"$here/tray.log" 2>&1 & children+=($!) ;;
+esac
+if [ -n "$accessible" ]; then
+  [ -x /usr/libexec/at-spi-bus-launcher ] || skip "at-spi2-core is not installed"
+  /usr/libexec/at-spi-bus-launcher --launch-immediately >"$here/atspi.log" 2>&1 &
+  children+=($!)
+  export QT_LINUX_ACCESSIBILITY_ALWAYS_ON=1
+fi
+"$@"
