@@ -14,6 +14,7 @@
 #include <thread>
 
 #include "CapturedLog.h"
+#include "Stranger.h"
 #include "Support/EventLoop.h"
 #include "Support/UnixSocket.h"
 #include "TemporaryDirectory.h"
@@ -125,6 +126,25 @@ TEST_F(HookEventReceiverTest, answersDeliversAndKeepsItsSocketPrivate) {
                                       "info hooks: HookEventReceiver started on " + path,
                                       "debug hooks: Received event: agent=claude state=working session=s2",
                                       "info hooks: HookEventReceiver stopped"));
+}
+
+TEST_F(HookEventReceiverTest, takesNothingFromAnotherUserWhateverThePermissionsSay) {
+  if (::geteuid() != 0) GTEST_SKIP() << "only root can act as a second user";
+  ASSERT_TRUE(receiver.start());
+  const auto sends = [this](const char* session) {
+    return [this, session] {
+      const auto connection = connectToUnixSocket(path, patienceMilliseconds);
+      if (!connection) return 2;
+      write(*connection, document(session));
+      return readAll(*connection).empty() ? 1 : 0;
+    };
+  };
+  EXPECT_EQ(asUser(stranger, strangersGroup, sends("outside")), 2) << "the permissions keep strangers out";
+  for (const auto* opened : {"", "/run", "/run/deeper"}) ::chmod((directory.path() + opened).c_str(), 0755);
+  ::chmod(path.c_str(), 0666);
+  EXPECT_EQ(asUser(stranger, strangersGroup, sends("inside")), 1) << "and so does the receiver";
+  EXPECT_EQ(asUser(0, 0, sends("own")), 0);
+  EXPECT_THAT(collector->waitFor(1), ElementsAre("own"));
 }
 
 TEST_F(HookEventReceiverTest, answersEveryKindOfGarbageAndDeliversNoneOfIt) {

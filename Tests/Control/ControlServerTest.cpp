@@ -10,6 +10,7 @@
 
 #include "Control/ControlClient.h"
 #include "Control/RpcResult.h"
+#include "Stranger.h"
 #include "Support/EventLoop.h"
 #include "TemporaryDirectory.h"
 
@@ -143,6 +144,24 @@ TEST(ControlServer, isForItsOwnUserOnly) {
   EXPECT_EQ(status.st_mode & 0777U, 0600U);
   ASSERT_EQ(::stat(server.path().substr(0, server.path().rfind('/')).c_str(), &status), 0);
   EXPECT_EQ(status.st_mode & 0777U, 0700U);
+}
+
+TEST(ControlServer, hangsUpOnAnotherUserWhateverThePermissionsSay) {
+  if (::geteuid() != 0) GTEST_SKIP() << "only root can act as a second user";
+  RunningServer server;
+  const auto asks = [&server] {
+    const auto socket = connectToUnixSocket(server.path(), 10000);
+    if (!socket) return 2;
+    sendAll(*socket, std::string(echoRequest) + "\n");
+    return receiveLine(*socket).empty() ? 1 : 0;
+  };
+  EXPECT_EQ(asUser(stranger, strangersGroup, asks), 2) << "the permissions keep strangers out";
+  const auto run = server.path().substr(0, server.path().rfind('/'));
+  ::chmod(run.c_str(), 0755);
+  ::chmod(run.substr(0, run.rfind('/')).c_str(), 0755);
+  ::chmod(server.path().c_str(), 0666);
+  EXPECT_EQ(asUser(stranger, strangersGroup, asks), 1) << "and so does the server";
+  EXPECT_EQ(asUser(0, 0, asks), 0);
 }
 
 TEST(ControlServer, answersLinesHoweverTheyArrive) {

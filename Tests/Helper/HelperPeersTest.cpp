@@ -1,17 +1,20 @@
 // SPDX-License-Identifier: Apache-2.0
 // What peers may do to the real helper process.
-#include <grp.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 
 #include <chrono>
+#include <fstream>
 #include <functional>
+#include <iterator>
+#include <map>
 #include <random>
 
 #include "DeepHold/DeepHoldProtocolCodec.h"
 #include "DeepHold/HelperExchange.h"
 #include "HelperProcess.h"
+#include "Stranger.h"
 #include "Support/AtomicFile.h"
 
 namespace vimbrel {
@@ -116,22 +119,8 @@ TEST(HelperPeers, delayNobodyByTheHundredOrWithoutEnd) {
   EXPECT_EQ(helper.end(SIGTERM), 0);
 }
 
-/// Runs `body` in a process of another user without any of our groups; its result becomes the exit status.
-int asUser(uid_t user, gid_t group, const std::function<int()>& body) {
-  const pid_t child = ::fork();
-  if (child == 0) {
-    if (::setgroups(0, nullptr) != 0 || ::setgid(group) != 0 || ::setuid(user) != 0) ::_exit(99);
-    ::_exit(body());
-  }
-  int status = 0;
-  ::waitpid(child, &status, 0);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 98;
-}
-
 TEST(HelperPeers, ofAnotherUserAreRefusedUnlessTheirGroupOwnsTheSocket) {
   if (::geteuid() != 0) GTEST_SKIP() << "only root can act as a second user";
-  constexpr uid_t stranger = 65534;
-  constexpr gid_t strangersGroup = 65534;
   constexpr gid_t helpersGroup = 60001;
   const auto acquiring = [](const HelperProcess& helper) {
     return [&helper] {
@@ -157,6 +146,23 @@ TEST(HelperPeers, ofAnotherUserAreRefusedUnlessTheirGroupOwnsTheSocket) {
   });
   EXPECT_EQ(asUser(stranger, helpersGroup, acquiring(grouped)), 0);
   EXPECT_EQ(asUser(stranger, strangersGroup, acquiring(grouped)), 1);
+}
+
+TEST(HelperPeers, meetAProcessWithoutAnyPrivilegeToMisuse) {
+  const HelperProcess helper({"--user", "--simulate"});
+  std::ifstream file("/proc/" + std::to_string(helper.pid()) + "/status");
+  std::map<std::string, std::string> status;
+  for (std::string line; std::getline(file, line);) {
+    const auto colon = line.find(":\t");
+    if (colon != line.npos) status[line.substr(0, colon)] = line.substr(colon + 2);
+  }
+  for (const auto* set : {"CapInh", "CapPrm", "CapEff", "CapAmb"}) EXPECT_EQ(status[set], "0000000000000000");
+  // Only who may set capabilities can empty the bound, and for others it bounds nothing.
+  EXPECT_TRUE(::geteuid() != 0 || status["CapBnd"] == "0000000000000000");
+  EXPECT_EQ(status["NoNewPrivs"], "1");
+  std::ifstream limits("/proc/" + std::to_string(helper.pid()) + "/limits");
+  const std::string text{std::istreambuf_iterator<char>(limits), {}};
+  EXPECT_TRUE(text.contains("Max core file size        0 ")) << text;
 }
 
 }  // namespace

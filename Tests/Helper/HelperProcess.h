@@ -42,6 +42,7 @@ class HelperProcess {
 
   [[nodiscard]] std::string socketPath() const { return directory.file("s"); }
   [[nodiscard]] std::string stateFile() const { return directory.file("state.json"); }
+  [[nodiscard]] pid_t pid() const { return pid_; }
   [[nodiscard]] bool isRunning() {
     if (pid_ > 0 && ::waitpid(pid_, &status_, WNOHANG) == pid_) pid_ = -1;
     return pid_ > 0;

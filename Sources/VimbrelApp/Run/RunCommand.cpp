@@ -2,6 +2,7 @@
 #include "Run/RunCommand.h"
 
 #include <malloc.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -36,6 +37,8 @@ int runCommand(const RunOptions& options, const std::string& version) {
   ::mallopt(M_ARENA_MAX, 1);
   ::mallopt(M_TRIM_THRESHOLD, 64 * 1024);
   ::mallopt(M_MMAP_THRESHOLD, 128 * 1024);
+  // Logs and records tell what somebody works on; nobody else needs to read them.
+  ::umask(077);
   ::signal(SIGPIPE, SIG_IGN);  // A reader of standard output may leave; the machine must stay awake.
 
   const auto lock = InstanceLock::acquire(runDirectory() + "/vimbrel.lock");

@@ -48,12 +48,14 @@ void useSystemLog(const std::string& directory, const std::string& name, LogLeve
   }
   std::error_code ignored;  // Without a directory, the file below cannot be opened, which is said there.
   std::filesystem::create_directories(directory, ignored);
+  const auto path = directory + "/" + name + ".log";
+  // The library would write through a link, wherever it leads.
+  if (std::filesystem::is_symlink(path, ignored)) std::filesystem::remove(path, ignored);
   std::shared_ptr<spdlog::logger> file;
   try {
     constexpr std::size_t maximumSize = 1 << 20;
     constexpr std::size_t oldFiles = 2;
-    auto target = std::make_shared<spdlog::sinks::rotating_file_sink_mt>(directory + "/" + name + ".log",
-                                                                         maximumSize, oldFiles);
+    auto target = std::make_shared<spdlog::sinks::rotating_file_sink_mt>(path, maximumSize, oldFiles);
     file = std::make_shared<spdlog::logger>(name, std::move(target));
     file->set_level(spdlog::level::debug);
     file->flush_on(spdlog::level::debug);
