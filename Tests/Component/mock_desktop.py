@@ -3,9 +3,11 @@
 """One session service that lets applications keep the desktop awake, as the real ones do it: cookies, release
 by cookie, release when the client leaves the bus, and what each lets others read back.
 
-usage: mock_desktop.py gnome-session|power-management|screensaver|screensaver-bare
+usage: mock_desktop.py gnome-session|power-management|screensaver|screensaver-bare|portal-desktop
 
 "screensaver-bare" answers only at /ScreenSaver and hands out the cookie 0 first.
+"portal-desktop" is the desktop behind xdg-desktop-portal: it grants every global shortcut, or declines after
+Decline() at /mock, and Press() presses the one that was bound last.
 Every service also answers Held() -> as, "reason" of each inhibitor, at /mock on interface org.vimbrel.Mock.
 """
 import sys
@@ -110,8 +112,55 @@ class ScreenSaver(dbus.service.Object):
         release(cookie)
 
 
+class PortalDesktop(dbus.service.Object):
+    NAME = "org.freedesktop.impl.portal.GlobalShortcuts"
+    bound = None
+    answer = 0
+
+    @dbus.service.method("org.freedesktop.DBus.Properties", in_signature="ss", out_signature="v")
+    def Get(self, interface, name):
+        return dbus.UInt32(1)
+
+    @dbus.service.method("org.freedesktop.DBus.Properties", in_signature="s", out_signature="a{sv}")
+    def GetAll(self, interface):
+        return dbus.Dictionary({"version": dbus.UInt32(1)}, signature="sv")
+
+    @dbus.service.method(NAME, in_signature="oosa{sv}", out_signature="ua{sv}")
+    def CreateSession(self, handle, session, application, options):
+        return dbus.UInt32(0), dbus.Dictionary({}, signature="sv")
+
+    @dbus.service.method(NAME, in_signature="ooa(sa{sv})sa{sv}", out_signature="ua{sv}")
+    def BindShortcuts(self, handle, session, shortcuts, window, options):
+        if PortalDesktop.answer:
+            return dbus.UInt32(PortalDesktop.answer), dbus.Dictionary({}, signature="sv")
+        PortalDesktop.bound = (session, shortcuts[0][0], str(shortcuts[0][1]["preferred_trigger"]))
+        granted = dbus.Array([(shortcuts[0][0], shortcuts[0][1])], signature="(sa{sv})")
+        return dbus.UInt32(0), dbus.Dictionary({"shortcuts": granted}, signature="sv")
+
+    @dbus.service.signal(NAME, signature="osta{sv}")
+    def Activated(self, session, shortcut, time, options):
+        pass
+
+
+class PortalMock(Mock):
+    @dbus.service.method("org.vimbrel.Mock", out_signature="s")
+    def Press(self):
+        session, shortcut, trigger = PortalDesktop.bound
+        service.Activated(session, shortcut, dbus.UInt64(1), dbus.Dictionary({}, signature="sv"))
+        return trigger
+
+    @dbus.service.method("org.vimbrel.Mock")
+    def Decline(self):
+        PortalDesktop.answer = 1
+
+
 part = sys.argv[1]
 services = {
+    "portal-desktop": (
+        "org.freedesktop.impl.portal.desktop.mock",
+        PortalDesktop,
+        "/org/freedesktop/portal/desktop",
+    ),
     "gnome-session": ("org.gnome.SessionManager", GnomeSession, "/org/gnome/SessionManager"),
     "power-management": (
         "org.freedesktop.PowerManagement",
@@ -124,6 +173,6 @@ services = {
 name, kind, path = services[part]
 if part == "screensaver-bare":
     ScreenSaver.first = 0
-service, mock = kind(bus, path), Mock(bus, "/mock")
+service, mock = kind(bus, path), (PortalMock if part == "portal-desktop" else Mock)(bus, "/mock")
 owned = dbus.service.BusName(name, bus, do_not_queue=True)
 GLib.MainLoop().run()

@@ -9,11 +9,14 @@
 # these parts:
 #   logind            the real systemd-logind, on a private system bus
 #   polkit            the real polkitd with the distribution's rules only
-#   session           a private session bus (also brought by the three below)
+#   session           a private session bus (also brought by those below that need it)
 #   gnome-session     org.gnome.SessionManager         } mocks with the behaviour of the real services;
 #   power-management  org.freedesktop.PowerManagement  } mock_desktop.py describes them
 #   screensaver       org.freedesktop.ScreenSaver      }
 #   screensaver-bare  the same, answering only at /ScreenSaver and with the cookie 0
+#   display           an X11 display (the real Xvfb), which $DISPLAY names
+#   notifications     the real notification daemon dunst, on the display and the session bus
+#   portal            the real xdg-desktop-portal; its desktop is a mock, described there too
 # --user runs the command as that user: polkit never refuses root anything.
 # --deny makes polkit refuse one action (org.freedesktop.login1.inhibit-block-idle) to everybody but root.
 # --desktop sets XDG_CURRENT_DESKTOP.
@@ -138,6 +141,22 @@ start_part() {
     gnome-session) mock "$1" org.gnome.SessionManager ;;
     power-management) mock "$1" org.freedesktop.PowerManagement ;;
     screensaver | screensaver-bare) mock "$1" org.freedesktop.ScreenSaver ;;
+    display)
+      mkdir -p -m 1777 /tmp/.X11-unix
+      Xvfb -displayfd 7 -screen 0 800x600x24 -nolisten tcp -noreset 7>/run/rig/display >>"$log" 2>&1 & process[$1]=$!
+      for _ in $(seq 1000); do [ -s /run/rig/display ] && return; sleep 0.01; done; return 1 ;;
+    notifications)
+      printf "[global]\nmarkup = full\n" >/run/rig/dunstrc
+      execAsUser dunst -conf /run/rig/dunstrc >>"$log" 2>&1 & process[$1]=$!
+      asUser gdbus wait --session --timeout 10 org.freedesktop.Notifications 2>/dev/null ;;
+    portal)
+      mock portal-desktop org.freedesktop.impl.portal.desktop.mock || return 1
+      mkdir -p /run/rig/portals
+      printf '[portal]\nDBusName=%s.mock\nInterfaces=org.freedesktop.impl.portal.GlobalShortcuts;\nUseIn=mock\n' \
+        org.freedesktop.impl.portal.desktop >/run/rig/portals/mock.portal
+      XDG_DESKTOP_PORTAL_DIR=/run/rig/portals XDG_CURRENT_DESKTOP=mock \
+        execAsUser /usr/libexec/xdg-desktop-portal >>"$log" 2>&1 & process[$1]=$!
+      asUser gdbus wait --session --timeout 10 org.freedesktop.portal.Desktop 2>/dev/null ;;
     *) echo "rig.sh: no part named $1" >&2; return 1 ;;
   esac
 }
@@ -163,12 +182,21 @@ if has polkit; then
   start_part polkit || { show_logs; fail "polkitd does not start"; }
 fi
 if has logind; then start_part logind || { show_logs; fail "systemd-logind does not start"; }; fi
-if [[ $parts == *session* || $parts == *power-management* || $parts == *screensaver* ]]; then
+if [[ $parts == *session* || $parts == *power-management* || $parts == *screensaver* ||
+  $parts == *notifications* || $parts == *portal* ]]; then
   export DBUS_SESSION_BUS_ADDRESS=unix:path=$runtime/bus
   /usr/bin/python3 -c 'import dbus, gi' 2>/dev/null || skip "python3-dbus and python3-gi are not installed"
   start_part session || fail "the session bus does not start"
 fi
-for part in gnome-session power-management screensaver screensaver-bare; do
+if has display; then
+  [ -n "$(command -v Xvfb)" ] || skip "Xvfb is not installed"
+  start_part display || { show_logs; fail "the display does not start"; }
+  DISPLAY=:$(cat /run/rig/display)
+  export DISPLAY
+fi
+if has notifications; then [ -n "$(command -v dunst)" ] || skip "dunst is not installed"; fi
+if has portal; then [ -x /usr/libexec/xdg-desktop-portal ] || skip "xdg-desktop-portal is not installed"; fi
+for part in gnome-session power-management screensaver screensaver-bare notifications portal; do
   if has $part; then start_part $part || { show_logs; fail "$part does not start"; }; fi
 done
 

@@ -60,7 +60,8 @@ BackgroundProcess::BackgroundProcess(const RunOptions& options, std::string vers
                   .presentation = &application_.presentation(),
                   .usage = application_.usage().get(),
                   .history = &application_.history(),
-                  .lastHookEvents = lastHookEvents_.get()},
+                  .lastHookEvents = lastHookEvents_.get(),
+                  .shortcut = &application_.shortcut()},
       server_(loop_.mainQueue(), clock_) {
   tokens_.push_back(addStatusMethods(server_, controlled_));
   tokens_.push_back(addDeepHoldMethods(server_, controlled_));

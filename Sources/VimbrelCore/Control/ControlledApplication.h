@@ -10,6 +10,7 @@
 #include "System/AppCoordinator.h"
 #include "System/CommandHolds.h"
 #include "System/DeepHoldService.h"
+#include "System/GlobalShortcutController.h"
 #include "System/PresentationValues.h"
 #include "System/ProtectionHistory.h"
 
@@ -30,6 +31,7 @@ struct ControlledApplication {
   ProtectionHistory* history = nullptr;
   /// When each agent's hooks last reported; may be null.
   LastHookEvents* lastHookEvents = nullptr;
+  GlobalShortcutController* shortcut = nullptr;
 };
 
 }  // namespace vimbrel

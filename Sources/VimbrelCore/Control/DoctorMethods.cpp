@@ -29,6 +29,16 @@ std::string_view rawValue(Verdict verdict) {
   return "warning";
 }
 
+DoctorFinding shortcutFinding(const GlobalShortcutController& shortcut) {
+  if (shortcut.isMonitoring()) {
+    return {"global shortcut", Verdict::works, "Alt+Super+L switches protection on and off", ""};
+  }
+  if (shortcut.refusal().empty()) return {"global shortcut", Verdict::missing, "it is not watched", ""};
+  return {"global shortcut", Verdict::missing, shortcut.refusal(),
+          "start Vimbrel in the desktop session with these keys free, or bind other keys there to: vimbrel "
+          "settings set masterEnabled off"};
+}
+
 /// What the application knows of itself, beside what the platform finds out about the machine.
 std::vector<DoctorFinding> ownFindings(const ControlledApplication& application) {
   auto& coordinator = application.coordinator;
@@ -39,6 +49,7 @@ std::vector<DoctorFinding> ownFindings(const ControlledApplication& application)
   } else {
     findings.push_back({"hook socket", Verdict::works, "agents' hooks are heard", ""});
   }
+  if (application.shortcut != nullptr) findings.push_back(shortcutFinding(*application.shortcut));
   auto& settings = coordinator.settings();
   const auto warnings = settings.warnings();
   for (const auto& warning : warnings) {

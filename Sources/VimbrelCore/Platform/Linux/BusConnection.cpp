@@ -62,15 +62,71 @@ struct MessageDeleter {
 };
 using Message = std::unique_ptr<sd_bus_message, MessageDeleter>;
 
+/// Appends values one after the other; the first failure ends it and is the result.
+class Appender {
+ public:
+  explicit Appender(sd_bus_message* message) : message_(message) {}
+  [[nodiscard]] int result() const { return result_; }
+
+  void operator()(const std::string& text) { basic('s', text.c_str()); }
+  void operator()(const BusPath& path) { basic('o', path.path.c_str()); }
+  void operator()(std::uint32_t number) { basic('u', &number); }
+  void operator()(std::int32_t number) { basic('i', &number); }
+  void operator()(std::uint8_t byte) { basic('y', &byte); }
+  void operator()(bool value) {
+    const int flag = value ? 1 : 0;
+    basic('b', &flag);
+  }
+  void operator()(const std::vector<std::string>& texts) {
+    inside('a', "s", [&] {
+      for (const auto& text : texts) (*this)(text);
+    });
+  }
+  void operator()(const BusOptions& options) {
+    inside('a', "{sv}", [&] {
+      for (const auto& [name, value] : options) {
+        inside('e', "sv", [&] {
+          (*this)(name);
+          inside('v', typeOf(value), [&] { std::visit([&](const auto& one) { (*this)(one); }, value); });
+        });
+      }
+    });
+  }
+  void operator()(const BusNamedOptions& all) {
+    inside('a', "(sa{sv})", [&] {
+      for (const auto& [name, options] : all) {
+        inside('r', "sa{sv}", [&] {
+          (*this)(name);
+          (*this)(options);
+        });
+      }
+    });
+  }
+
+ private:
+  static const char* typeOf(const BusOptionValue& value) {
+    constexpr std::array types{"s", "u", "y", "b"};  // in the order of the variant's alternatives
+    return types.at(value.index());
+  }
+  void basic(char type, const void* value) {
+    if (result_ >= 0) result_ = sd_bus_message_append_basic(message_, type, value);
+  }
+  template <typename Contents>
+  void inside(char type, const char* contents, Contents append) {
+    if (result_ >= 0) result_ = sd_bus_message_open_container(message_, type, contents);
+    if (result_ < 0) return;
+    append();
+    if (result_ >= 0) result_ = sd_bus_message_close_container(message_);
+  }
+
+  sd_bus_message* message_;
+  int result_ = 0;
+};
+
 int append(sd_bus_message* message, const BusArgument& argument) {
-  if (const auto* text = std::get_if<std::string>(&argument)) {
-    return sd_bus_message_append_basic(message, 's', text->c_str());
-  }
-  if (const auto* number = std::get_if<std::uint32_t>(&argument)) {
-    return sd_bus_message_append_basic(message, 'u', number);
-  }
-  const int flag = std::get<bool>(argument) ? 1 : 0;
-  return sd_bus_message_append_basic(message, 'b', &flag);
+  Appender appender(message);
+  std::visit([&](const auto& value) { appender(value); }, argument);
+  return appender.result();
 }
 
 }  // namespace
@@ -110,7 +166,7 @@ struct BusConnection::Impl : std::enable_shared_from_this<Impl> {
   };
   struct Subscription {
     BusMethod signal;
-    std::function<void()> handler;
+    std::function<void(BusMessage)> handler;
     Slot slot;
   };
 
@@ -240,8 +296,7 @@ Message BusConnection::Impl::compose(const BusMethod& method, const std::vector<
   result = sd_bus_message_new_method_call(bus, &raw, method.service.c_str(), method.path.c_str(),
                                           method.interface.c_str(), method.member.c_str());
   Message message(raw);
-  // A service that is not running is not one of this desktop's: asking must not start it.
-  if (result >= 0) result = sd_bus_message_set_auto_start(raw, 0);
+  if (result >= 0) result = sd_bus_message_set_auto_start(raw, method.mayStartService ? 1 : 0);
   for (const auto& argument : arguments) {
     if (result >= 0) result = append(raw, argument);
   }
@@ -325,15 +380,15 @@ void BusConnection::Impl::follow(Name& name) {
 
 void BusConnection::Impl::subscribe(Subscription& subscription) const {
   const auto& signal = subscription.signal;
-  const auto arrived = [](sd_bus_message*, void* data, sd_bus_error*) {
+  const auto arrived = [](sd_bus_message* message, void* data, sd_bus_error*) {
     const auto handler = static_cast<Subscription*>(data)->handler;
-    handler();
+    handler(BusMessage(message));
     return 0;
   };
   sd_bus_slot* slot = nullptr;
-  if (sd_bus_match_signal_async(bus, &slot, signal.service.c_str(), signal.path.c_str(),
-                                signal.interface.c_str(), signal.member.c_str(), arrived, nullptr,
-                                &subscription) >= 0) {
+  if (sd_bus_match_signal_async(bus, &slot, signal.service.c_str(),
+                                signal.path.empty() ? nullptr : signal.path.c_str(), signal.interface.c_str(),
+                                signal.member.c_str(), arrived, nullptr, &subscription) >= 0) {
     subscription.slot.reset(slot);
   }
 }
@@ -370,6 +425,11 @@ void BusConnection::getProperty(const std::string& service, const std::string& p
 }
 
 Token BusConnection::onSignal(BusMethod signal, std::function<void()> handler) {
+  return onSignalWith(std::move(signal),
+                      [handler = std::move(handler)](const BusMessage& /*message*/) { handler(); });
+}
+
+Token BusConnection::onSignalWith(BusMethod signal, std::function<void(BusMessage)> handler) {
   const auto id = impl_->nextId++;
   auto subscription = std::make_shared<Impl::Subscription>(
       Impl::Subscription{std::move(signal), std::move(handler), nullptr});

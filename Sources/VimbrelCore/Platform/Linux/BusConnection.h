@@ -9,9 +9,9 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <variant>
 #include <vector>
 
+#include "Platform/Linux/BusArgument.h"
 #include "Platform/Linux/BusMessage.h"
 #include "Support/TaskQueue.h"
 
@@ -36,9 +36,11 @@ struct BusMethod {
   std::string path;
   std::string interface;
   std::string member;
+  /// Whether the bus may start the service for the call. Most must not: one that is not running is not one of
+  /// this desktop's.
+  bool mayStartService = false;
 };
 
-using BusArgument = std::variant<std::string, std::uint32_t, bool>;
 using BusReply = std::expected<BusMessage, BusError>;
 
 /// A connection to the system's or the session's message bus. It connects by itself, again and again with
@@ -56,7 +58,7 @@ class BusConnection {
   BusConnection(const BusConnection&) = delete;
   BusConnection& operator=(const BusConnection&) = delete;
 
-  /// Calls a method; services are never started by it. `done` is called once, never inline unless there is no
+  /// Calls a method. `done` is called once, never inline unless there is no
   /// connection: with the answer, with its error, or when the time-out or the connection's end came first.
   void call(const BusMethod& method, const std::vector<BusArgument>& arguments,
             std::function<void(BusReply)> done, std::chrono::milliseconds timeout = replyTimeout);
@@ -68,6 +70,8 @@ class BusConnection {
 
   /// Calls `handler` for every such signal of the service, for as long as the token lives.
   [[nodiscard]] Token onSignal(BusMethod signal, std::function<void()> handler);
+  /// The same with the signal's contents. An empty `path` stands for every object of the service.
+  [[nodiscard]] Token onSignalWith(BusMethod signal, std::function<void(BusMessage)> handler);
 
   /// Follows the owner of a well-known name. `changed` is called with the unique name of the owner, empty
   /// when nobody owns it, first when that is known and then whenever it changes.

@@ -31,6 +31,31 @@ std::optional<bool> BusMessage::readBoolean() {
   return value != 0;
 }
 
+std::string BusMessage::path() const {
+  const char* path = sd_bus_message_get_path(message_);
+  return path == nullptr ? "" : path;
+}
+
+std::map<std::string, std::string> BusMessage::readTexts() {
+  std::map<std::string, std::string> texts;
+  if (!enter('a', "{sv}")) return texts;
+  while (enter('e', "sv")) {
+    const auto name = readString();
+    bool isRead = false;
+    for (const char type : {'s', 'o'}) {
+      const char contents[] = {type, 0};
+      if (!name || isRead || !enter('v', contents)) continue;
+      if (auto text = readText(type)) texts[*name] = *std::move(text);
+      exit();
+      isRead = true;
+    }
+    if (!isRead && sd_bus_message_skip(message_, "v") < 0) return texts;
+    exit();
+  }
+  exit();
+  return texts;
+}
+
 Fd BusMessage::readDescriptor() {
   int borrowed = -1;
   if (sd_bus_message_read_basic(message_, 'h', &borrowed) <= 0) return Fd{};

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <string>
 
@@ -25,6 +26,11 @@ class BusMessage {
   [[nodiscard]] std::optional<std::string> readObjectPath();
   [[nodiscard]] std::optional<std::uint32_t> readUnsigned();
   [[nodiscard]] std::optional<bool> readBoolean();
+  /// The path of the object that sent the message; empty when there is none.
+  [[nodiscard]] std::string path() const;
+  /// The texts and object paths in a dictionary of variants (a{sv}) by their names; other values are left
+  /// out.
+  [[nodiscard]] std::map<std::string, std::string> readTexts();
   /// A duplicate of the descriptor, close-on-exec; none when there is none.
   [[nodiscard]] Fd readDescriptor();
 

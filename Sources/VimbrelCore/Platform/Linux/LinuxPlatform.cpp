@@ -4,9 +4,11 @@
 #include <algorithm>
 
 #include "Platform/Linux/DesktopApplications.h"
+#include "Platform/Linux/DesktopServices.h"
 #include "Platform/Linux/LinuxExamination.h"
 #include "Platform/Linux/LinuxLidSwitch.h"
 #include "Platform/Linux/LinuxSleepAssertions.h"
+#include "Platform/Linux/ProcAncestry.h"
 #include "Platform/Linux/ProcProcessList.h"
 #include "Platform/Linux/SysfsPowerSources.h"
 #include "Platform/Linux/ThermalZones.h"
@@ -37,9 +39,18 @@ PlatformServices makeLinuxPlatform(QueueProvider& queues) {
   services.processList = std::make_shared<ProcProcessList>(processes);
   services.runningApplications =
       std::make_shared<DesktopApplications>(processes, machineClock, DesktopEnvironment::fromProcess());
-  services.examine = [assertions, powerSources, thermalZones, lid] {
-    return examineLinux(*assertions, *powerSources, *thermalZones, *lid);
+  services.processAncestry = std::make_shared<ProcAncestry>();
+  addDesktopServices(services, queue, sessionBus);
+  PlatformServices desktop;
+  desktop.notificationCenter = services.notificationCenter;
+  desktop.loginItem = services.loginItem;
+  services.examine = [assertions, powerSources, thermalZones, lid, desktop] {
+    auto findings = examineLinux(*assertions, *powerSources, *thermalZones, *lid);
+    for (auto& finding : examineDesktop(desktop)) findings.push_back(std::move(finding));
+    return findings;
   };
+  services.describeSystem = describeLinux;
+  services.listAssertions = listLinuxAssertions;
   return services;
 }
 

@@ -1,0 +1,53 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Platform/Linux/CanberraSoundPlayer.h"
+
+#include <canberra.h>
+
+#include "Platform/Linux/SharedLibrary.h"
+
+namespace vimbrel {
+
+struct CanberraSoundPlayer::Library {
+  SharedLibrary library{"libcanberra.so.0"};
+  decltype(::ca_context_create)* create = nullptr;
+  decltype(::ca_context_destroy)* destroy = nullptr;
+  decltype(::ca_context_change_props)* changeProperties = nullptr;
+  decltype(::ca_context_play)* play = nullptr;
+  ca_context* context = nullptr;
+
+  Library() {
+    library.load(create, "ca_context_create");
+    library.load(destroy, "ca_context_destroy");
+    library.load(changeProperties, "ca_context_change_props");
+    library.load(play, "ca_context_play");
+    if (!library || create(&context) != CA_SUCCESS) {
+      context = nullptr;
+      return;
+    }
+    changeProperties(context, CA_PROP_APPLICATION_NAME, "Vimbrel", CA_PROP_APPLICATION_ID, "com.vimbrel.app",
+                     nullptr);
+  }
+  ~Library() {
+    if (context != nullptr) destroy(context);
+  }
+  Library(const Library&) = delete;
+  Library& operator=(const Library&) = delete;
+};
+
+CanberraSoundPlayer::CanberraSoundPlayer() = default;
+CanberraSoundPlayer::~CanberraSoundPlayer() = default;
+
+bool CanberraSoundPlayer::playEvent(const char* event) {
+  if (!library_) library_ = std::make_unique<Library>();
+  if (library_->context == nullptr) return false;
+  constexpr std::uint32_t anySound = 0;
+  // "event": the desktop's own volume, and its switch for event sounds, apply.
+  return library_->play(library_->context, anySound, CA_PROP_EVENT_ID, event, CA_PROP_EVENT_DESCRIPTION,
+                        "Vimbrel", CA_PROP_MEDIA_ROLE, "event", nullptr) == CA_SUCCESS;
+}
+
+bool CanberraSoundPlayer::play(std::string_view name) { return name == "Hero" && playEvent("complete"); }
+
+void CanberraSoundPlayer::beep() { (void)playEvent("bell"); }
+
+}  // namespace vimbrel

@@ -1,0 +1,135 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Platform/Linux/PortalKeyShortcut.h"
+
+#include <optional>
+#include <utility>
+
+namespace vimbrel {
+namespace {
+
+constexpr const char* portal = "org.freedesktop.portal.Desktop";
+constexpr const char* objectPath = "/org/freedesktop/portal/desktop";
+constexpr const char* shortcuts = "org.freedesktop.portal.GlobalShortcuts";
+constexpr const char* shortcutId = "toggle";
+// A person answers the second question, in their own time.
+constexpr std::chrono::milliseconds patience{5000};
+
+BusMethod method(const char* member) { return {portal, objectPath, shortcuts, member, true}; }
+
+}  // namespace
+
+/// One watch: the portal's session, and what was asked of it. A request is answered by a signal of an object
+/// that its reply names; the answer may overtake the reply.
+struct PortalKeyShortcut::Session : std::enable_shared_from_this<Session> {
+  Session(std::shared_ptr<BusConnection> connection, std::function<void()> handler,
+          std::function<void(const std::string&)> refusal)
+      : bus(std::move(connection)), pressed(std::move(handler)), refused(std::move(refusal)) {}
+
+  const std::shared_ptr<BusConnection> bus;
+  const std::function<void()> pressed;
+  const std::function<void(const std::string&)> refused;
+  enum class Step { none, creating, binding, bound } step = Step::none;
+  std::string session;
+  int generation = 0;  ///< of the portal's process
+  Token owner;
+  Token responses;
+  Token activations;
+
+  void follow() {
+    responses = bus->onSignalWith({portal, "", "org.freedesktop.portal.Request", "Response"},
+                                  [weak = weak_from_this()](BusMessage message) {
+                                    if (const auto self = weak.lock()) self->answered(message);
+                                  });
+    activations = bus->onSignalWith({portal, objectPath, shortcuts, "Activated"},
+                                    [weak = weak_from_this()](BusMessage message) {
+                                      const auto self = weak.lock();
+                                      if (!self || message.readObjectPath() != self->session) return;
+                                      if (message.readString() == shortcutId) self->pressed();
+                                    });
+    owner = bus->watchName(portal, [weak = weak_from_this()](const std::string& name) {
+      const auto self = weak.lock();
+      if (!self) return;
+      ++self->generation;
+      self->session.clear();
+      self->step = Step::none;
+      if (!name.empty()) self->createSession();
+    });
+    // One that nobody needed so far is started by the first call.
+    if (bus->ownerOf(portal) == "") createSession();
+  }
+
+  void createSession() {
+    step = Step::creating;
+    request(method("CreateSession"), {BusOptions{{"handle_token", std::string("vimbrel_create")},
+                                                 {"session_handle_token", std::string("vimbrel")}}});
+  }
+
+  void bind() {
+    step = Step::binding;
+    const BusNamedOptions wanted{{shortcutId,
+                                  {{"description", std::string("Switch Vimbrel's protection on or off")},
+                                   {"preferred_trigger", std::string("ALT+LOGO+l")}}}};
+    request(method("BindShortcuts"), {BusPath{session}, wanted, std::string(),
+                                      BusOptions{{"handle_token", std::string("vimbrel_bind")}}});
+  }
+
+  void request(const BusMethod& call, const std::vector<BusArgument>& arguments) {
+    bus->call(
+        call, arguments,
+        [weak = weak_from_this(), asked = generation](const BusReply& reply) {
+          const auto self = weak.lock();
+          if (!self || reply) return;
+          // A portal that was started by this very call begins anew when its name appears.
+          if (asked != self->generation) return;
+          self->giveUp(reply.error().isUnknown() ? "the desktop's portal has no global shortcuts"
+                                                 : reply.error().message);
+        },
+        patience);
+  }
+
+  void answered(BusMessage& message) {
+    // Requests of this connection only come here; their paths end in the tokens that they were given.
+    const auto path = message.path();
+    const bool isCreation = path.ends_with("/vimbrel_create");
+    if (!isCreation && !path.ends_with("/vimbrel_bind")) return;
+    const auto code = message.readUnsigned();
+    if (!code) return;
+    if (*code != 0) {
+      return giveUp(*code == 1 ? "the shortcut was declined in the desktop's dialog"
+                               : "the desktop's portal refused the shortcut");
+    }
+    if (isCreation && step == Step::creating) {
+      const auto results = message.readTexts();
+      const auto handle = results.find("session_handle");
+      if (handle == results.end()) return giveUp("the desktop's portal answered without a session");
+      session = handle->second;
+      bind();
+    } else if (!isCreation && step == Step::binding) {
+      step = Step::bound;
+    }
+  }
+
+  void giveUp(const std::string& reason) {
+    step = Step::none;
+    refused(reason);
+  }
+
+  void end() const {
+    if (session.empty()) return;
+    bus->send({portal, session, "org.freedesktop.portal.Session", "Close"}, {});
+  }
+};
+
+std::expected<Token, std::string> PortalKeyShortcut::watch(std::function<void()> pressed) {
+  if (!bus_->isConnected()) return std::unexpected("there is no session bus, and so no desktop portal");
+  auto session = std::make_shared<Session>(bus_, std::move(pressed), [this](const std::string& reason) {
+    if (onRefused) onRefused(reason);
+  });
+  session->follow();
+  return Token{[session]() mutable {
+    session->end();
+    session.reset();
+  }};
+}
+
+}  // namespace vimbrel

@@ -1,0 +1,246 @@
+// SPDX-License-Identifier: Apache-2.0
+// Runs inside rig.sh; each suite names in CMakeLists.txt the parts that it needs.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <xcb/xcb.h>
+
+#include <csignal>
+
+#include "Component/Rig.h"
+#include "EndToEnd/ProcessHarness.h"
+#include "Platform/Linux/BusNotificationCenter.h"
+#include "Platform/Linux/PortalKeyShortcut.h"
+#include "Platform/Linux/X11KeyShortcut.h"
+
+namespace vimbrel {
+namespace {
+
+using testing::HasSubstr;
+
+std::string run(const std::string& program, const std::vector<std::string>& arguments) {
+  const auto result = runProgram(program, arguments, {.maximumOutputBytes = 262144});
+  return result ? result->output : "";
+}
+std::string dunst(const std::vector<std::string>& arguments) { return run("/usr/bin/dunstctl", arguments); }
+void press(const std::vector<std::string>& keys) {
+  std::vector<std::string> arguments{"key"};
+  arguments.insert(arguments.end(), keys.begin(), keys.end());
+  run("/usr/bin/xdotool", arguments);
+}
+
+/// `vimbrel run` on the rig's desktop.
+struct RealApplication {
+  RealApplication() {
+    for (const auto* name : {"DISPLAY", "DBUS_SESSION_BUS_ADDRESS", "XDG_RUNTIME_DIR"}) {
+      if (const auto* value = std::getenv(name)) sandbox.environment[name] = value;
+    }
+    process = std::make_unique<RunningProcess>(std::vector<std::string>{vimbrelProgram(), "run"},
+                                               sandbox.environment);
+    EXPECT_TRUE(eventually([&] { return sandbox.vimbrel({"status"}).status == 0; })) << process->errors();
+  }
+  ~RealApplication() {
+    process->signal(SIGTERM);
+    EXPECT_EQ(process->wait(), 0);
+  }
+  void report(const std::string& state) {
+    EXPECT_EQ(sandbox.relay({"--agent", "claude", "--state", state, "--session-id", "s1"}).status, 0);
+  }
+  std::string setting(const std::string& key) { return sandbox.vimbrel({"settings", "get", key}).output; }
+  Sandbox sandbox;
+  std::unique_ptr<RunningProcess> process;
+};
+
+/// What the daemon shows now, and what it showed and closed.
+int shown() { return std::atoi(dunst({"count", "displayed"}).c_str()); }
+std::string closeAllAndRead() {
+  dunst({"close-all"});
+  EXPECT_TRUE(eventually([] { return shown() == 0; }));
+  return dunst({"history"});
+}
+
+TEST(Notifications, tellOfTheStartWithAnActionThatPausesAndOfTheEnd) {
+  RealApplication application;
+  application.report("working");
+  ASSERT_TRUE(eventually([] { return shown() == 1; }));
+  dunst({"action", "0"});
+  EXPECT_TRUE(eventually([&] { return application.setting("pauseUntil").find("T") != std::string::npos; }))
+      << "the first action is \"Pause 1 h\"";
+  EXPECT_THAT(application.sandbox.vimbrel({"status"}).output, HasSubstr("Paused"));
+  EXPECT_EQ(application.sandbox.vimbrel({"resume"}).status, 0);
+  ASSERT_TRUE(eventually([] { return shown() == 1; })) << "protection started again";
+  EXPECT_EQ(application.sandbox.vimbrel({"settings", "set", "releaseDelaySeconds", "0"}).status, 0);
+  application.report("idle");
+  ASSERT_TRUE(eventually([] { return shown() == 2; }));
+  const auto history = closeAllAndRead();
+  EXPECT_THAT(history, HasSubstr("Vimbrel is protecting this Mac"));
+  EXPECT_THAT(history, HasSubstr("1 coding agent session working."));
+  EXPECT_THAT(history, HasSubstr("Coding agents finished"));
+}
+
+TEST(Notifications, replaceOneAnotherByIdentifierAndSurviveTheServicesRestart) {
+  EventLoop loop;
+  const auto bus = std::make_shared<BusConnection>(BusKind::session, loop.mainQueue());
+  const auto center = BusNotificationCenter::create(bus);
+  ASSERT_TRUE(rig::eventually(loop, [&] { return center->isAvailable(); }));
+  const auto post = [&](const std::string& identifier, const std::string& title) {
+    bool posted = false;
+    center->post({identifier, title, "5 < 6 & more", NotificationUrgency::critical, {}},
+                 [&](const std::expected<void, std::string>& result) {
+                   EXPECT_TRUE(result) << result.error();
+                   posted = true;
+                 });
+    EXPECT_TRUE(rig::eventually(loop, [&] { return posted; }));
+  };
+  closeAllAndRead();
+  post("a", "first");
+  post("a", "second");
+  post("b", "third");
+  EXPECT_EQ(shown(), 2);
+  const auto history = closeAllAndRead();
+  EXPECT_THAT(history, HasSubstr("second"));
+  EXPECT_THAT(history, HasSubstr("third"));
+  EXPECT_THAT(history, testing::Not(HasSubstr("first")));
+  EXPECT_THAT(history, HasSubstr("5 &lt; 6 &amp; more")) << "escaped for a service that reads markup";
+  rig::order("restart notifications");
+  ASSERT_TRUE(rig::eventually(loop, [&] { return center->isAvailable(); }));
+  post("a", "fourth");
+  EXPECT_EQ(shown(), 1);
+  rig::order("stop notifications");
+  EXPECT_TRUE(rig::eventually(loop, [&] { return !center->isAvailable(); }));
+  bool failed = false;
+  center->post({"a", "x", "y", NotificationUrgency::low, {}},
+               [&](const std::expected<void, std::string>& result) { failed = !result; });
+  EXPECT_TRUE(rig::eventually(loop, [&] { return failed; })) << "it says so instead of waiting";
+  rig::order("start notifications");
+}
+
+/// Another program's window that has the keyboard, and what it is typed.
+class OtherWindow {
+ public:
+  OtherWindow() : connection_(xcb_connect(nullptr, nullptr)) {
+    const auto* screen = xcb_setup_roots_iterator(xcb_get_setup(connection_)).data;
+    window_ = xcb_generate_id(connection_);
+    const std::uint32_t values[] = {
+        1, XCB_EVENT_MASK_KEY_PRESS | XCB_EVENT_MASK_EXPOSURE | XCB_EVENT_MASK_STRUCTURE_NOTIFY};
+    xcb_create_window(connection_, XCB_COPY_FROM_PARENT, window_, screen->root, 0, 0, 100, 100, 0,
+                      XCB_WINDOW_CLASS_INPUT_OUTPUT, screen->root_visual,
+                      XCB_CW_OVERRIDE_REDIRECT | XCB_CW_EVENT_MASK, values);
+    xcb_map_window(connection_, window_);
+    xcb_flush(connection_);
+    bool isMapped = false;
+    while (!isMapped) {
+      auto* event = xcb_wait_for_event(connection_);
+      isMapped = (event->response_type & 0x7f) == XCB_MAP_NOTIFY;
+      free(event);
+    }
+    xcb_set_input_focus(connection_, XCB_INPUT_FOCUS_PARENT, window_, XCB_CURRENT_TIME);
+    sync();
+  }
+  ~OtherWindow() { xcb_disconnect(connection_); }
+  /// How many presses of this key (by its number) came since the last call.
+  int presses(xcb_keycode_t key) {
+    sync();
+    int count = 0;
+    while (auto* event = xcb_poll_for_event(connection_)) {
+      if ((event->response_type & 0x7f) == XCB_KEY_PRESS) {
+        count += reinterpret_cast<xcb_key_press_event_t*>(event)->detail == key ? 1 : 0;
+      }
+      free(event);
+    }
+    return count;
+  }
+
+ private:
+  void sync() { free(xcb_get_input_focus_reply(connection_, xcb_get_input_focus(connection_), nullptr)); }
+  xcb_connection_t* connection_;
+  xcb_window_t window_ = 0;
+};
+
+constexpr xcb_keycode_t keyL = 46;  // of the layout that the display starts with
+
+TEST(Shortcut, isSeenWhileAnotherWindowHasTheFocusWhateverLocksAreOn) {
+  EventLoop loop;
+  OtherWindow window;
+  X11KeyShortcut shortcut(std::getenv("DISPLAY"), loop.mainQueue());
+  int pressed = 0;
+  auto watch = shortcut.watch([&] { ++pressed; });
+  ASSERT_TRUE(watch) << watch.error();
+  const auto expectPress = [&](const std::vector<std::string>& keys, const char* what) {
+    const int before = pressed;
+    press(keys);
+    EXPECT_TRUE(rig::eventually(loop, [&] { return pressed > before; })) << what;
+    EXPECT_EQ(pressed, before + 1) << what;
+  };
+  expectPress({"alt+super+l"}, "plain");
+  expectPress({"Num_Lock", "alt+super+l"}, "with Num Lock on");
+  expectPress({"Caps_Lock", "alt+super+l"}, "with both locks on");
+  press({"Num_Lock", "Caps_Lock"});
+  expectPress({"alt+super+shift+l"}, "with Shift");
+  expectPress({"alt+super+ctrl+l"}, "with Control");
+  EXPECT_EQ(window.presses(keyL), 0) << "the focused window never sees the shortcut";
+  press({"l", "alt+l", "super+l", "alt+super+k"});
+  EXPECT_TRUE(rig::eventually(loop, [&] { return true; }));
+  EXPECT_EQ(window.presses(keyL), 3) << "other keys are not taken from it";
+  EXPECT_EQ(pressed, 5);
+
+  X11KeyShortcut second(std::getenv("DISPLAY"), loop.mainQueue());
+  const auto refused = second.watch([] {});
+  ASSERT_FALSE(refused);
+  EXPECT_EQ(refused.error(), "another program holds Alt+Super+L on this display");
+  watch = std::unexpected("");
+  press({"alt+super+l"});
+  EXPECT_EQ(window.presses(keyL), 1) << "the keys are given back";
+  EXPECT_TRUE(second.watch([] {}));
+  EXPECT_FALSE(X11KeyShortcut(":99", loop.mainQueue()).watch([] {}));
+}
+
+TEST(Shortcut, flipsTheMasterSwitchOfTheRunningApplication) {
+  RealApplication application;
+  EXPECT_EQ(application.setting("masterEnabled"), "on\n");
+  press({"alt+super+l"});
+  EXPECT_TRUE(eventually([&] { return application.setting("masterEnabled") == "off\n"; }));
+  press({"alt+super+l"});
+  EXPECT_TRUE(eventually([&] { return application.setting("masterEnabled") == "on\n"; }));
+  EXPECT_THAT(application.sandbox.vimbrel({"doctor"}).output, HasSubstr("Alt+Super+L switches protection"));
+  RealApplication second;
+  EXPECT_THAT(second.sandbox.vimbrel({"doctor"}).output, HasSubstr("another program holds Alt+Super+L"));
+}
+
+std::string mock(const std::string& member) {
+  return rig::busCall("session", "org.freedesktop.impl.portal.desktop.mock", "/mock",
+                      "org.vimbrel.Mock." + member);
+}
+
+TEST(Portal, bindsTheShortcutAndPassesItsPressesOn) {
+  EventLoop loop;
+  const auto bus = std::make_shared<BusConnection>(BusKind::session, loop.mainQueue());
+  PortalKeyShortcut shortcut(bus);
+  std::string refusal;
+  shortcut.onRefused = [&](const std::string& reason) { refusal = reason; };
+  int pressed = 0;
+  auto watch = shortcut.watch([&] { ++pressed; });
+  ASSERT_TRUE(watch);
+  std::string trigger;
+  ASSERT_TRUE(rig::eventually(loop, [&] {
+    if (trigger.empty()) trigger = mock("Press");
+    return pressed == 1;
+  })) << refusal;
+  EXPECT_THAT(trigger, HasSubstr("ALT+LOGO+l"));
+  rig::order("restart portal");
+  trigger.clear();
+  EXPECT_TRUE(rig::eventually(loop,
+                              [&] {
+                                if (trigger.empty()) trigger = mock("Press");
+                                return pressed == 2;
+                              }))
+      << "a portal that was restarted is asked again: " << refusal;
+  watch = std::unexpected("");
+  mock("Decline");
+  auto declined = shortcut.watch([] {});
+  ASSERT_TRUE(declined);
+  EXPECT_TRUE(rig::eventually(loop, [&] { return !refusal.empty(); }));
+  EXPECT_EQ(refusal, "the shortcut was declined in the desktop's dialog");
+}
+
+}  // namespace
+}  // namespace vimbrel
