@@ -23,7 +23,10 @@ constexpr const char* version = VIMBREL_VERSION;
 /// The values that the arguments fill in, and what is to be done with them.
 struct Invocation {
   RunOptions run;
+  bool installService = false;
   bool json = false;
+  std::string format;
+  bool follow = false;
   std::string key;
   std::string value;
   std::vector<std::string> when;
@@ -63,15 +66,23 @@ int holdAsAsked(const Invocation& in) {
 
 void describe(CLI::App& app, Invocation& in) {
   auto* run = add(app, "run", "Keep this machine awake while agents work, until stopped", in,
-                  [&] { return runCommand(in.run, version); });
+                  [&] { return in.installService ? installServiceCommand() : runCommand(in.run, version); });
   run->add_option("--simulate", in.run.worldFile, "Run on the simulated machine that this file describes")
       ->option_text("WORLD.json");
   run->add_flag("--lines", in.run.linesOnly, "Print a line per change, also on a terminal");
   run->add_flag("--debug", in.run.logDetails, "Log details too");
+  run->add_flag("--install-service", in.installService,
+                "Instead of running, install a user service that starts it at login");
 
-  addJsonFlag(add(app, "status", "Show what is decided, held and seen", in,
-                  [&] { return statusCommand(in.output()); }),
-              in);
+  auto* status = add(app, "status", "Show what is decided, held and seen", in, [&] {
+    const bool isForBar = in.follow || !in.format.empty();
+    return isForBar ? statusBarCommand(in.format, in.follow, in.output()) : statusCommand(in.output());
+  });
+  addJsonFlag(status, in);
+  status
+      ->add_option("--format", in.format, "On one line for a status bar: plain, waybar, i3blocks or polybar")
+      ->option_text("FORMAT");
+  status->add_flag("--follow", in.follow, "A line for each change");
   add(app, "watch", "Show the same live, on the whole terminal", in, [] { return watchCommand(); });
   addJsonFlag(add(app, "why", "Show how each rule contributed to the decision", in,
                   [&] { return whyCommand(in.output()); }),

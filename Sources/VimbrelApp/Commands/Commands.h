@@ -12,6 +12,9 @@ enum class Output { text, json };
 // One function per subcommand of `vimbrel`, each in the file of its name; the result is the exit status. All
 // of them are clients of the running application. `vimbrel run` itself is in Run/.
 int statusCommand(Output output);
+/// The status on one line, as a bar reads it ("plain" when no format is named); with `follow` a line for each
+/// change, until nobody reads them.
+int statusBarCommand(const std::string& format, bool follow, Output output);
 int watchCommand();
 int whyCommand(Output output);
 int sessionsCommand(Output output);

@@ -6,4 +6,8 @@ namespace vimbrel {
 
 PlatformServices makeHostPlatform(QueueProvider&, const PlatformServices& standIn) { return standIn; }
 
+std::expected<std::string, std::string> installUserService() {
+  return std::unexpected("this operating system has no user services that Vimbrel knows");
+}
+
 }  // namespace vimbrel

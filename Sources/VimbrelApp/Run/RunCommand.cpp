@@ -11,6 +11,7 @@
 #include "Commands/ExitCode.h"
 #include "Control/ControlSocketPath.h"
 #include "Run/BackgroundProcess.h"
+#include "Run/HostPlatform.h"
 #include "Run/InstanceLock.h"
 #include "Support/Directories.h"
 #include "Support/Log.h"
@@ -56,6 +57,20 @@ int runCommand(const RunOptions& options, const std::string& version) {
   }
   ::malloc_trim(0);
   process.run();
+  return exitCode::done;
+}
+
+int installServiceCommand() {
+  const auto installed = installUserService();
+  if (!installed) {
+    std::fprintf(stderr, "vimbrel: the service could not be installed: %s\n", installed.error().c_str());
+    return exitCode::failed;
+  }
+  std::printf(
+      "Installed %s\nIt starts at the next login. To start it now:\n"
+      "  systemctl --user daemon-reload && systemctl --user start com.vimbrel.app\n"
+      "To remove it, while Vimbrel runs: vimbrel settings set launchAtLogin off\n",
+      installed->c_str());
   return exitCode::done;
 }
 

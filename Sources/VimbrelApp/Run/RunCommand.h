@@ -16,4 +16,7 @@ struct RunOptions {
 /// exit status.
 int runCommand(const RunOptions& options, const std::string& version);
 
+/// `vimbrel run --install-service`: has the user's service manager start it at login, instead of the desktop.
+int installServiceCommand();
+
 }  // namespace vimbrel
