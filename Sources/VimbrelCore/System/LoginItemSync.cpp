@@ -4,7 +4,7 @@
 namespace vimbrel {
 
 void LoginItemSync::willStart() {
-  apply();
+  adopt();
   changed_ = settings_->objectWillChange().subscribe([weak = weak_from_this(), queue = mainQueue_] {
     queue->post([weak] {
       if (const auto self = weak.lock()) self->apply();
@@ -12,13 +12,20 @@ void LoginItemSync::willStart() {
   });
 }
 
+void LoginItemSync::adopt() {
+  const bool wanted = settings_->launchAtLogin();
+  const auto status = controller_->status();
+  if (!wanted && status == LoginItemStatus::enabled) (void)settings_->setLaunchAtLogin(true);
+  if (wanted && status != LoginItemStatus::enabled && status != LoginItemStatus::requiresApproval) {
+    (void)controller_->setEnabled(true);
+  }
+  applied_ = settings_->launchAtLogin();
+}
+
 void LoginItemSync::apply() {
   const bool wanted = settings_->launchAtLogin();
-  if (applied_ == wanted) return;
-  const bool isStart = !std::exchange(applied_, wanted).has_value();
-  // What the user switched off elsewhere is not switched on behind their back at every start.
-  if (isStart && controller_->status() == LoginItemStatus::requiresApproval) return;
-  (void)controller_->setEnabled(wanted);  // A failure is logged there, and doctor reports it.
+  if (std::exchange(applied_, wanted) == wanted) return;
+  (void)controller_->setEnabled(wanted);  // A failure is logged there, and the setting can be tried again.
 }
 
 }  // namespace vimbrel

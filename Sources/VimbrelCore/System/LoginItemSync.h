@@ -11,8 +11,10 @@
 
 namespace vimbrel {
 
-/// Carries the setting "launchAtLogin" out, at the start and at each change of it. An entry that the user
-/// switched off in the desktop's own dialogs stays off until the setting is changed. Queue: the main queue.
+/// Keeps the setting "launchAtLogin" and the login item the same. At the start the truth lies with the item:
+/// one that was installed or removed by other means sets the setting, unless the setting asks for one that
+/// was never made. Afterwards each change of the setting is carried out. An entry that the user switched off
+/// in the desktop's own dialogs stays off until the setting is changed. Queue: the main queue.
 class LoginItemSync final : public CoordinatorService, public std::enable_shared_from_this<LoginItemSync> {
  public:
   LoginItemSync(std::shared_ptr<SettingsStore> settings, std::shared_ptr<LaunchAtLoginController> controller,
@@ -26,6 +28,7 @@ class LoginItemSync final : public CoordinatorService, public std::enable_shared
 
  private:
   void apply();
+  void adopt();
 
   const std::shared_ptr<SettingsStore> settings_;
   const std::shared_ptr<LaunchAtLoginController> controller_;
