@@ -192,14 +192,52 @@ void UsageStore::rebuildSessionLocked(const std::string& sessionId) {
 }
 
 bool UsageStore::usesJournalLocked() const {
+  // A rewrite under way has everything up to now; what comes goes to the segment after it.
+  if (rewrite_) return true;
   return !needsWholeWrite_ && !isUnreadable_ &&
-         (storeBytes_ > options_.wholeFileBytes || journal_.bytes() != 0 || rewrite_ ||
-          !unsavedLines_.empty());
+         (storeBytes_ > options_.wholeFileBytes || journal_.bytes() != 0 || !unsavedLines_.empty());
 }
 
 std::size_t UsageStore::recordAll(std::span<const UsageEvent> events) {
   const std::lock_guard guard(lock_);
-  const bool usesJournal = usesJournalLocked();
+  const auto accepted = acceptLocked(events, usesJournalLocked());
+  if (accepted != 0) {
+    isUnsaved_ = true;
+    saveLocked();
+  }
+  return accepted;
+}
+
+std::size_t UsageStore::Bulk::recordAll(std::span<const UsageEvent> events) {
+  // So many events are written in a tenth of a second: until then there is no point in writing.
+  constexpr std::size_t fewEvents = 131'072;
+  std::size_t accepted = 0;
+  bool isDue = false;
+  {
+    const std::lock_guard guard(store_.lock_);
+    accepted = store_.acceptLocked(events, false);
+    unwritten_ += accepted;
+    // What is in memory only is not in any journal line: the next write is a whole one.
+    if (accepted != 0) store_.isUnsaved_ = store_.needsWholeWrite_ = true;
+    isDue = unwritten_ > std::max<std::size_t>(fewEvents, store_.contents_.events.size() / 2);
+  }
+  if (isDue) (void)finish();
+  return accepted;
+}
+
+bool UsageStore::Bulk::finish() {
+  if (unwritten_ == 0) return true;
+  store_.bringIntoStoreFile();
+  const std::lock_guard guard(store_.lock_);
+  if (store_.isUnsaved_ || store_.needsWholeWrite_) {
+    store_.scheduleLocked(store_.options_.retryDelay);
+    return false;
+  }
+  unwritten_ = 0;
+  return true;
+}
+
+std::size_t UsageStore::acceptLocked(std::span<const UsageEvent> events, bool usesJournal) {
   std::size_t accepted = 0;
   for (const auto& event : events) {
     if (!isStorable(event) || contents_.events.size() >= UsageEventTable::maximumEvents) {
@@ -211,10 +249,6 @@ std::size_t UsageStore::recordAll(std::span<const UsageEvent> events) {
     if (!applyLocked(view)) continue;
     ++accepted;
     if (usesJournal) usageStoreFormat::appendJournalLine(unsavedLines_, view);
-  }
-  if (accepted != 0) {
-    isUnsaved_ = true;
-    saveLocked();
   }
   return accepted;
 }
@@ -243,14 +277,8 @@ void UsageStore::saveLocked() {
   } else {
     saved = beginRewriteLocked();
     if (saved) {
-      auto rewrite = std::move(rewrite_);
-      saved = putInPlace(*rewrite);
-      if (saved) {
-        storeBytes_ = rewrite->bytes;
-        rewriteAtJournalBytes_ = storeBytes_ / options_.journalShare;
-        journal_.removeThrough(rewrite->coveredSegment, ".unreadable");
-        needsWholeWrite_ = false;
-      }
+      saved = putInPlace(*rewrite_);
+      endRewriteLocked(saved.has_value());
     }
   }
   isUnsaved_ = !saved;
@@ -306,10 +334,24 @@ std::expected<void, std::string> UsageStore::beginRewriteLocked() {
   }
   auto lastSegment = journal_.current();
   const auto covered = journal_.rotate();
+  const bool isOnlyCopy = needsWholeWrite_ || !unsavedLines_.empty() || !usesJournalLocked();
   unsavedLines_.clear();
-  rewrite_ =
-      std::make_unique<Rewrite>(Rewrite{*std::move(file), output.bytes(), covered, std::move(lastSegment)});
+  needsWholeWrite_ = false;
+  rewrite_ = std::make_unique<Rewrite>(
+      Rewrite{*std::move(file), output.bytes(), covered, std::move(lastSegment), isOnlyCopy});
   return {};
+}
+
+void UsageStore::endRewriteLocked(bool isInPlace) {
+  if (isInPlace) {
+    storeBytes_ = rewrite_->bytes;
+    rewriteAtJournalBytes_ = storeBytes_ / options_.journalShare;
+    journal_.removeThrough(rewrite_->coveredSegment, ".unreadable");
+  } else {
+    rewriteAtJournalBytes_ = journal_.bytes() + storeBytes_ / options_.journalShare;
+    if (rewrite_->isOnlyCopy) isUnsaved_ = needsWholeWrite_ = true;
+  }
+  rewrite_.reset();
 }
 
 std::expected<void, std::string> UsageStore::putInPlace(Rewrite& rewrite) {
@@ -350,17 +392,8 @@ void UsageStore::finishRewriteHoldingFinishLock() {
   if (rewrite == nullptr) return;
   const auto placed = putInPlace(*rewrite);
   const std::lock_guard guard(lock_);
-  if (placed) {
-    storeBytes_ = rewrite->bytes;
-    rewriteAtJournalBytes_ = storeBytes_ / options_.journalShare;
-    journal_.removeThrough(rewrite->coveredSegment, ".unreadable");
-    needsWholeWrite_ = false;
-  } else {
-    rewriteAtJournalBytes_ = journal_.bytes() + storeBytes_ / options_.journalShare;
-    if (rewrite->heldUnsavedLines) isUnsaved_ = needsWholeWrite_ = true;
-    storeLog().error("Failed to save usage store: %s", placed.error().c_str());
-  }
-  rewrite_.reset();
+  if (!placed) storeLog().error("Failed to save usage store: %s", placed.error().c_str());
+  endRewriteLocked(placed.has_value());
 }
 
 void UsageStore::bringIntoStoreFile() {

@@ -67,6 +67,26 @@ class UsageStore {
   /// Accepts a whole poll's events with one write; returns how many were new or replaced earlier ones.
   std::size_t recordAll(std::span<const UsageEvent> events);
 
+  /// Records what can be read again from where it came, such as the agents' logs, without a write for each
+  /// batch: the store is written when what was added outgrows what was there, and at the end.
+  class Bulk {
+   public:
+    explicit Bulk(UsageStore& store) : store_(store) {}
+    ~Bulk() { (void)finish(); }
+    Bulk(const Bulk&) = delete;
+    Bulk& operator=(const Bulk&) = delete;
+
+    /// As the store's, but what it accepted is on disk only after `finish`, or after anything else that
+    /// writes the store.
+    std::size_t recordAll(std::span<const UsageEvent> events);
+    /// Brings everything onto the platter. False when that failed: the store keeps trying.
+    bool finish();
+
+   private:
+    UsageStore& store_;
+    std::size_t unwritten_ = 0;
+  };
+
   /// Events from the start of the user's current day on.
   [[nodiscard]] UsageSummary todaySummary() const;
   /// Events with `from` ≤ timestamp ≤ `to`.
@@ -95,6 +115,7 @@ class UsageStore {
   void load();
   void loadStoreFile();
   void replayJournal();
+  std::size_t acceptLocked(std::span<const UsageEvent> events, bool usesJournal);
   bool applyLocked(const UsageEventView& event);
   void rebuildSessionLocked(const std::string& sessionId);
   [[nodiscard]] bool usesJournalLocked() const;
@@ -108,10 +129,11 @@ class UsageStore {
     std::size_t bytes = 0;
     std::uint64_t coveredSegment = 0;  ///< journal segments up to this one are contained in it
     std::shared_ptr<Fd> lastSegment;
-    bool heldUnsavedLines = false;  ///< it alone has lines that could not be appended to the journal
+    bool isOnlyCopy = false;  ///< it has events that neither the store file nor the journal has
   };
   [[nodiscard]] std::expected<void, std::string> beginRewriteLocked();
   [[nodiscard]] std::expected<void, std::string> putInPlace(Rewrite& rewrite);
+  void endRewriteLocked(bool isInPlace);
   void finishRewrite();
   void finishRewriteHoldingFinishLock();
   void bringIntoStoreFile();

@@ -93,14 +93,10 @@ const ModelRateCard::Row* ModelRateCard::find(std::optional<std::string_view> mo
   return nullptr;
 }
 
-std::optional<double> ModelRateCard::price(std::optional<std::string_view> modelId,
-                                           const BilledTokens& tokens) const {
-  const auto* row = find(modelId);
-  if (row == nullptr) return std::nullopt;
+double ModelRateCard::Row::price(const BilledTokens& tokens) const {
   const auto millions = [](std::optional<std::int64_t> count) {
     return static_cast<double>(count.value_or(0)) / 1'000'000.0;
   };
-  const auto& rate = row->rate;
   double cost = millions(tokens.inputTokens) * rate.inputPerMillionUSD +
                 millions(tokens.outputTokens) * rate.outputPerMillionUSD +
                 millions(tokens.cachedTokens) * rate.cacheReadPerMillionUSD +
@@ -111,6 +107,12 @@ std::optional<double> ModelRateCard::price(std::optional<std::string_view> model
     cost += millions(tokens.oneHourCacheWriteTokens) * rate.inputPerMillionUSD * oneHourFactor;
   }
   return cost;
+}
+
+std::optional<double> ModelRateCard::price(std::optional<std::string_view> modelId,
+                                           const BilledTokens& tokens) const {
+  const auto* row = find(modelId);
+  return row == nullptr ? std::nullopt : std::optional(row->price(tokens));
 }
 
 std::optional<double> ModelRateCard::estimateCost(std::optional<std::string_view> modelId,

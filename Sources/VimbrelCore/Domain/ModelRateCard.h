@@ -43,6 +43,9 @@ class ModelRateCard {
     std::string key;  ///< lower case
     Rate rate;
     std::optional<std::int64_t> contextWindow{};  ///< tokens
+
+    /// US dollars. Absent counts are 0.
+    [[nodiscard]] double price(const BilledTokens& tokens) const;
     bool operator==(const Row&) const = default;
   };
 

@@ -17,6 +17,7 @@
 #include "AgentMonitoring/UsageProviders/JsonLines.h"
 #include "AgentMonitoring/UsageProviders/OpenCodeDatabase.h"
 #include "Support/Directories.h"
+#include "Support/TextMap.h"
 
 namespace vimbrel {
 namespace {
@@ -126,10 +127,18 @@ std::vector<UsageImporter::File> UsageImporter::filesToRead(ImportResult& result
   return files;
 }
 
-UsageImporter::Found UsageImporter::readFile(const File& file) const {
+/// What one thread reads with, file after file.
+struct UsageImporter::Tools {
+  explicit Tools(const ModelRateCard& card) : claude(card) {}
+
+  JsonLinesReader lines;
+  ClaudeLogParser claude;
+};
+
+UsageImporter::Found UsageImporter::readFile(const File& file, Tools& tools) const {
   switch (file.kind) {
     case File::Kind::claude:
-      return readClaude(file);
+      return readClaude(file, tools);
     case File::Kind::codex:
       return readCodex(file);
     case File::Kind::openCode:
@@ -138,9 +147,7 @@ UsageImporter::Found UsageImporter::readFile(const File& file) const {
   return {};
 }
 
-UsageImporter::Found UsageImporter::readClaude(const File& file) const {
-  thread_local JsonLinesReader reader;
-  thread_local ClaudeLogParser parser;
+UsageImporter::Found UsageImporter::readClaude(const File& file, Tools& tools) const {
   Found found;
   const auto session = sessionOf(file.path);
   const auto now = clock_.now();
@@ -148,28 +155,29 @@ UsageImporter::Found UsageImporter::readClaude(const File& file) const {
   // and again.
   found.events.reserve(file.stamp.size / 12288);
   // Each message comes once for every block of its content; the reading that counted most is the true one.
-  std::unordered_map<std::string, std::size_t> byTurn;
+  TextMap<std::size_t> byTurn;
   std::string projectSession;
   JsonLinesPosition position;
   ClaudeLogRecord record;
-  const auto result = reader.read(file.path, position, [&](const JsonLinesReader::Line& line) {
+  const auto result = tools.lines.read(file.path, position, [&](const JsonLinesReader::Line& line) {
     if (line.isTerminated && !ClaudeLogParser::mayCarryUsage(line.text)) return true;
-    const auto outcome = parser.parse(line.text, line.number, session, now, LogTimes::all, card_, record);
+    const auto outcome = tools.claude.parse(line.text, line.number, session, now, LogTimes::all, record);
     if (outcome != ClaudeLogParser::Outcome::usage) return outcome != ClaudeLogParser::Outcome::noJson;
     if (record.directory && record.event.sessionId != projectSession) {
       projectSession = record.event.sessionId;
       found.projects.emplace_back(projectSession, *record.directory);
     }
-    const auto [known, isNew] = byTurn.try_emplace(*record.event.turnId, found.events.size());
-    if (isNew) {
-      found.events.push_back(std::move(record.event));
+    const auto known = byTurn.find(*record.event.turnId);
+    if (known == byTurn.end()) {
+      byTurn.emplace(*record.event.turnId, found.events.size());
+      found.events.push_back(tools.claude.eventOf(record));
       return true;
     }
     auto& earlier = found.events[known->second];
     if (earlier.sessionId != record.event.sessionId) {
-      found.events.push_back(std::move(record.event));
-    } else if (record.event.view().countsMoreThan(earlier.view())) {
-      earlier = std::move(record.event);
+      found.events.push_back(tools.claude.eventOf(record));
+    } else if (record.event.countsMoreThan(earlier.view())) {
+      earlier = tools.claude.eventOf(record);
     }
     return true;
   });
@@ -242,13 +250,14 @@ ImportResult UsageImporter::run(const std::function<void(const ImportProgress&)>
   state.filesInAll = files.size();
   for (const auto& file : files) state.bytesInAll += file.stamp.size;
 
+  UsageStore::Bulk bulk(store_);
   std::vector<UsageEvent> batch;
   batch.reserve(std::min<std::size_t>(batchSize + batchSize / 8, state.bytesInAll / 4096));
   std::vector<const File*> finished;  // their events are in the batch
   const auto recordBatch = [&] {
     result.eventsFound += batch.size();
     for (auto& event : batch) owners_.assign(event);
-    result.eventsRecorded += store_.recordAll(batch);
+    result.eventsRecorded += bulk.recordAll(batch);
     batch.clear();
     for (const auto* file : finished) index_.setRead(file->path, file->stamp);
     finished.clear();
@@ -271,9 +280,10 @@ ImportResult UsageImporter::run(const std::function<void(const ImportProgress&)>
   const auto isCancelled = [&] { return cancelled != nullptr && cancelled->load(std::memory_order_relaxed); };
 
   if (threads_ == 1 || files.size() < 2) {
+    Tools tools(card_);
     for (const auto& file : files) {
       if (isCancelled()) break;
-      accept(file, readFile(file));
+      accept(file, readFile(file, tools));
     }
   } else {
     std::mutex lock;
@@ -283,13 +293,14 @@ ImportResult UsageImporter::run(const std::function<void(const ImportProgress&)>
     std::size_t accepted = 0;
     bool stopping = false;
     const auto work = [&] {
+      Tools tools(card_);
       std::unique_lock guard(lock);
       for (;;) {
         changed.wait(guard, [&] { return stopping || next >= files.size() || next < accepted + filesAhead; });
         if (stopping || next >= files.size()) return;
         const auto mine = next++;
         guard.unlock();
-        auto found = readFile(files[mine]);
+        auto found = readFile(files[mine], tools);
         guard.lock();
         read[mine] = std::move(found);
         changed.notify_all();
@@ -312,7 +323,8 @@ ImportResult UsageImporter::run(const std::function<void(const ImportProgress&)>
     changed.notify_all();
   }
   recordBatch();
-  index_.save();
+  // A file counts as read only when its events are on disk.
+  if (bulk.finish()) index_.save();
   return result;
 }
 

@@ -59,9 +59,10 @@ class UsageImporter {
  private:
   struct File;
   struct Found;
+  struct Tools;
   [[nodiscard]] std::vector<File> filesToRead(ImportResult& result) const;
-  [[nodiscard]] Found readFile(const File& file) const;
-  [[nodiscard]] Found readClaude(const File& file) const;
+  [[nodiscard]] Found readFile(const File& file, Tools& tools) const;
+  [[nodiscard]] Found readClaude(const File& file, Tools& tools) const;
   [[nodiscard]] Found readCodex(const File& file) const;
   [[nodiscard]] Found readOpenCode(const File& file) const;
 

@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "AgentMonitoring/UsageProviders/ClaudeLogLine.h"
 
-#include <cstring>
-
 #include "AgentMonitoring/UsageProviders/LenientJson.h"
+#include "Support/ByteSearch.h"
 #include "Support/SaturatingSum.h"
 #include "Support/Uuid.h"
 
@@ -13,40 +12,47 @@ namespace {
 constexpr std::string_view defaultModel = "claude-3-5-sonnet";
 constexpr std::int64_t defaultContextWindow = 200000;
 
-Instant timeOf(const std::optional<std::string>& text, Instant now, LogTimes times) {
+Instant timeOf(std::optional<std::string_view> text, Instant now, LogTimes times) {
   if (!text) return now;
-  if (times == LogTimes::wholeSecondsOnly && text->find_first_of(".,") != std::string::npos) return now;
+  if (times == LogTimes::wholeSecondsOnly && text->find_first_of(".,") != std::string_view::npos) return now;
   return parseIso8601(*text).value_or(now);
 }
 
 }  // namespace
 
 struct ClaudeLogParser::State {
+  explicit State(const ModelRateCard& rateCard) : card(rateCard) {}
+
   simdjson::dom::parser parser;
+  std::string numberedTurn;  ///< of a line that names no message
+  const ModelRateCard& card;
+  std::string latestModel;  ///< one conversation stays with one model for long
+  const ModelRateCard::Row* latestRow = nullptr;
 };
 
-ClaudeLogParser::ClaudeLogParser() : state_(std::make_unique<State>()) {}
+ClaudeLogParser::ClaudeLogParser(const ModelRateCard& card) : state_(std::make_unique<State>(card)) {}
 ClaudeLogParser::~ClaudeLogParser() = default;
 
 bool ClaudeLogParser::mayCarryUsage(std::string_view line) {
-  constexpr std::string_view key = "\"usage\"";
-  return ::memmem(line.data(), line.size(), key.data(), key.size()) != nullptr;
+  // Without the opening quote, which is the most frequent byte of a log.
+  return occursIn(line, "usage\"");
 }
 
 ClaudeLogParser::Outcome ClaudeLogParser::parse(std::string_view line, std::uint64_t number,
                                                 std::string_view fileName, Instant now, LogTimes times,
-                                                const ModelRateCard& card, ClaudeLogRecord& record) {
+                                                ClaudeLogRecord& record) {
   lenient::Element root;
   if (state_->parser.parse(line.data(), line.size(), false).get(root) != simdjson::SUCCESS)
     return Outcome::noJson;
-  const auto type = lenient::string(root, "type");
+  const auto type = lenient::text(root, "type");
   if (type != "assistant" && type != "result") return Outcome::noUsage;
   const auto message = lenient::object(root, "message");
   if (!message) return Outcome::noUsage;
   const auto usage = lenient::object(*message, "usage");
   if (!usage) return Outcome::noUsage;
 
-  UsageEvent event;
+  record = {};
+  auto& event = record.event;
   event.agentType = AgentType::claude;
   event.inputTokens = lenient::integer(*usage, "input_tokens");
   event.outputTokens = lenient::integer(*usage, "output_tokens");
@@ -61,37 +67,48 @@ ClaudeLogParser::Outcome ClaudeLogParser::parse(std::string_view line, std::uint
   if (total < 1) return Outcome::noUsage;
   event.totalTokens = total;
 
-  event.sessionId = lenient::string(root, "sessionId").value_or(std::string(fileName));
-  event.modelId = lenient::string(*message, "model").value_or(std::string(defaultModel));
-  event.turnId = lenient::string(*message, "id");
-  if (!event.turnId) event.turnId = lenient::string(root, "uuid");
-  if (!event.turnId) event.turnId = event.sessionId + "_turn_" + std::to_string(number);
+  event.sessionId = lenient::text(root, "sessionId").value_or(fileName);
+  event.modelId = lenient::text(*message, "model").value_or(defaultModel);
+  event.turnId = lenient::text(*message, "id");
+  if (!event.turnId) event.turnId = lenient::text(root, "uuid");
+  if (!event.turnId) {
+    state_->numberedTurn = std::string(event.sessionId) + "_turn_" + std::to_string(number);
+    event.turnId = state_->numberedTurn;
+  }
+  event.timestamp = timeOf(lenient::text(root, "timestamp"), now, times);
+  event.source = "claude-project-log";
 
-  BilledTokens billed{.inputTokens = event.inputTokens,
-                      .outputTokens = event.outputTokens,
-                      .cachedTokens = event.cachedTokens,
-                      .reasoningTokens = event.reasoningTokens,
-                      .cacheWriteTokens = event.cacheWriteTokens};
+  record.billed = {.inputTokens = event.inputTokens,
+                   .outputTokens = event.outputTokens,
+                   .cachedTokens = event.cachedTokens,
+                   .reasoningTokens = event.reasoningTokens,
+                   .cacheWriteTokens = event.cacheWriteTokens};
   if (const auto writes = lenient::object(*usage, "cache_creation")) {
     const auto oneHour = lenient::integer(*writes, "ephemeral_1h_input_tokens").value_or(0);
     const auto all = event.cacheWriteTokens.value_or(0);
     if (oneHour > 0 && oneHour <= all) {
-      billed.oneHourCacheWriteTokens = oneHour;
-      billed.cacheWriteTokens = all - oneHour;
+      record.billed.oneHourCacheWriteTokens = oneHour;
+      record.billed.cacheWriteTokens = all - oneHour;
     }
   }
-  event.costEstimateUSD = card.price(event.modelId, billed);
-  const auto* row = card.find(event.modelId);
-  event.contextWindow =
-      row != nullptr ? row->contextWindow.value_or(defaultContextWindow) : defaultContextWindow;
-  event.timestamp = timeOf(lenient::string(root, "timestamp"), now, times);
-  event.id = randomUuid();
-  event.source = "claude-project-log";
-
-  record.contextWindow = *event.contextWindow;
-  record.directory = lenient::string(root, "cwd");
-  record.event = std::move(event);
+  record.directory = lenient::text(root, "cwd");
   return Outcome::usage;
+}
+
+UsageEvent ClaudeLogParser::eventOf(const ClaudeLogRecord& record) {
+  auto& state = *state_;
+  if (const auto model = *record.event.modelId; model != state.latestModel) {
+    state.latestModel = model;
+    state.latestRow = state.card.find(model);
+  }
+  auto event = record.event.toEvent();
+  event.id = randomUuid();
+  event.contextWindow = defaultContextWindow;
+  if (state.latestRow != nullptr) {
+    event.costEstimateUSD = state.latestRow->price(record.billed);
+    event.contextWindow = state.latestRow->contextWindow.value_or(defaultContextWindow);
+  }
+  return event;
 }
 
 }  // namespace vimbrel

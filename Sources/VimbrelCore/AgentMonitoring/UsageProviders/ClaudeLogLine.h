@@ -18,25 +18,32 @@ namespace vimbrel {
 /// record.
 enum class LogTimes : std::uint8_t { wholeSecondsOnly, all };
 
-/// One line of a Claude Code log that carries usage.
+/// One line of a Claude Code log that carries usage. Its texts live until the parser's next line. Most lines
+/// are readings of a message that is known already, so the event's id, price and context window are only made
+/// for the one that is kept (`ClaudeLogParser::eventOf`).
 struct ClaudeLogRecord {
-  UsageEvent event;
-  std::int64_t contextWindow = 0;        ///< tokens
-  std::optional<std::string> directory;  ///< where the agent worked
+  UsageEventView event;
+  BilledTokens billed;
+  std::optional<std::string_view> directory;  ///< where the agent worked
 };
 
 /// Reads lines of Claude Code's conversation logs. Not for several threads at once.
 class ClaudeLogParser {
  public:
-  ClaudeLogParser();
+  /// `card` must outlive the parser.
+  explicit ClaudeLogParser(const ModelRateCard& card);
   ~ClaudeLogParser();
 
   enum class Outcome : std::uint8_t { noJson, noUsage, usage };
 
   /// `line` needs 64 readable bytes behind it. `fileName` without its extension is the session of a line that
-  /// names none; `number` is the line's number from the start of its file.
+  /// names none, and must live as long as the record; `number` is the line's number from the start of its
+  /// file.
   Outcome parse(std::string_view line, std::uint64_t number, std::string_view fileName, Instant now,
-                LogTimes times, const ModelRateCard& card, ClaudeLogRecord& record);
+                LogTimes times, ClaudeLogRecord& record);
+
+  /// The event of a record, with an id of its own, its price and its model's context window.
+  [[nodiscard]] UsageEvent eventOf(const ClaudeLogRecord& record);
 
   /// False for lines that cannot carry usage, without parsing them: most of a log.
   [[nodiscard]] static bool mayCarryUsage(std::string_view line);

@@ -48,10 +48,10 @@ ClaudeUsageProvider::ClaudeUsageProvider(const std::vector<std::string>& roots,
                                          const ModelRateCard& card, const TreeChangesFactory& changes)
     : PollingUsageProvider(AgentType::claude, std::move(queue), 3000ms, clock, Logger("usage.claude"),
                            "ClaudeUsageProvider active on " + projectsBelow(roots).front()),
-      card_(card),
       files_(
           projectsBelow(roots), [](std::string_view name) { return name.ends_with(".jsonl"); }, changes,
-          clock) {}
+          clock),
+      parser_(card) {}
 
 bool ClaudeUsageProvider::sourceMayHaveChanged() {
   changed_ = files_.refresh() || changed_;
@@ -77,29 +77,27 @@ void ClaudeUsageProvider::findReport() {
   }
 }
 
-std::optional<ClaudeLogRecord> ClaudeUsageProvider::parseFile(const std::string& path,
-                                                              JsonLinesPosition& position,
-                                                              std::vector<UsageEvent>* events) {
+std::optional<UsageEvent> ClaudeUsageProvider::parseFile(const std::string& path, JsonLinesPosition& position,
+                                                         std::vector<UsageEvent>* events) {
   const auto session = stemOf(path);
   const auto now = clock().now();
-  std::optional<ClaudeLogRecord> latest;
+  std::optional<UsageEvent> latest;
+  ClaudeLogRecord record;
   JsonLinesReader reader;
   reader.read(path, position, [&](const JsonLinesReader::Line& line) {
     if (line.isTerminated && !ClaudeLogParser::mayCarryUsage(line.text)) return true;
-    ClaudeLogRecord record;
     const auto outcome =
-        parser_.parse(line.text, line.number, session, now, LogTimes::wholeSecondsOnly, card_, record);
+        parser_.parse(line.text, line.number, session, now, LogTimes::wholeSecondsOnly, record);
     if (outcome == ClaudeLogParser::Outcome::usage) {
-      if (events != nullptr) events->push_back(record.event);
-      latest = std::move(record);
+      latest = parser_.eventOf(record);
+      if (events != nullptr) events->push_back(*latest);
     }
     return outcome != ClaudeLogParser::Outcome::noJson;
   });
   return latest;
 }
 
-ProviderBudgetReport ClaudeUsageProvider::reportOf(const ClaudeLogRecord& record) const {
-  const auto& event = record.event;
+ProviderBudgetReport ClaudeUsageProvider::reportOf(const UsageEvent& event) const {
   const auto now = clock().now();
   std::optional<CostBudget> cost;
   if (event.costEstimateUSD) cost = CostBudget{std::max(*event.costEstimateUSD, 0.0), true};
@@ -108,7 +106,7 @@ ProviderBudgetReport ClaudeUsageProvider::reportOf(const ClaudeLogRecord& record
       .sessionId = event.sessionId,
       .modelId = event.modelId,
       .context = BudgetMetric<ContextBudget>::known(
-          ContextBudget::create(record.contextWindow, event.totalTokens.value_or(0)), 1.0,
+          ContextBudget::create(event.contextWindow.value_or(0), event.totalTokens.value_or(0)), 1.0,
           "claude-project-log"),
       .quota = BudgetMetric<AccountQuotaBudget>::unavailable("Quota unavailable"),
       .sessionUsage = UsageMetrics{.inputTokens = event.inputTokens,
@@ -117,7 +115,7 @@ ProviderBudgetReport ClaudeUsageProvider::reportOf(const ClaudeLogRecord& record
                                    .cacheWriteTokens = event.cacheWriteTokens,
                                    .reasoningTokens = event.reasoningTokens,
                                    .totalTokens = event.totalTokens,
-                                   .contextWindow = record.contextWindow,
+                                   .contextWindow = event.contextWindow,
                                    .sessionCostEstimateUSD = std::nullopt,
                                    .recordedAt = now},
       .cost = cost,

@@ -24,12 +24,11 @@ class ClaudeUsageProvider final : public PollingUsageProvider {
   std::vector<UsageEvent> readSource() override;
   bool sourceMayHaveChanged() override;
   void findReport() override;
-  /// Appends the events that were added since `position`, if they are wanted, and gives the last record.
-  std::optional<ClaudeLogRecord> parseFile(const std::string& path, JsonLinesPosition& position,
-                                           std::vector<UsageEvent>* events);
-  [[nodiscard]] ProviderBudgetReport reportOf(const ClaudeLogRecord& record) const;
+  /// Appends the events that were added since `position`, if they are wanted, and gives the last one.
+  std::optional<UsageEvent> parseFile(const std::string& path, JsonLinesPosition& position,
+                                      std::vector<UsageEvent>* events);
+  [[nodiscard]] ProviderBudgetReport reportOf(const UsageEvent& event) const;
 
-  const ModelRateCard& card_;
   RecentFiles files_;
   bool changed_ = false;  // a tick saw that there is something to read
   ClaudeLogParser parser_;

@@ -26,11 +26,17 @@ inline std::optional<Element> object(const Element& value, std::string_view key)
   return found && found->is_object() ? found : std::nullopt;
 }
 
-inline std::optional<std::string> string(const Element& value, std::string_view key) {
+/// Lives until the parser's next document.
+inline std::optional<std::string_view> text(const Element& value, std::string_view key) {
   const auto found = member(value, key);
-  std::string_view text;
-  if (!found || found->get(text) != simdjson::SUCCESS) return std::nullopt;
-  return std::string(text);
+  std::string_view characters;
+  if (!found || found->get(characters) != simdjson::SUCCESS) return std::nullopt;
+  return characters;
+}
+
+inline std::optional<std::string> string(const Element& value, std::string_view key) {
+  const auto characters = text(value, key);
+  return characters ? std::optional<std::string>(*characters) : std::nullopt;
 }
 
 inline std::optional<std::int64_t> integer(const Element& value, std::string_view key) {
