@@ -35,8 +35,10 @@ struct Invocation {
   std::vector<std::string> heldCommand;
   AgentSetupOptions agentSetup;
   UsageRange range;
+  BudgetArguments budget;
   bool confirmed = false;
   std::string exportFormat = "json";
+  bool all = false;
   std::function<int()> command;
 
   [[nodiscard]] Output output() const { return json ? Output::json : Output::text; }
@@ -188,6 +190,8 @@ void describeUsage(CLI::App& app, Invocation& in) {
     report->add_option("--since", in.range.since, "From this day or time on")->option_text("DAY");
     report->add_option("--until", in.range.until, "Up to this day, or time")->option_text("DAY");
     report->add_option("--agent", in.range.agent, "Of one agent only");
+    report->add_option("--timezone", in.range.timezone, "Days of this time zone, such as Europe/Berlin")
+        ->option_text("ZONE");
     addJsonFlag(report, in);
   };
   for (const auto& [by, description] :
@@ -207,9 +211,39 @@ void describeUsage(CLI::App& app, Invocation& in) {
   auto* reset = usage->add_subcommand("reset", "Forget what was recorded; asks first");
   reset->add_flag("--yes", in.confirmed, "Do not ask");
   reset->callback([&in] { in.command = [&in] { return usageResetCommand(in.confirmed); }; });
-  addJsonFlag(add(app, "budgets", "Show each agent's context, quota and cost", in,
-                  [&] { return budgetsCommand(in.output()); }),
+  addJsonFlag(
+      add(*usage, "rates", "List the prices in force", in, [&] { return usageRatesCommand(in.output()); }),
+      in);
+  auto* import = add(*usage, "import", "Read what the agents wrote since the last time", in,
+                     [&] { return usageImportCommand(in.all, in.output()); });
+  import->add_flag("--all", in.all, "Open the files that did not change, too");
+  addJsonFlag(import, in);
+}
+
+void describeBudgets(CLI::App& app, Invocation& in) {
+  auto* budgets = app.add_subcommand("budgets", "Show what is left: context, quota, money");
+  budgets->callback([&in, budgets] {
+    if (budgets->get_subcommands().empty()) in.command = [&in] { return budgetsCommand(in.output()); };
+  });
+  addJsonFlag(budgets, in);
+  const auto addScope = [&](CLI::App* command) {
+    command->add_option("period", in.budget.period, "daily, weekly or monthly")
+        ->required()
+        ->check(CLI::IsMember({"daily", "weekly", "monthly"}));
+    command->add_option("--agent", in.budget.agent, "For one agent only");
+    command->add_option("--project", in.budget.project, "For one directory and those below it only");
+  };
+  auto* set = add(*budgets, "set", "Set how much may be spent: budgets set daily 20", in,
+                  [&] { return budgetsSetCommand(in.budget); });
+  addScope(set);
+  set->add_option("amount", in.budget.amount, "US dollars")->required();
+  addScope(
+      add(*budgets, "remove", "Remove a money budget", in, [&] { return budgetsRemoveCommand(in.budget); }));
+  addJsonFlag(add(*budgets, "check", "Exit with 1 when a money budget is overspent", in,
+                  [&] { return budgetsCheckCommand(in.output()); }),
               in);
+  add(app, "statusline", "Print Claude Code's status line; reads its document on standard input", in,
+      [] { return statusLineCommand(); });
 }
 
 /// What the first argument that is neither a known command nor a known option was probably meant to be.
@@ -268,6 +302,7 @@ void compose(CLI::App& app, Invocation& invocation) {
   describeHistory(app, invocation);
   describeAgents(app, invocation);
   describeUsage(app, invocation);
+  describeBudgets(app, invocation);
   std::string meanings = "Exit status:\n";
   for (const auto& [status, meaning] : exitCode::meanings) {
     meanings += "  " + std::to_string(status) + "  " + meaning + "\n";

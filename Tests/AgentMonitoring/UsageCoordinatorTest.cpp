@@ -113,12 +113,28 @@ TEST_F(Usage, publishesBudgetsAndTheirAlerts) {
   usage_->refreshBudgetReports();
   time_.runReady();
   EXPECT_TRUE(usage_->budgetReport(AgentType::claude)) << "a provider without a report keeps the one before";
-  usage_->setMeasuredQuota(AgentType::claude, {.percentageRemaining = 3}, "status-line");
+  const AccountQuotaBudget quota{.percentageRemaining = 3, .resetsAt = time_.now() + Seconds(3600)};
+  usage_->setMeasuredBudget(AgentType::claude, {.quota = quota, .source = "status-line"});
   provider_->report = reportWith(10);
   usage_->refreshBudgetReports();
   time_.runReady();
   EXPECT_EQ(usage_->latestBudgetReports().get().at(AgentType::claude).quota.source(), "status-line");
   EXPECT_EQ(usage_->lowBudgetAlerts().get().at(AgentType::claude).level, LowBudgetLevel::exhausted);
+  // Context and cost are a session's; the quota is the account's, and ends with its window.
+  usage_->setMeasuredBudget(
+      AgentType::claude,
+      {.sessionId = "s9", .context = ContextBudget::create(200000, 150000), .source = "status-line"});
+  time_.runReady();
+  auto claude = usage_->latestBudgetReports().get().at(AgentType::claude);
+  EXPECT_EQ(claude.sessionId, "s9");
+  EXPECT_EQ(claude.context.value()->tokensRemaining(), 50000);
+  EXPECT_EQ(claude.quota.value()->percentageRemaining, 3);
+  time_.advance(std::chrono::seconds(3601));
+  usage_->refreshBudgetReports();
+  time_.runReady();
+  claude = usage_->latestBudgetReports().get().at(AgentType::claude);
+  EXPECT_NE(claude.quota.source(), "status-line");
+  EXPECT_NE(claude.context.source(), "status-line") << "the provider tells of another session now";
   usage_->resetUsageData();
   time_.runReady();
   EXPECT_TRUE(usage_->latestBudgetReports().get().empty());

@@ -6,9 +6,16 @@
 #include <utime.h>
 #include <zstd.h>
 
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <random>
+#include <thread>
 
 #include "AgentMonitoring/UsageProviders/ClaudeUsageProvider.h"
 #include "AgentMonitoring/UsageProviders/CodexUsageProvider.h"
@@ -124,6 +131,70 @@ TEST_P(UsageImport, aSecondImportAndLivePollsChangeNothing) {
   EXPECT_EQ(import().eventsRecorded, 1U);
   openStore();
   EXPECT_EQ(store_->eventCount(), 121U);
+}
+
+TEST_P(UsageImport, racingWithLivePollsCountsEachMessageOnce) {
+  int expected = 0;
+  for (int i = 0; i < 60; ++i) {
+    const auto name = "s" + std::to_string(i);
+    std::string lines;
+    for (int turn = 0; turn < 30; ++turn) {
+      const auto message = "msg_" + name + "_" + std::to_string(turn);
+      lines += block(name, message, 1, "2026-03-07T10:00:00Z") +
+               block(name, message, 10 + turn, "2026-03-07T10:00:00Z");
+      expected += 10 + turn;
+    }
+    write("claude/projects/p/" + name + ".jsonl", lines);
+  }
+  std::atomic<bool> isOver = false;
+  std::size_t polled = 0;
+  std::thread poller([&] {
+    while (!isOver || polled == 0) {
+      const auto provider =
+          std::make_shared<ClaudeUsageProvider>(std::vector{directory_.file("claude")}, time_.mainQueue(),
+                                                time_, ModelRateCard::builtIn(), nullptr);
+      for (const auto& event : provider->pollLatestEvents()) polled += store_->record(event) ? 1 : 0;
+    }
+  });
+  const auto imported = import();
+  isOver = true;
+  poller.join();
+  EXPECT_EQ(outputOf(AgentType::claude), expected);
+  EXPECT_EQ(store_->eventCount(), 60U * 30U);
+  EXPECT_GE(imported.eventsRecorded + polled, store_->eventCount());
+  openStore();
+  EXPECT_EQ(outputOf(AgentType::claude), expected);
+}
+
+TEST_P(UsageImport, killedAnywhereAndBegunAgainCountsEachMessageOnce) {
+  int expected = 0;
+  for (int i = 0; i < 300; ++i) {
+    const auto name = "s" + std::to_string(i);
+    write("claude/projects/p/" + name + ".jsonl", block(name, "msg_" + name, i + 1, "2026-03-07T10:00:00Z"));
+    expected += i + 1;
+  }
+  store_.reset();
+  std::mt19937 random(5);
+  for (int kill = 0; kill < 60; ++kill) {
+    const pid_t child = ::fork();
+    if (child == 0) {
+      openStore();
+      import();
+      store_.reset();
+      ::_exit(0);
+    }
+    ::usleep(std::uniform_int_distribution<unsigned>(0, 12000)(random));
+    ::kill(child, SIGKILL);
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    if (kill % 20 == 19) {  // From nothing again: the kills hit the first import, too.
+      std::filesystem::remove_all(directory_.file("Vimbrel"));
+    }
+  }
+  openStore();
+  import();
+  EXPECT_EQ(outputOf(AgentType::claude), expected);
+  EXPECT_EQ(store_->eventCount(), 300U);
 }
 
 std::string codexTurn(int cumulative, int last, const char* time) {

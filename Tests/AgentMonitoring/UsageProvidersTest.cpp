@@ -1,13 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <gtest/gtest.h>
 #include <sqlite3.h>
+#include <sys/wait.h>
+#include <unistd.h>
 #include <utime.h>
 
 #include <filesystem>
 #include <fstream>
+#include <map>
+#include <utility>
 
 #include "AgentMonitoring/UsageProviders/ClaudeUsageProvider.h"
 #include "AgentMonitoring/UsageProviders/CodexUsageProvider.h"
+#include "AgentMonitoring/UsageProviders/OpenCodeDatabase.h"
 #include "AgentMonitoring/UsageProviders/OpenCodeUsageProvider.h"
 #include "Support/CalendarDay.h"
 #include "Support/VirtualTime.h"
@@ -292,6 +297,49 @@ TEST_F(OpenCode, readsMessagesWhileAnotherConnectionWrites) {
   events = provider.pollLatestEvents();
   ASSERT_EQ(events.size(), 1U) << "a message whose row was rewritten with more tokens comes again";
   EXPECT_EQ(events[0].totalTokens, 30);
+}
+
+TEST_F(OpenCode, countsEachMessageAtItsHighestWhileAnotherProcessWrites) {
+  sqlite3_close(std::exchange(writer_, nullptr));
+  constexpr int messages = 200;
+  const pid_t child = ::fork();
+  if (child == 0) {
+    // Each message's row is rewritten while it grows, as the agent does it.
+    for (int i = 0; i < messages; ++i) {
+      for (const int output : {1, i + 1}) {
+        put("m" + std::to_string(i), 1000 * (i + 1),
+            R"({"tokens":{"output":)" + std::to_string(output) + "}}");
+      }
+      if (i % 50 == 49) execute("PRAGMA wal_checkpoint(TRUNCATE);");
+    }
+    ::_exit(HasFailure() ? 1 : 0);
+  }
+  OpenCodeUsageProvider provider(path_, time_.mainQueue(), time_, ModelRateCard::builtIn());
+  std::map<std::string, std::int64_t> highest;
+  int status = 0;
+  int polls = 0;
+  for (bool isOver = false; !isOver; ++polls) {
+    isOver = ::waitpid(child, &status, WNOHANG) == child;
+    for (const auto& event : provider.pollLatestEvents()) {
+      auto& known = highest[*event.turnId];
+      known = std::max(known, *event.outputTokens);
+    }
+  }
+  ASSERT_EQ(status, 0);
+  EXPECT_GT(polls, 1);
+  // A poll reads the latest messages; those that passed between two polls are found by the import.
+  for (int i = messages - 10; i < messages; ++i) EXPECT_EQ(highest["m" + std::to_string(i)], i + 1);
+  const OpenCodeDatabase database(path_);
+  int found = 0;
+  std::int64_t sum = 0;
+  OpenCodeMessageParser parser(ModelRateCard::builtIn());
+  EXPECT_TRUE(database.allMessages([&](const OpenCodeRow& row) {
+    const auto usage = parser.parse(row, time_.now());
+    ++found;
+    if (usage) sum += *usage->event.outputTokens;
+  }));
+  EXPECT_EQ(found, messages);
+  EXPECT_EQ(sum, messages * (messages + 1) / 2);
 }
 
 TEST_F(OpenCode, aDatabaseThatIsNoneYieldsNothing) {

@@ -255,6 +255,65 @@ TEST(UsageStore, passesOverUnreadableJournalLinesAndKeepsThem) {
 }
 
 /// Sums and sessions always equal what the list of accepted events gives, whatever happened in which order.
+TEST(UsageStore, writesABulkOnceAndKeepsItUnwrittenWhereThatFails) {
+  World world;
+  world.open().record(turn("s", "before", 1));
+  CapturedLog log;
+  {
+    UsageStore::Bulk bulk(*world.store);
+    const auto before = world.contents();
+    for (int i = 0; i < 20; ++i) {
+      EXPECT_EQ(bulk.recordAll({{turn("s", std::to_string(i), 1), turn("s", "before", 1)}}), 1U);
+    }
+    EXPECT_EQ(world.contents(), before);
+    // An event that was not part of it is on disk at once, and everything with it.
+    EXPECT_TRUE(world.store->record(turn("s", "other", 1)));
+    EXPECT_TRUE(world.contents().contains("_19\"") && world.contents().contains("_other\""));
+
+    EXPECT_EQ(bulk.recordAll({{turn("s", "late", 1)}}), 1U);
+    std::filesystem::create_directory(world.options.path + ".new");
+    EXPECT_FALSE(bulk.finish());
+    EXPECT_FALSE(log.take().empty());
+    EXPECT_TRUE(world.store->record(turn("s", "meanwhile", 1)));
+    std::filesystem::remove(world.options.path + ".new");
+    EXPECT_TRUE(bulk.finish());
+  }
+  World other;
+  std::filesystem::copy(world.directory.path(), other.directory.path(),
+                        std::filesystem::copy_options::recursive);
+  EXPECT_EQ(other.open().eventCount(), 24U);
+}
+
+TEST(UsageStore, givesEventsAPriceThatBecameKnownLater) {
+  World world;
+  auto unknown = turn("s", "1", 1'000'000);
+  unknown.modelId = "house-model";
+  auto known = turn("s", "2", 1'000'000);
+  known.modelId = "house-model";
+  known.costEstimateUSD = 0.5;
+  auto nested = turn("c", "3", 1'000'000);
+  nested.agentType = AgentType::codex;
+  nested.cachedTokens = 400'000;
+  nested.modelId = "house-model";
+  world.open().recordAll({{unknown, known, nested, turn("s", "4", 7)}});
+  EXPECT_EQ(world.store->priceUnpriced(ModelRateCard::builtIn()), 0U);
+  const auto card = ModelRateCard::builtIn().with({{"house-model", {2, 8, 1, 2, 8}, std::nullopt}});
+  EXPECT_EQ(world.store->priceUnpriced(card), 2U);
+  for (int reopened = 0; reopened < 2; ++reopened) {
+    const auto events = world.store->allEvents();
+    EXPECT_EQ(events[0].costEstimateUSD, 2.0);
+    EXPECT_EQ(events[1].costEstimateUSD, 0.5);
+    EXPECT_DOUBLE_EQ(*events[2].costEstimateUSD, 0.6 * 2 + 0.4) << "cached tokens are part of its input";
+    EXPECT_FALSE(events[3].costEstimateUSD);
+    double sessions = 0;
+    for (const auto& session : world.store->recentSessions())
+      sessions += session.estimatedCostUSD.value_or(0);
+    EXPECT_DOUBLE_EQ(sessions, 2.0 + 0.5 + 1.6);
+    world.open();
+  }
+  EXPECT_EQ(world.store->priceUnpriced(card), 0U);
+}
+
 TEST(UsageStore, agreesWithARecomputationAfterAnySequence) {
   for (unsigned seed = 1; seed <= 30; ++seed) {
     std::mt19937 random(seed);
@@ -299,7 +358,11 @@ TEST(UsageStore, agreesWithARecomputationAfterAnySequence) {
           std::size_t accepted = 0;
           for (unsigned i = below(20); i > 0; --i) batch.push_back(draw());
           for (const auto& event : batch) accepted += accept(event) ? 1U : 0U;
-          ASSERT_EQ(world.store->recordAll(batch), accepted);
+          if (below(2) == 0) {
+            ASSERT_EQ(world.store->recordAll(batch), accepted);
+          } else {
+            ASSERT_EQ(UsageStore::Bulk(*world.store).recordAll(batch), accepted);
+          }
           break;
         }
         default: {

@@ -6,6 +6,7 @@
 
 #include "Domain/HookUsage.h"
 #include "Domain/ModelRateCard.h"
+#include "Domain/RatesFile.h"
 #include "Domain/UsageCodec.h"
 
 namespace vimbrel {
@@ -159,6 +160,40 @@ TEST(ModelRateCard, anotherCardAddsAndOverridesRows) {
   EXPECT_EQ(card.find("gpt-4o")->contextWindow, 128'000);
   EXPECT_EQ(card.rows().size(), 20U);
   EXPECT_EQ(ModelRateCard::builtIn().price("gpt-4o", {.inputTokens = 1'000'000}), 2.5);
+}
+
+TEST(RatesFile, addsTheUsersPricesAndSaysWhatIsWrongWithThem) {
+  const auto rows = ratesFile::parse(R"({"models":[
+      {"model":"House-Model","input":2,"output":8,"contextWindow":32000},
+      {"model":"gpt-4o","input":1,"output":1,"cacheRead":0,"cacheWrite":0,"reasoning":0}]})");
+  ASSERT_TRUE(rows) << rows.error();
+  const auto card = ModelRateCard::builtIn().with(*rows);
+  const BilledTokens million{
+      .inputTokens = 1'000'000, .cachedTokens = 1'000'000, .reasoningTokens = 1'000'000};
+  EXPECT_EQ(card.price("vendor/house-model-7b", million), 2 + 2 + 8.0)
+      << "missing prices are the dearer ones";
+  EXPECT_EQ(card.price("gpt-4o", million), 1.0);
+  EXPECT_EQ(card.find("gpt-4o")->contextWindow, 128'000);
+  EXPECT_EQ(card.price("claude-opus-5", million), ModelRateCard::builtIn().price("claude-opus-5", million));
+  for (const auto& [text, says] : {
+           std::pair("[]", "not a JSON object"),
+           std::pair("{}", "no list \"models\""),
+           std::pair(R"({"models":[{"input":1,"output":1}]})", "\"model\" is missing"),
+           std::pair(R"({"models":[{"model":" ","input":1,"output":1}]})", "\"model\" is empty"),
+           std::pair(R"({"models":[{"model":"a","input":1}]})", "a: \"output\" is missing"),
+           std::pair(R"({"models":[{"model":"a","input":-1,"output":1}]})", "a: \"input\" is no price"),
+           std::pair(R"({"models":[{"model":"a","input":1,"output":1e9}]})", "a: \"output\" is no price"),
+           std::pair(R"({"models":[{"model":"a","input":1,"output":1,"contextWindow":0}]})",
+                     "\"contextWindow\" is no"),
+       }) {
+    const auto refused = ratesFile::parse(text);
+    ASSERT_FALSE(refused) << text;
+    EXPECT_TRUE(refused.error().contains(says)) << refused.error();
+  }
+  EXPECT_EQ(ratesFile::load("/nonexistent/rates.json")->rows().size(),
+            ModelRateCard::builtIn().rows().size());
+  EXPECT_TRUE(
+      ratesFile::load("/dev/null/rates.json").error().starts_with("the prices in /dev/null/rates.json"));
 }
 
 TEST(HookUsage, convertsWhatCountsAndNothingElse) {

@@ -46,17 +46,36 @@ int agentSetupCommand(const AgentSetupOptions& options, Output output);
 /// Reports once through the relay as that agent would.
 int agentTestCommand(const std::string& agent, const std::string& relay, Output output);
 
-/// Days ("2026-01-31") or ISO 8601 times, and an agent's raw value; empty means no limit.
+/// Days ("2026-01-31") or ISO 8601 times, an agent's raw value, and the time zone whose days are meant; empty
+/// means no limit, and the user's own zone.
 struct UsageRange {
   std::string since;
   std::string until;
   std::string agent;
+  std::string timezone;
 };
 int usageTodayCommand(Output output);
 /// `by` is daily, weekly, monthly, sessions, models, projects or blocks.
 int usageReportCommand(const std::string& by, const UsageRange& range, Output output);
 int usageExportCommand(const std::string& format);
 int usageResetCommand(bool confirmed);
+int usageRatesCommand(Output output);
+/// Waits for the import, with a progress bar on a terminal. `all` opens unchanged files too.
+int usageImportCommand(bool all, Output output);
+
+/// A money budget as the command line names it; `amount` is empty where none is asked for.
+struct BudgetArguments {
+  std::string period;
+  std::string amount;
+  std::string agent;
+  std::string project;
+};
 int budgetsCommand(Output output);
+int budgetsSetCommand(const BudgetArguments& arguments);
+int budgetsRemoveCommand(const BudgetArguments& arguments);
+/// Exits with 1 when a money budget is overspent.
+int budgetsCheckCommand(Output output);
+/// Claude Code's status line: its document on standard input, one line on standard output.
+int statusLineCommand();
 
 }  // namespace vimbrel

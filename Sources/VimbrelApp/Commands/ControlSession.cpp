@@ -14,10 +14,10 @@ namespace vimbrel {
 
 using nlohmann::json;
 
-std::expected<json, int> ask(std::string_view method, const json& params) {
+std::expected<json, int> ask(std::string_view method, const json& params, std::chrono::milliseconds timeout) {
   auto client = ControlClient::connect(controlSocketPath());
   if (!client) return std::unexpected(reportFailure(client.error()));
-  auto answer = client->call(method, params);
+  auto answer = client->call(method, params, timeout);
   if (!answer) return std::unexpected(reportFailure(answer.error()));
   return std::move(*answer);
 }

@@ -14,7 +14,9 @@ namespace vimbrel {
 
 /// Calls one method of the running application. On failure the user has been told on standard error and the
 /// error is the exit status.
-[[nodiscard]] std::expected<nlohmann::json, int> ask(std::string_view method, const nlohmann::json& params);
+[[nodiscard]] std::expected<nlohmann::json, int> ask(
+    std::string_view method, const nlohmann::json& params,
+    std::chrono::milliseconds timeout = std::chrono::seconds(10));
 
 /// Says on standard error what went wrong and what to do; returns the exit status.
 int reportFailure(const ControlClientError& error);

@@ -11,7 +11,8 @@
 #include "Commands/ControlSession.h"
 #include "Commands/ExitCode.h"
 #include "Domain/BudgetIntelligence.h"
-#include "Support/CalendarDay.h"
+#include "Domain/RatesFile.h"
+#include "Terminal/DisplayText.h"
 #include "Terminal/Table.h"
 #include "Terminal/TerminalSize.h"
 
@@ -74,15 +75,16 @@ void printReport(const json& report, const char* keyTitle) {
   printLines(table.lines(outputWidth(STDOUT_FILENO), Palette::forDescriptor(STDOUT_FILENO)));
 }
 
-/// A day ("2026-01-31") as its first or last instant in the user's calendar, or an ISO 8601 time.
-std::optional<Instant> momentOf(const std::string& text, bool endOfDay) {
-  if (const auto exact = parseIso8601(text)) return exact;
-  const auto noon = parseIso8601(text + "T12:00:00Z");
-  if (!noon || text.size() != 10) return std::nullopt;
-  const std::chrono::year_month_day day{
-      std::chrono::floor<std::chrono::days>(std::chrono::time_point_cast<std::chrono::seconds>(*noon))};
-  if (!endOfDay) return startOfLocalDay(day);
-  return startOfLocalDay(std::chrono::sys_days{day} + std::chrono::days{1}) - Seconds{0.001};
+/// Costs of models that no price is known for are in no sum; that must not be overlooked.
+void printUnpriced(const json& report) {
+  std::string models;
+  for (const auto& model : report.value("unpricedModels", json::array())) {
+    if (!models.empty()) models += ", ";
+    models += displayable(model.is_string() ? model.get<std::string>() : "?");
+  }
+  if (models.empty()) return;
+  printLines({"", "Unpriced, and in no cost: " + models + ".",
+              "Give them prices in " + ratesFile::defaultPath() + " (docs/usage.md)."});
 }
 
 }  // namespace
@@ -109,16 +111,12 @@ int usageTodayCommand(Output output) {
 
 int usageReportCommand(const std::string& by, const UsageRange& range, Output output) {
   json params{{"by", by}};
-  for (const auto& [text, key, endOfDay] :
-       {std::tuple(&range.since, "since", false), std::tuple(&range.until, "until", true)}) {
-    if (text->empty()) continue;
-    const auto moment = momentOf(*text, endOfDay);
-    if (!moment)
-      return reportUsage(std::string("--") + key + " takes a day such as 2026-01-31, or an ISO 8601 time");
-    params[key] = formatIso8601(*moment, true);
+  for (const auto& [text, key] : {std::pair(&range.since, "since"), std::pair(&range.until, "until"),
+                                  std::pair(&range.agent, "agent"), std::pair(&range.timezone, "timezone")}) {
+    if (!text->empty()) params[key] = *text;
   }
-  if (!range.agent.empty()) params["agent"] = range.agent;
-  const auto report = ask("usage.report", params);
+  // Reports by project first read what was written since the last time.
+  const auto report = ask("usage.report", params, std::chrono::minutes(5));
   if (!report) return report.error();
   if (output == Output::json) {
     printJson(*report);
@@ -131,6 +129,7 @@ int usageReportCommand(const std::string& by, const UsageRange& range, Output ou
                         : by == "projects" ? "PROJECT"
                                            : "FIVE HOURS FROM";
     printReport(*report, title.c_str());
+    printUnpriced(*report);
   }
   return exitCode::done;
 }
@@ -159,43 +158,33 @@ int usageResetCommand(bool confirmed) {
   return answer ? exitCode::done : answer.error();
 }
 
-int budgetsCommand(Output output) {
-  const auto answer = ask("budgets", json::object());
+int usageRatesCommand(Output output) {
+  const auto answer = ask("usage.rates", json::object());
   if (!answer) return answer.error();
-  const auto& budgets = answer->at("budgets");
   if (output == Output::json) {
     printJson(*answer);
     return exitCode::done;
   }
-  if (budgets.empty()) {
-    printLines({"No budget is known yet"});
-    return exitCode::done;
-  }
-  Table table({"AGENT", "CONTEXT LEFT", "QUOTA LEFT", "RESETS", "COST", "ALERT"});
-  const auto percent = [](const json& metric) -> std::string {
-    if (metric.value("type", "") != "known") return metric.value("reason", "unknown");
-    return std::to_string(std::lround(metric.at("value").value("percentageRemaining", 0.0))) + " %";
+  Table table({"MODEL", "INPUT", "OUTPUT", "CACHE READ", "CACHE WRITE", "REASONING", "CONTEXT"});
+  const auto price = [](const json& row, const char* key) {
+    char text[32];
+    std::snprintf(text, sizeof text, "$%.4g", row.value(key, 0.0));
+    return std::string(text);
   };
-  for (const auto& report : budgets) {
-    const auto& quota = report.at("quota");
-    std::string resets;
-    if (quota.value("type", "") == "known") resets = quota.at("value").value("resetsAt", "");
-    std::string cost;
-    if (report.contains("cost")) {
-      cost = CostBudget{report["cost"].value("amountUSD", 0.0), report["cost"].value("isEstimated", true)}
-                 .formattedCost();
-    }
-    const auto agent = agentTypeFromRawValue(report.value("agentType", ""));
-    table.addRow({{std::string(agent ? displayName(*agent) : "?")},
-                  {percent(report.at("context"))},
-                  {percent(quota)},
-                  {resets},
-                  {cost},
-                  {report.contains("lowBudgetAlert") ? report["lowBudgetAlert"].value("message", "") : "",
-                   Tone::warning}});
+  for (const auto& row : answer->at("models")) {
+    table.addRow({{row.value("model", "")},
+                  {price(row, "input")},
+                  {price(row, "output")},
+                  {price(row, "cacheRead")},
+                  {price(row, "cacheWrite")},
+                  {price(row, "reasoning")},
+                  {row.contains("contextWindow") ? tokens(row, "contextWindow") : "-"}});
   }
   printLines(table.lines(outputWidth(STDOUT_FILENO), Palette::forDescriptor(STDOUT_FILENO)));
-  return exitCode::done;
+  printLines({"", "US dollars for a million tokens. Your own: " + displayable(answer->value("file", ""))});
+  const auto problem = answer->value("problem", "");
+  if (!problem.empty()) std::fprintf(stderr, "vimbrel: %s\n", displayable(problem).c_str());
+  return problem.empty() ? exitCode::done : exitCode::failed;
 }
 
 }  // namespace vimbrel

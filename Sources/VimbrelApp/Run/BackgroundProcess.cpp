@@ -46,10 +46,11 @@ BackgroundProcess::BackgroundProcess(const RunOptions& options, std::string vers
       platform_(choosePlatform()),
       lastHookEvents_(std::make_shared<LastHookEvents>(
           clock_, directories::applicationSupport() + "/Vimbrel/last_events.json")),
+      usage_(makeUsageServices(loop_, clock_)),
       application_(platform_, loop_, clock_, ApplicationDirectories::ofUser(),
                    {.hookReceiver = makeHookReceiver(),
                     .helper = helperFor(options),
-                    .usage = makeUsageCoordinator(loop_, clock_),
+                    .usage = usage_.coordinator,
                     .lastHookEvents = lastHookEvents_}),
       controlled_{.coordinator = application_.coordinator(),
                   .platform = application_.platform(),
@@ -72,7 +73,7 @@ BackgroundProcess::BackgroundProcess(const RunOptions& options, std::string vers
   addDiagnosticsMethods(server_, application_, loop_);
   agentMethods_ =
       addAgentMethods(server_, controlled_, loop_.mainQueue(), installedRelay(options.program).value_or(""));
-  addUsageMethods(server_, application_.usage(), clock_, loop_.mainQueue());
+  addUsageMethods(server_, usage_, clock_, loop_.mainQueue());
 }
 
 BackgroundProcess::~BackgroundProcess() { platform_.assertions->onMechanismsChanged = nullptr; }
@@ -96,6 +97,13 @@ std::expected<void, std::string> BackgroundProcess::start(const std::string& con
     server_.stateDidChange();
     showChange();
   };
+  usage_.budgetWatch->start([this](const MoneyBudgetNotice& notice) {
+    logger_.info("%s: %s", notice.title().c_str(), notice.message().c_str());
+    if (!application_.settings().lowBudgetNotificationsEnabled()) return;
+    application_.notifications().notifyLowBudget(
+        "money." + std::string(rawValue(notice.standing.budget.scope.period)), notice.title(),
+        notice.message(), notice.percent >= 100);
+  });
   application_.start();
   if (const auto started = server_.start(controlSocket); !started) {
     application_.stop();

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "AgentMonitoring/UsageServices.h"
 #include "Control/ControlServer.h"
 #include "Control/ControlledApplication.h"
 #include "Platform/Simulated/SimulatedMachine.h"
@@ -53,6 +54,7 @@ class BackgroundProcess {
   std::optional<SimulatedWorldFile> worldFile_;
   PlatformServices platform_;
   const std::shared_ptr<LastHookEvents> lastHookEvents_;
+  const UsageServices usage_;
   Application application_;
   const ControlledApplication controlled_;
   ControlServer server_;

@@ -1,33 +1,38 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Run/UsageWiring.h"
 
-#include <malloc.h>
-
-#include <thread>
-
-#include "AgentMonitoring/UsageImport/UsageImporter.h"
 #include "AgentMonitoring/UsageProviders/ClaudeUsageProvider.h"
 #include "AgentMonitoring/UsageProviders/CodexUsageProvider.h"
 #include "AgentMonitoring/UsageProviders/OpenCodeUsageProvider.h"
+#include "Domain/RatesFile.h"
 #include "Platform/Linux/InotifyTree.h"
 
 namespace vimbrel {
 
-std::shared_ptr<UsageCoordinator> makeUsageCoordinator(QueueProvider& queues, const Clock& clock) {
+UsageServices makeUsageServices(QueueProvider& queues, const Clock& clock) {
+  UsageServices services;
+  auto card = ratesFile::load(ratesFile::defaultPath());
+  if (!card) {
+    services.ratesProblem = card.error();
+    Logger("usage.coordinator").error("%s", services.ratesProblem.c_str());
+  }
+  services.card = std::make_shared<const ModelRateCard>(card ? *std::move(card) : ModelRateCard::builtIn());
   const auto sources = UsageSources::ofUser();
-  const auto& card = ModelRateCard::builtIn();
+  services.import = std::make_shared<HistoryImport>(sources, *services.card, clock);
+  services.book = std::make_shared<MoneyBudgetBook>();
+
   const auto changes = [](const std::string& root) { return std::make_unique<InotifyTree>(root); };
   const auto queue = [&](const char* label) { return queues.makeQueue(label, QueueHome::background); };
-
   const auto codex = std::make_shared<CodexUsageProvider>(sources.codexHome, queue("com.vimbrel.usage.codex"),
-                                                          clock, card, changes);
+                                                          clock, *services.card, changes);
   const auto openCode = std::make_shared<OpenCodeUsageProvider>(
-      sources.openCodeDatabase(), queue("com.vimbrel.usage.opencode"), clock, card);
+      sources.openCodeDatabase(), queue("com.vimbrel.usage.opencode"), clock, *services.card);
   const auto claude = std::make_shared<ClaudeUsageProvider>(
-      sources.claudeRoots, queue("com.vimbrel.usage.claude"), clock, card, changes);
+      sources.claudeRoots, queue("com.vimbrel.usage.claude"), clock, *services.card, changes);
   UsageCoordinator::Parts parts;
   parts.mainQueue = queues.mainQueue();
   parts.workQueue = queue("com.vimbrel.usage.coordinator");
+  parts.card = services.card.get();
   parts.openStore = [store = queue("com.vimbrel.usage.store"), &clock] {
     return UsageStore::open(UsageStoreOptions{}, store, clock);
   };
@@ -37,15 +42,14 @@ std::shared_ptr<UsageCoordinator> makeUsageCoordinator(QueueProvider& queues, co
     provider->setTickQueue(queues.mainQueue());
     parts.providers.push_back(provider);
   }
-  parts.importHistory = [sources, &card, &clock](UsageStore& store, TurnOwners& owners,
-                                                 const std::atomic<bool>& cancelled) {
-    ImportIndex index;
-    UsageImporter(sources, store, index, owners, card, clock, std::thread::hardware_concurrency())
-        .run({}, &cancelled);
-    // A first import of years leaves the heap with room that nothing will use again.
-    ::malloc_trim(0);
+  parts.importHistory = [import = services.import](UsageStore& store, TurnOwners& owners,
+                                                   const std::atomic<bool>& cancelled) {
+    import->run(store, owners, cancelled);
   };
-  return std::make_shared<UsageCoordinator>(std::move(parts), clock);
+  services.coordinator = std::make_shared<UsageCoordinator>(std::move(parts), clock);
+  services.budgetWatch =
+      std::make_shared<MoneyBudgetWatch>(services.coordinator, services.book, clock, queues.mainQueue());
+  return services;
 }
 
 }  // namespace vimbrel

@@ -1,17 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include <memory>
-
-#include "AgentMonitoring/UsageCoordinator.h"
+#include "AgentMonitoring/UsageServices.h"
 #include "Support/Clock.h"
 #include "Support/TaskQueue.h"
 
 namespace vimbrel {
 
-/// The recording of usage over this user's agents and this user's store. `queues` and `clock` must outlive
-/// it.
-[[nodiscard]] std::shared_ptr<UsageCoordinator> makeUsageCoordinator(QueueProvider& queues,
-                                                                     const Clock& clock);
+/// Usage and budgets over this user's agents, store and files. `queues` and `clock` must outlive them.
+[[nodiscard]] UsageServices makeUsageServices(QueueProvider& queues, const Clock& clock);
 
 }  // namespace vimbrel

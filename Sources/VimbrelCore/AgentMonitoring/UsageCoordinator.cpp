@@ -19,13 +19,15 @@ std::int64_t defaultContextWindow(AgentType agent) {
 }
 
 /// The budget as far as a hook tells it; absent when it carries neither tokens nor a model.
-std::optional<ProviderBudgetReport> reportOf(const HookEvent& event, Instant now) {
+std::optional<ProviderBudgetReport> reportOf(const HookEvent& event, Instant now, const ModelRateCard& card) {
   const auto consumed = saturatingAdd(event.inputTokens.value_or(0), event.outputTokens.value_or(0),
                                       event.reasoningTokens.value_or(0));
   if (consumed < 1 && !event.model) return std::nullopt;
-  const auto window = ModelRateCard::contextWindow(event.model).value_or(defaultContextWindow(event.agent));
-  const auto price = ModelRateCard::estimateCost(event.model, event.inputTokens, event.outputTokens,
-                                                 event.cachedTokens, event.reasoningTokens, std::nullopt);
+  const auto* row = card.find(event.model);
+  const auto window =
+      row != nullptr && row->contextWindow ? *row->contextWindow : defaultContextWindow(event.agent);
+  const auto usage = toUsageEvent(event, card);
+  const auto price = usage ? usage->costEstimateUSD : std::nullopt;
   std::optional<CostBudget> cost;
   if (price) cost = CostBudget{std::max(*price, 0.0), true};
   return ProviderBudgetReport::make({
@@ -103,9 +105,24 @@ void UsageCoordinator::openStoreIfNeeded() {
     return;
   }
   store_ = std::move(*opened);
+  if (const auto priced = store_->priceUnpriced(*parts_.card); priced != 0) {
+    logger_.info("%ld usage events of models without a price have got one", static_cast<long>(priced));
+  }
   constexpr double always = 1e300;
   store_->forEachEvent(instantFromUnixSeconds(-always), instantFromUnixSeconds(always),
                        [this](const UsageEventView& event) { owners_.learn(event); });
+}
+
+void UsageCoordinator::importHistory(std::function<void()> done) {
+  withStore([weak = weak_from_this(), done = std::move(done)](UsageStore* store) {
+    const auto self = weak.lock();
+    if (self && store != nullptr && self->parts_.importHistory) {
+      self->parts_.importHistory(*store, self->owners_, self->cancelled_);
+      self->refreshBudgetReports();
+      self->refreshSummaries();
+    }
+    if (done) done();
+  });
 }
 
 void UsageCoordinator::withStore(std::function<void(UsageStore*)> work) {
@@ -143,41 +160,59 @@ void UsageCoordinator::flush() {
 }
 
 void UsageCoordinator::handleHookEvent(const HookEvent& event) {
-  if (const auto usage = toUsageEvent(event)) handleUsageEvent(*usage);
-  auto report = reportOf(event, clock_.now());
+  if (const auto usage = toUsageEvent(event, *parts_.card)) handleUsageEvent(*usage);
+  auto report = reportOf(event, clock_.now(), *parts_.card);
   if (!report) return;
   Reports reports;
   {
     const std::lock_guard guard(lock_);
-    applyMeasuredQuota(*report);
+    applyMeasured(*report);
     reports_.insert_or_assign(event.agent, *report);
     reports = reports_;
   }
   publishReports(std::move(reports));
 }
 
-void UsageCoordinator::applyMeasuredQuota(ProviderBudgetReport& report) const {
-  const auto measured = measuredQuotas_.find(report.agentType);
-  if (measured == measuredQuotas_.end()) return;
-  report.quota =
-      BudgetMetric<AccountQuotaBudget>::known(measured->second.first, 1.0, measured->second.second);
+void UsageCoordinator::applyMeasured(ProviderBudgetReport& report) const {
+  const auto found = measured_.find(report.agentType);
+  if (found == measured_.end()) return;
+  const auto& measured = found->second;
+  // A window that has ended tells nothing about the next one.
+  if (measured.quota && !(measured.quota->resetsAt && *measured.quota->resetsAt < clock_.now())) {
+    report.quota = BudgetMetric<AccountQuotaBudget>::known(*measured.quota, 1.0, measured.source);
+  }
+  if (measured.sessionId == report.sessionId) {
+    if (measured.context) {
+      report.context = BudgetMetric<ContextBudget>::known(*measured.context, 1.0, measured.source);
+    }
+    if (measured.cost) report.cost = measured.cost;
+  }
   report.lowBudgetAlert.reset();
   report = ProviderBudgetReport::make(std::move(report));
 }
 
-void UsageCoordinator::setMeasuredQuota(AgentType agent, AccountQuotaBudget quota, std::string source) {
+void UsageCoordinator::setMeasuredBudget(AgentType agent, MeasuredBudget budget) {
   Reports reports;
   {
     const std::lock_guard guard(lock_);
-    measuredQuotas_.insert_or_assign(
-        agent, std::pair(AccountQuotaBudget::create(std::move(quota)), std::move(source)));
-    auto [report, isNew] = reports_.try_emplace(agent);
-    if (isNew) {
-      report->second.agentType = agent;
-      report->second.source = measuredQuotas_.at(agent).second;
+    auto& known = measured_[agent];
+    // Accounts without a quota never tell one; one that was told stands until it is told again.
+    if (!budget.quota) budget.quota = known.quota;
+    if (budget.quota) budget.quota = AccountQuotaBudget::create(*std::move(budget.quota));
+    known = std::move(budget);
+    auto& report = reports_[agent];
+    report.agentType = agent;
+    if (report.source.empty()) report.source = known.source;
+    // The agent speaks of the session that it shows, which is the one in use.
+    if (known.sessionId && known.sessionId != report.sessionId) {
+      report.sessionId = known.sessionId;
+      report.context = BudgetMetric<ContextBudget>::unavailable("Context unavailable");
+      report.sessionUsage = {};
+      report.cost.reset();
     }
-    report->second.lastUpdated = clock_.now();
-    applyMeasuredQuota(report->second);
+    if (known.modelId) report.modelId = known.modelId;
+    report.lastUpdated = clock_.now();
+    applyMeasured(report);
     reports = reports_;
   }
   publishReports(std::move(reports));
@@ -211,7 +246,7 @@ void UsageCoordinator::refreshBudgetReports() {
       const std::lock_guard guard(self->lock_);
       self->refreshPending_ = false;
       for (auto& report : current->found) {
-        self->applyMeasuredQuota(report);
+        self->applyMeasured(report);
         self->reports_.insert_or_assign(report.agentType, report);
       }
       reports = self->reports_;

@@ -15,6 +15,7 @@
 #include "AgentMonitoring/UsageProviders/UsageMetricsProvider.h"
 #include "AgentMonitoring/UsageStore.h"
 #include "Domain/HookEvent.h"
+#include "Domain/ModelRateCard.h"
 #include "Domain/UsageSummary.h"
 #include "Support/Clock.h"
 #include "Support/Log.h"
@@ -22,6 +23,16 @@
 #include "Support/TaskQueue.h"
 
 namespace vimbrel {
+
+/// What an agent itself told about its budget; what it did not tell is absent.
+struct MeasuredBudget {
+  std::optional<std::string> sessionId{};
+  std::optional<std::string> modelId{};
+  std::optional<AccountQuotaBudget> quota{};
+  std::optional<ContextBudget> context{};  ///< of the session
+  std::optional<CostBudget> cost{};        ///< of the session
+  std::string source;                      ///< tag of whoever measured
+};
 
 /// The single owner of usage telemetry at run time: records what the providers and the hooks report, and
 /// publishes today's summary, the recent sessions, and each agent's latest budget with its alert.
@@ -44,6 +55,8 @@ class UsageCoordinator : public std::enable_shared_from_this<UsageCoordinator> {
     /// Reads history into the store before the providers' first poll; on the work queue, until `cancelled`.
     std::function<void(UsageStore& store, TurnOwners& owners, const std::atomic<bool>& cancelled)>
         importHistory;
+    /// Prices what hooks report; must outlive the coordinator.
+    const ModelRateCard* card = &ModelRateCard::builtIn();
   };
 
   /// `clock` must outlive the coordinator.
@@ -60,12 +73,14 @@ class UsageCoordinator : public std::enable_shared_from_this<UsageCoordinator> {
   void handleHookEvent(const HookEvent& event);
   void refreshBudgetReports();
   void refreshSummaries();
-  /// A quota that the agent itself measured; it stays the quota of the agent's reports until it is measured
-  /// again.
-  void setMeasuredQuota(AgentType agent, AccountQuotaBudget quota, std::string source);
+  /// A measured quota stays the quota of the agent's reports until it is measured again or its window ends;
+  /// measured context and cost stay those of reports on the same session.
+  void setMeasuredBudget(AgentType agent, MeasuredBudget budget);
   [[nodiscard]] std::optional<ProviderBudgetReport> budgetReport(AgentType agent) const;
   void resetUsageData();
 
+  /// Imports history once more, on the work queue; `done` is called there. Does nothing else without a store.
+  void importHistory(std::function<void()> done);
   /// Runs `work` on the work queue with the open store; `work` gets null when there is none.
   void withStore(std::function<void(UsageStore* store)> work);
 
@@ -78,7 +93,7 @@ class UsageCoordinator : public std::enable_shared_from_this<UsageCoordinator> {
   void openStoreIfNeeded();
   void flush();
   void publishReports(Reports reports);
-  void applyMeasuredQuota(ProviderBudgetReport& report) const;
+  void applyMeasured(ProviderBudgetReport& report) const;
 
   const Parts parts_;
   const Clock& clock_;
@@ -88,7 +103,7 @@ class UsageCoordinator : public std::enable_shared_from_this<UsageCoordinator> {
   bool isRunning_ = false;
   std::vector<UsageEvent> pending_;
   Reports reports_;
-  std::map<AgentType, std::pair<AccountQuotaBudget, std::string>> measuredQuotas_;
+  std::map<AgentType, MeasuredBudget> measured_;
   bool refreshPending_ = false;
 
   std::atomic<bool> cancelled_ = false;

@@ -6,8 +6,7 @@
 #include <cmath>
 #include <cstdio>
 #include <map>
-
-#include "Support/CalendarDay.h"
+#include <set>
 
 namespace vimbrel {
 namespace {
@@ -38,16 +37,19 @@ std::string dayText(year_month_day day) {
 /// calendar is slow.
 class DayCache {
  public:
+  explicit DayCache(CalendarZone zone) : zone_(std::move(zone)) {}
+
   year_month_day dayOf(Instant instant) {
     if (!(instant >= start_ && instant < end_)) {
-      day_ = localDay(instant);
-      start_ = startOfLocalDay(day_);
-      end_ = startOfLocalDay(sys_days{day_} + days{1});
+      day_ = zone_.dayOf(instant);
+      start_ = zone_.startOf(day_);
+      end_ = zone_.startOf(sys_days{day_} + days{1});
     }
     return day_;
   }
 
  private:
+  const CalendarZone zone_;
   year_month_day day_{};
   Instant start_ = instantFromUnixSeconds(1);
   Instant end_ = instantFromUnixSeconds(0);
@@ -83,7 +85,8 @@ UsageReport makeUsageReport(const UsageStore& store, const UsageQuery& query,
   constexpr double always = 1e300;
   std::map<std::string, UsageSummaryBuilder> groups;
   UsageSummaryBuilder total;
-  DayCache calendar;
+  DayCache calendar(query.zone);
+  std::set<std::string, std::less<>> unpriced;
   std::vector<double> blockStarts;
 
   const auto since = query.since.value_or(instantFromUnixSeconds(-always));
@@ -131,7 +134,12 @@ UsageReport makeUsageReport(const UsageStore& store, const UsageQuery& query,
     if (!isWanted(event)) return;
     groups[keyOf(event)].add(event);
     total.add(event);
+    const std::string_view model = event.modelId.value_or("unknown");
+    if (!event.costEstimateUSD && event.tokenFigure() > 0 && !unpriced.contains(model)) {
+      unpriced.emplace(model);
+    }
   });
+  report.unpricedModels.assign(unpriced.begin(), unpriced.end());
   for (const auto& [key, group] : groups) report.rows.push_back({key, group.summary()});
   report.total = total.summary();
   if (!isByTime(query.grouping)) {

@@ -10,6 +10,7 @@
 
 #include "AgentMonitoring/UsageStore.h"
 #include "Domain/UsageSummary.h"
+#include "Support/CalendarDay.h"
 
 namespace vimbrel {
 
@@ -24,6 +25,7 @@ struct UsageQuery {
   std::optional<Instant> since{};
   std::optional<Instant> until{};
   std::optional<AgentType> agent{};
+  CalendarZone zone{};  ///< whose days, weeks and months
 };
 
 /// One row: a day (2026-01-31), a week (2026-W05), a month (2026-01), a session, a model, a project's
@@ -37,12 +39,14 @@ struct UsageRow {
 struct UsageReport {
   std::vector<UsageRow> rows;  ///< by key; sessions, models and projects by tokens, most first
   UsageSummary total;
+  /// Models with tokens that no price was known for: what they cost is in no sum.
+  std::vector<std::string> unpricedModels;
 };
 
 /// The ISO 8601 week of a day, "2026-W05".
 [[nodiscard]] std::string isoWeek(std::chrono::year_month_day day);
 
-/// Days, weeks and months are those of the user's calendar. `projectOf` gives the directory of a session.
+/// `projectOf` gives the directory of a session.
 [[nodiscard]] UsageReport makeUsageReport(
     const UsageStore& store, const UsageQuery& query,
     const std::function<std::optional<std::string>(std::string_view session)>& projectOf);

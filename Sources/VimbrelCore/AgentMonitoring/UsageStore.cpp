@@ -179,6 +179,50 @@ bool UsageStore::applyLocked(const UsageEventView& event) {
   return true;
 }
 
+std::size_t UsageStore::priceUnpriced(const ModelRateCard& card) {
+  const std::lock_guard guard(lock_);
+  std::size_t count = 0;
+  std::string latestModel;
+  const ModelRateCard::Row* rate = nullptr;
+  UsageEventTable::Scratch scratch;
+  for (UsageEventTable::Row row = 0; row < contents_.events.size(); ++row) {
+    const auto earlier = contents_.events.view(row, scratch);
+    if (earlier.costEstimateUSD || !earlier.modelId) continue;
+    if (*earlier.modelId != latestModel) {
+      latestModel = *earlier.modelId;
+      rate = card.find(latestModel);
+    }
+    if (rate == nullptr) continue;
+    auto billed = BilledTokens{.inputTokens = earlier.inputTokens,
+                               .outputTokens = earlier.outputTokens,
+                               .cachedTokens = earlier.cachedTokens,
+                               .reasoningTokens = earlier.reasoningTokens,
+                               .cacheWriteTokens = earlier.cacheWriteTokens};
+    if (earlier.agentType == AgentType::codex && earlier.source != "relay-hook") {
+      billed =
+          BilledTokens::fromNestedCounts(earlier.inputTokens, earlier.outputTokens, earlier.cachedTokens);
+    }
+    const auto event = [&] {
+      auto copy = earlier.toEvent();
+      copy.costEstimateUSD = rate->price(billed);
+      return copy;
+    }();
+    const auto session = contents_.sessions.find(event.sessionId);
+    auto moved = event.view();  // What the session last said of its window and quota stays.
+    moved.contextWindow.reset();
+    moved.quotaRemainingPercent.reset();
+    const bool isMoved = session != contents_.sessions.end() && session->second.exchange(earlier, moved);
+    contents_.events.replace(row, event.view());
+    if (!isMoved) rebuildSessionLocked(event.sessionId);
+    ++count;
+  }
+  if (count != 0) {
+    isUnsaved_ = needsWholeWrite_ = true;
+    saveLocked();
+  }
+  return count;
+}
+
 void UsageStore::rebuildSessionLocked(const std::string& sessionId) {
   UsageEventTable::Scratch scratch;
   std::optional<SessionUsageRecord> record;

@@ -16,6 +16,7 @@
 
 #include "AgentMonitoring/UsageJournal.h"
 #include "AgentMonitoring/UsageStoreFormat.h"
+#include "Domain/ModelRateCard.h"
 #include "Domain/UsageSummary.h"
 #include "Support/Clock.h"
 #include "Support/Fd.h"
@@ -86,6 +87,11 @@ class UsageStore {
     UsageStore& store_;
     std::size_t unwritten_ = 0;
   };
+
+  /// Gives the events of models that had no price the price that `card` knows now, and returns how many; an
+  /// event that has a price keeps it. What an event no longer tells (one-hour cache writes) is priced as
+  /// usual.
+  std::size_t priceUnpriced(const ModelRateCard& card);
 
   /// Events from the start of the user's current day on.
   [[nodiscard]] UsageSummary todaySummary() const;

@@ -3,15 +3,15 @@
 
 #include <memory>
 
-#include "AgentMonitoring/UsageCoordinator.h"
+#include "AgentMonitoring/UsageServices.h"
 #include "Control/ControlServer.h"
 #include "Support/Clock.h"
 
 namespace vimbrel {
 
-/// `usage.today`, `usage.report`, `usage.export`, `usage.reset` and `budgets`. `usage` may be null: the
-/// methods then say that usage is not recorded. `clock` must outlive the server.
-void addUsageMethods(ControlServer& server, std::shared_ptr<UsageCoordinator> usage, const Clock& clock,
-                     std::shared_ptr<TaskQueue> mainQueue);
+/// The `usage.…` methods, `budgets…` and `statusLine.report` (docs/control-protocol.md). `clock` must outlive
+/// the server.
+void addUsageMethods(ControlServer& server, const UsageServices& usage, const Clock& clock,
+                     const std::shared_ptr<TaskQueue>& mainQueue);
 
 }  // namespace vimbrel

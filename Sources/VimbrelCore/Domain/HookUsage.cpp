@@ -1,13 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Domain/HookUsage.h"
 
-#include "Domain/ModelRateCard.h"
 #include "Support/SaturatingSum.h"
 #include "Support/Uuid.h"
 
 namespace vimbrel {
 
-std::optional<UsageEvent> toUsageEvent(const HookEvent& event) {
+std::optional<UsageEvent> toUsageEvent(const HookEvent& event, const ModelRateCard& card) {
   const auto total = saturatingAdd(event.inputTokens.value_or(0), event.outputTokens.value_or(0),
                                    event.reasoningTokens.value_or(0));
   if (total < 1 && !event.model) return std::nullopt;
@@ -21,8 +20,10 @@ std::optional<UsageEvent> toUsageEvent(const HookEvent& event) {
       .outputTokens = event.outputTokens,
       .cachedTokens = event.cachedTokens,
       .reasoningTokens = event.reasoningTokens,
-      .costEstimateUSD = ModelRateCard::estimateCost(event.model, event.inputTokens, event.outputTokens,
-                                                     event.cachedTokens, event.reasoningTokens, std::nullopt),
+      .costEstimateUSD = card.price(event.model, {.inputTokens = event.inputTokens,
+                                                  .outputTokens = event.outputTokens,
+                                                  .cachedTokens = event.cachedTokens,
+                                                  .reasoningTokens = event.reasoningTokens}),
       .timestamp = event.timestamp,
       .source = "relay-hook",
   });

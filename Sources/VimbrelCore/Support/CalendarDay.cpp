@@ -1,35 +1,101 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Support/CalendarDay.h"
 
+#include <cctz/time_zone.h>
+
 #include <algorithm>
+#include <charconv>
 #include <cmath>
 #include <ctime>
 
 namespace vimbrel {
 namespace {
 
+using std::chrono::year_month_day;
+
 // Years -9999 to 9999: beyond them the C library's broken-down time need not be representable.
 constexpr double outermost = 315000000000.0;
 
-}  // namespace
-
-std::chrono::year_month_day localDay(Instant instant) {
+std::int64_t wholeSeconds(Instant instant) {
   double seconds = unixSeconds(instant);
   if (std::isnan(seconds)) seconds = 0;
-  const auto time = static_cast<std::time_t>(std::floor(std::clamp(seconds, -outermost, outermost)));
-  std::tm broken{};
-  localtime_r(&time, &broken);
-  return std::chrono::year{broken.tm_year + 1900} / (broken.tm_mon + 1) / broken.tm_mday;
+  return static_cast<std::int64_t>(std::floor(std::clamp(seconds, -outermost, outermost)));
 }
 
-Instant startOfLocalDay(std::chrono::year_month_day day) {
+year_month_day makeDay(int year, int month, int day) {
+  return std::chrono::year{year} / std::chrono::month{static_cast<unsigned>(month)} /
+         std::chrono::day{static_cast<unsigned>(day)};
+}
+
+}  // namespace
+
+CalendarZone::CalendarZone() = default;
+CalendarZone::~CalendarZone() = default;
+CalendarZone::CalendarZone(const CalendarZone& other)
+    : zone_(other.zone_ ? std::make_unique<cctz::time_zone>(*other.zone_) : nullptr) {}
+CalendarZone& CalendarZone::operator=(const CalendarZone& other) {
+  zone_ = other.zone_ ? std::make_unique<cctz::time_zone>(*other.zone_) : nullptr;
+  return *this;
+}
+
+std::optional<CalendarZone> CalendarZone::named(const std::string& name) {
+  cctz::time_zone zone;
+  // A name with a colon or a leading slash would make the library read a file of that name.
+  if (name.empty() || name.front() == '/' || name.front() == ':' || name.contains("..")) return std::nullopt;
+  if (!cctz::load_time_zone(name, &zone)) return std::nullopt;
+  CalendarZone result;
+  result.zone_ = std::make_unique<cctz::time_zone>(zone);
+  return result;
+}
+
+year_month_day CalendarZone::dayOf(Instant instant) const {
+  const auto seconds = wholeSeconds(instant);
+  if (zone_) {
+    const auto civil = cctz::convert(std::chrono::sys_time<cctz::seconds>(cctz::seconds(seconds)), *zone_);
+    return makeDay(static_cast<int>(civil.year()), civil.month(), civil.day());
+  }
+  const auto time = static_cast<std::time_t>(seconds);
   std::tm broken{};
-  broken.tm_year = static_cast<int>(day.year()) - 1900;
-  broken.tm_mon = static_cast<int>(static_cast<unsigned>(day.month())) - 1;
-  broken.tm_mday = static_cast<int>(static_cast<unsigned>(day.day()));
-  broken.tm_isdst =
-      -1;  // The library knows whether summer time was in force; a midnight that a change skips moves on.
+  localtime_r(&time, &broken);
+  return makeDay(broken.tm_year + 1900, broken.tm_mon + 1, broken.tm_mday);
+}
+
+Instant CalendarZone::startOf(year_month_day day) const {
+  const auto year = static_cast<int>(day.year());
+  const auto month = static_cast<int>(static_cast<unsigned>(day.month()));
+  const auto dayOfMonth = static_cast<int>(static_cast<unsigned>(day.day()));
+  if (zone_) {
+    const auto found = zone_->lookup(cctz::civil_second(year, month, dayOfMonth));
+    // A midnight that a change skips moves on to the change; of two, the first counts.
+    const auto start = found.kind == cctz::time_zone::civil_lookup::SKIPPED ? found.trans : found.pre;
+    return instantFromUnixSeconds(static_cast<double>(start.time_since_epoch().count()));
+  }
+  std::tm broken{};
+  broken.tm_year = year - 1900;
+  broken.tm_mon = month - 1;
+  broken.tm_mday = dayOfMonth;
+  broken.tm_isdst = -1;  // The library knows whether summer time was in force.
   return instantFromUnixSeconds(static_cast<double>(std::mktime(&broken)));
+}
+
+year_month_day localDay(Instant instant) { return CalendarZone().dayOf(instant); }
+
+Instant startOfLocalDay(year_month_day day) { return CalendarZone().startOf(day); }
+
+std::optional<year_month_day> parseDay(std::string_view text) {
+  if (text.size() != 10 || text[4] != '-' || text[7] != '-') return std::nullopt;
+  const auto number = [&](std::size_t at, std::size_t length) -> std::optional<int> {
+    int value = 0;
+    const auto* const end = text.data() + at + length;
+    const auto parsed = std::from_chars(text.data() + at, end, value);
+    return parsed.ec == std::errc{} && parsed.ptr == end && value >= 0 ? std::optional(value) : std::nullopt;
+  };
+  const auto year = number(0, 4);
+  const auto month = number(5, 2);
+  const auto day = number(8, 2);
+  if (!year || !month || !day) return std::nullopt;
+  const auto result = makeDay(*year, *month, *day);
+  return result.ok() ? std::optional(result) : std::nullopt;
 }
 
 }  // namespace vimbrel

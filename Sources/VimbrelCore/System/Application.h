@@ -76,6 +76,7 @@ class Application {
   [[nodiscard]] CommandHolds& commandHolds() { return *commandHolds_; }
   [[nodiscard]] PresentationValues& presentation() { return *presentation_; }
   [[nodiscard]] ProtectionHistory& history() { return *history_; }
+  [[nodiscard]] NotificationController& notifications() { return *notifications_; }
   [[nodiscard]] GlobalShortcutController& shortcut() { return *shortcut_; }
   /// Null where the platform has no login items.
   [[nodiscard]] LaunchAtLoginController* loginItem() { return loginItem_.get(); }
