@@ -1,0 +1,208 @@
+# SPDX-License-Identifier: Apache-2.0
+"""`vimbrel usage` and `budgets` over golden logs and over months of history, against sums that were made without
+Vimbrel."""
+
+import datetime
+import json
+import math
+import os
+import shutil
+import subprocess
+import sys
+import time
+
+here = os.path.dirname(os.path.abspath(__file__))
+sys.path.insert(0, os.path.join(here, "..", "faults"))
+
+from history import History, figures  # noqa: E402
+from sandbox import Sandbox, require  # noqa: E402
+
+golden_logs = os.path.join(here, "..", "..", "Fixtures", "logs")
+
+
+def report(home, *arguments):
+    answer = home.command("usage", *arguments, "--json")
+    require(answer.returncode == 0, "usage %s: %s" % (" ".join(arguments), answer.stderr))
+    return json.loads(answer.stdout)
+
+
+def same(found, wanted, what):
+    if isinstance(wanted, float) or isinstance(found, float):
+        require(found is not None and wanted is not None and math.isclose(found, wanted, rel_tol=1e-9),
+                "%s is %s, not %s" % (what, found, wanted))
+    else:
+        require(found == wanted, "%s is %s, not %s" % (what, found, wanted))
+
+
+def newest_record(path):
+    """When the log's last record was written, as its own time says."""
+    with open(path) as file:
+        times = [json.loads(line).get("timestamp") for line in file]
+    text = [time for time in times if time][-1][:19] + "+00:00"
+    return datetime.datetime.fromisoformat(text).timestamp()
+
+
+def golden():
+    with Sandbox() as home:
+        for agent in ("claude", "codex"):
+            shutil.copytree(os.path.join(golden_logs, agent), home.file("." + agent))
+            for directory, _, names in os.walk(home.file("." + agent)):
+                for name in names:
+                    path = os.path.join(directory, name)
+                    os.utime(path, (newest_record(path),) * 2)
+        with open(os.path.join(golden_logs, "totals.json")) as file:
+            totals = json.load(file)
+        home.start()
+        same(report(home, "sessions")["total"]["turnCount"], totals.pop("events"), "the number of turns")
+        for grouping, rows in totals.items():
+            found = {row["key"]: row for row in report(home, grouping)["rows"]}
+            require(found.keys() == rows.keys(), "%s has the rows %s" % (grouping, sorted(found)))
+            for key, wanted in rows.items():
+                for name, value in wanted.items():
+                    same(found[key].get(name), value, "%s %s %s" % (grouping, key, name))
+        require(home.stop() == 0, "stops in order")
+
+
+def block_starts(times):
+    starts = []
+    for moment in sorted(times):
+        if not starts or moment >= starts[-1] + 5 * 3600:
+            starts.append(math.floor(moment / 3600) * 3600)
+    return starts
+
+
+def compare(home, truth, grouping, key_of, *arguments, wanted=lambda message: True):
+    rows = truth.sums(key_of, wanted)
+    found = {row["key"]: row for row in report(home, grouping, *arguments)["rows"]}
+    require(found.keys() == rows.keys(), "%s: rows differ: %s" % (grouping, sorted(found.keys() ^ rows.keys())[:5]))
+    for key, row in rows.items():
+        where = "%s %s " % (grouping, key)
+        for name in (*figures, "turnCount"):
+            same(found[key][name], row[name], where + name)
+        same(found[key]["sessionCount"], len(row["sessions"]), where + "sessionCount")
+        same(found[key].get("estimatedCostUSD"), row["cost"], where + "cost")
+
+
+def iso_week(day):
+    year, week, _ = day.isocalendar()
+    return "%04d-W%02d" % (year, week)
+
+
+def months():
+    with Sandbox() as home:
+        truth = History(home.home, days=150)
+        home.start()
+        kolkata = datetime.timezone(datetime.timedelta(hours=5, minutes=30))
+        compare(home, truth, "daily", lambda m: m.time.strftime("%Y-%m-%d"))
+        compare(home, truth, "daily", lambda m: m.time.astimezone(kolkata).strftime("%Y-%m-%d"),
+                "--timezone", "Asia/Kolkata")
+        compare(home, truth, "weekly", lambda m: iso_week(m.time))
+        compare(home, truth, "monthly", lambda m: m.time.strftime("%Y-%m"), "--agent", "opencode",
+                wanted=lambda m: m.agent == "opencode")
+        compare(home, truth, "sessions", lambda m: m.session)
+        compare(home, truth, "models", lambda m: m.model)
+        compare(home, truth, "projects", lambda m: m.project)
+        first, last = (datetime.datetime(2026, 2, day, tzinfo=kolkata) for day in (3, 8))
+        compare(home, truth, "models", lambda m: m.model, "--since", "2026-02-03", "--until", "2026-02-07",
+                "--timezone", "Asia/Kolkata", wanted=lambda m: first <= m.time < last)
+        starts = block_starts([m.time.timestamp() for m in truth.messages])
+        compare(home, truth, "blocks", lambda m: datetime.datetime.fromtimestamp(
+            max(start for start in starts if start <= m.time.timestamp()),
+            datetime.timezone.utc).strftime("%Y-%m-%dT%H:%M:%SZ"))
+        require(report(home, "models")["unpricedModels"] == ["house-model"], "the unknown model is named")
+        text = home.command("usage", "models").stdout
+        require("unpriced" in text and "house-model." in text, "the screen names it, too: " + text)
+        for arguments, says in ((("daily", "--since", "yesterday"), "since takes a day"),
+                                (("daily", "--agent", "nobody"), "no agent nobody"),
+                                (("daily", "--timezone", "Mars/Base"), "no time zone Mars/Base")):
+            answer = home.command("usage", *arguments)
+            require(answer.returncode == 2 and says in answer.stderr, "%s: %s" % (arguments, answer.stderr))
+
+        everything = report(home, "sessions")
+        imported = home.command("usage", "import", "--json")
+        require(json.loads(imported.stdout)["filesRead"] <= 1, "only the database is opened again: " + imported.stdout)
+        imported = home.command("usage", "import", "--all")
+        require("New: 0 of" in imported.stdout, "the same import twice changes nothing: " + imported.stdout)
+        require(report(home, "sessions") == everything, "the reports are the same")
+
+        # Its logs deleted, its store kept: nothing is lost, and the unknown model can be priced afterwards.
+        home.kill()
+        shutil.rmtree(home.file(".claude"))
+        shutil.rmtree(home.file(".local/share/opencode"))
+        os.makedirs(home.file(".config/com.vimbrel.app"), exist_ok=True)
+        with open(home.file(".config/com.vimbrel.app/rates.json"), "w") as file:
+            json.dump({"models": [{"model": "house", "input": 1, "output": 2, "cacheRead": 3, "cacheWrite": 4}]}, file)
+        home.start()
+        own = [m for m in truth.messages if m.model == "house-model"]
+        for message in own:
+            message.cost = sum(count * price for count, price in zip(message.counts, (1, 2, 3, 4))) / 1e6
+        compare(home, truth, "models", lambda m: m.model)
+        require(report(home, "models")["unpricedModels"] == [], "no model is unpriced any more")
+        require(home.stop() == 0, "stops in order")
+
+
+def now_text():
+    return datetime.datetime.now(datetime.timezone.utc).strftime("%Y-%m-%dT%H:%M:%SZ")
+
+
+def budgets():
+    with Sandbox() as home:
+        home.start()
+        month = time.gmtime().tm_mon
+        require(home.command("budgets", "check").returncode == 0, "nothing is overspent without budgets")
+        require(home.command("budgets", "set", "monthly", "1").returncode == 0, "a budget is set")
+        require(home.command("budgets", "set", "monthly", "90", "--agent", "claude").returncode == 0, "another")
+        for arguments in (("set", "hourly", "1"), ("set", "daily", "-3"), ("set", "daily", "much"), ("set", "daily")):
+            require(home.command("budgets", *arguments).returncode == 2, "refuses " + " ".join(arguments))
+        home.command("budgets", "set", "daily", "5", "--project", "/home/dev/shop")
+        require(home.command("budgets", "remove", "daily").returncode == 1, "that scope has no budget")
+        require(home.command("budgets", "remove", "daily", "--project", "/home/dev/shop/").returncode == 0, "this has")
+
+        path = home.file(".claude/projects/p/s.jsonl")
+        os.makedirs(os.path.dirname(path))
+        with open(path, "w") as file:
+            file.write(json.dumps({"type": "assistant", "sessionId": "s", "timestamp": now_text(), "cwd": "/p",
+                                   "message": {"id": "msg_1", "model": "claude-opus-5",
+                                               "usage": {"input_tokens": 0, "output_tokens": 1000000}}}) + "\n")
+        require(home.command("usage", "import").returncode == 0, "the new log is read")
+        check = home.command("budgets", "check", "--json")
+        if time.gmtime().tm_mon == month:
+            over = json.loads(check.stdout)["over"]
+            require(check.returncode == 1 and len(over) == 1, "the first budget is overspent: " + check.stdout)
+            same(over[0]["spentUSD"], 75.0, "what was spent")
+            require("monthly" in home.command("budgets").stdout, "the screen shows the budgets")
+
+        status = {"session_id": "s", "model": {"id": "claude-opus-5", "display_name": "Opus 5"},
+                  "context_window": {"used_percentage": 25, "context_window_size": 200000},
+                  "cost": {"total_cost_usd": 1.5},
+                  "rate_limits": {"five_hour": {"used_percentage": 40, "resets_at": int(time.time()) + 3600},
+                                  "seven_day": {"used_percentage": 91, "resets_at": int(time.time()) + 99999}}}
+
+        def statusline(document):
+            answer = subprocess.run([home.vimbrel, "statusline"], input=document, env=home.environment, text=True,
+                                    capture_output=True, timeout=60)
+            require(answer.returncode == 0 and answer.stdout.count("\n") == 1, "one line: " + answer.stdout)
+            return answer.stdout
+
+        line = statusline(json.dumps(status))
+        require(line.startswith("Opus 5 · 75% context left · 9% quota left until ") and " today\n" in line, line)
+        report_of_claude = next(each for each in home.ask("budgets")["budgets"] if each["agentType"] == "claude")
+        same(report_of_claude["quota"]["value"]["percentageRemaining"], 9.0, "the measured quota")
+        same(report_of_claude["quota"]["source"], "status-line", "its source")
+        same(report_of_claude["context"]["value"]["tokensRemaining"], 150000, "the measured context")
+        require(home.stop() == 0, "stops in order")
+        require(statusline(json.dumps(status)).endswith(" · $1.50 session\n"), "prints without an application")
+        for garbage in ("", "[]", "{\"model\":3,\"rate_limits\":{\"five_hour\":7}}", "\0\1", "{" * 5000):
+            require(statusline(garbage) == "Claude\n", "garbage gives the shortest line")
+        # The budgets are still there, and a file that cannot be read stops a script.
+        home.start()
+        require(len(home.ask("budgets")["money"]) == 2, "budgets are kept")
+        with open(home.file(".config/com.vimbrel.app/budgets.json"), "w") as file:
+            file.write("{")
+        check = home.command("budgets", "check")
+        require(check.returncode == 1 and "cannot be used" in check.stderr, "says that it cannot tell: " + check.stderr)
+
+
+golden()
+months()
+budgets()
