@@ -41,18 +41,6 @@ std::string agentName(const json& document, const char* key) {
   return std::string(agent ? displayName(*agent) : "?");
 }
 
-/// "2026-03-07T14:00:00Z" as the user's clock shows it.
-std::string localTime(const std::string& text) {
-  const auto instant = parseIso8601(text);
-  if (!instant) return "";
-  const auto time = static_cast<std::time_t>(unixSeconds(*instant));
-  std::tm broken{};
-  localtime_r(&time, &broken);
-  char shown[32];
-  std::strftime(shown, sizeof shown, "%Y-%m-%d %H:%M", &broken);
-  return shown;
-}
-
 void printTable(const Table& table) {
   printLines(table.lines(outputWidth(STDOUT_FILENO), Palette::forDescriptor(STDOUT_FILENO)));
 }

@@ -2,6 +2,7 @@
 #include "Commands/ControlSession.h"
 
 #include <cstdio>
+#include <ctime>
 #include <nlohmann/json.hpp>
 
 #include "Commands/ExitCode.h"
@@ -52,5 +53,16 @@ void printLines(const std::vector<std::string>& lines) {
 }
 
 Instant currentTime() { return SystemClock().now(); }
+
+std::string localTime(const std::string& iso8601) {
+  const auto instant = parseIso8601(iso8601);
+  if (!instant) return "";
+  const auto time = static_cast<std::time_t>(unixSeconds(*instant));
+  std::tm broken{};
+  localtime_r(&time, &broken);
+  char shown[32];
+  std::strftime(shown, sizeof shown, "%Y-%m-%d %H:%M", &broken);
+  return shown;
+}
 
 }  // namespace vimbrel

@@ -26,5 +26,7 @@ int reportUsage(const std::string& message);
 void printJson(const nlohmann::json& document);
 void printLines(const std::vector<std::string>& lines);
 [[nodiscard]] Instant currentTime();
+/// "2026-03-07T14:00:00Z" by the user's clock: "2026-03-07 15:00"; empty when it is no time.
+[[nodiscard]] std::string localTime(const std::string& iso8601);
 
 }  // namespace vimbrel

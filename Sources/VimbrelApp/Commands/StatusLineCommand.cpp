@@ -100,7 +100,10 @@ std::optional<double> reportTo(const std::string& socket, const json& measured) 
   if (!client) return std::nullopt;
   const auto answer = client->call("statusLine.report", measured, patience);
   if (!answer) return std::nullopt;
-  return number(member(member(&*answer, "today"), "estimatedCostUSD"));
+  const auto* today = member(&*answer, "today");
+  const auto cost = number(member(today, "estimatedCostUSD"));
+  // Nothing used is nothing spent; used without a price is unknown.
+  return !cost && number(member(today, "totalTokens")) == 0.0 ? std::optional(0.0) : cost;
 }
 
 }  // namespace

@@ -128,7 +128,11 @@ int usageReportCommand(const std::string& by, const UsageRange& range, Output ou
                         : by == "models"   ? "MODEL"
                         : by == "projects" ? "PROJECT"
                                            : "FIVE HOURS FROM";
-    printReport(*report, title.c_str());
+    auto shown = *report;
+    if (by == "blocks") {
+      for (auto& row : shown["rows"]) row["key"] = localTime(row.value("key", ""));
+    }
+    printReport(shown, title.c_str());
     printUnpriced(*report);
   }
   return exitCode::done;
