@@ -32,10 +32,28 @@ done
 if [ -z "${VIMBREL_DISPLAY_DIRECTORY:-}" ]; then
   directory=$(mktemp -d)
   mkdir -m 700 "$directory/runtime" "$directory/home"
+  # A bus that starts nothing by itself but what the panel keeps its settings with: no portals, no keyrings.
+  mkdir "$directory/services"
+  cp /usr/share/dbus-1/services/org.xfce.Xfconf.service "$directory/services" 2>/dev/null
+  cat >"$directory/bus.conf" <<EOF
+<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
+ "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
+<busconfig>
+  <type>session</type>
+  <keep_umask/>
+  <listen>unix:tmpdir=/tmp</listen>
+  <servicedir>$directory/services</servicedir>
+  <policy context="default">
+    <allow send_destination="*" eavesdrop="true"/>
+    <allow eavesdrop="true"/>
+    <allow own="*"/>
+  </policy>
+</busconfig>
+EOF
   env -u XDG_CONFIG_HOME -u XDG_DATA_HOME -u XDG_STATE_HOME -u XDG_CACHE_HOME -u WAYLAND_DISPLAY \
     VIMBREL_DISPLAY_DIRECTORY="$directory" HOME="$directory/home" XDG_RUNTIME_DIR="$directory/runtime" \
-    NO_AT_BRIDGE= QT_QPA_PLATFORM=xcb QT_SCALE_FACTOR="${QT_SCALE_FACTOR:-1}" \
-    dbus-run-session -- "$0" "${original[@]}"
+    QT_QPA_PLATFORM=xcb \
+    dbus-run-session --config-file="$directory/bus.conf" -- "$0" "${original[@]}"
   status=$?
   rm -rf "$directory"
   exit $status

@@ -11,8 +11,9 @@
 #include <QPushButton>
 #include <QScreen>
 #include <QScrollArea>
-#include <QScrollBar>
+#include <QTimer>
 #include <algorithm>
+#include <chrono>
 
 #include "Popover/FamilyRowView.h"
 #include "Popover/HeaderView.h"
@@ -29,11 +30,12 @@ constexpr int radius = 10;
 /// A click on the item closes the popover before the item hears of it; it must not open it again.
 constexpr qint64 sameClickMilliseconds = 250;
 
-Qt::WindowFlags flags() {
-  // Wayland places popups beside a parent only, and there is none.
-  const auto kind = canPlaceWindows() ? Qt::Popup : Qt::Tool;
-  return kind | Qt::FramelessWindowHint | Qt::NoDropShadowWindowHint;
-}
+/// How long a window manager has to give the popover the focus.
+constexpr auto focusPatience = std::chrono::milliseconds(150);
+
+// No Qt::Popup: those are hidden from screen readers, and Wayland places them beside a parent only.
+constexpr Qt::WindowFlags flags =
+    Qt::Tool | Qt::FramelessWindowHint | Qt::WindowStaysOnTopHint | Qt::NoDropShadowWindowHint;
 
 QFrame* separator(QWidget* parent) {
   auto* line = new QFrame(parent);
@@ -46,7 +48,7 @@ QFrame* separator(QWidget* parent) {
 }  // namespace
 
 PopoverWindow::PopoverWindow()
-    : QWidget(nullptr, flags()),
+    : QWidget(nullptr, flags),
       page_(new QWidget),
       scroll_(new QScrollArea(this)),
       header_(new HeaderView(page_)),
@@ -297,10 +299,13 @@ void PopoverWindow::openAt(const QRect& item) {
   show();
   raise();
   activateWindow();
+  QTimer::singleShot(focusPatience, this, [this] {
+    if (isVisible() && !isActiveWindow()) takeInputFocus(winId());
+  });
 }
 
 bool PopoverWindow::event(QEvent* event) {
-  if (event->type() == QEvent::WindowDeactivate && isVisible() && windowType() == Qt::Tool) close();
+  if (event->type() == QEvent::WindowDeactivate && isVisible()) close();
   return QWidget::event(event);
 }
 

@@ -36,6 +36,14 @@ bool isComposited() {
   return composited;
 }
 
+void takeInputFocus(std::uintptr_t window) {
+  const auto* x11 = qApp->nativeInterface<QNativeInterface::QX11Application>();
+  if (x11 == nullptr || x11->connection() == nullptr) return;
+  xcb_set_input_focus(x11->connection(), XCB_INPUT_FOCUS_PARENT, static_cast<xcb_window_t>(window),
+                      XCB_CURRENT_TIME);
+  xcb_flush(x11->connection());
+}
+
 bool canPlaceWindows() { return !QGuiApplication::platformName().startsWith("wayland"); }
 
 }  // namespace vimbrel::desktop
