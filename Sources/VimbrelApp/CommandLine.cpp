@@ -26,6 +26,7 @@ struct Invocation {
   bool installService = false;
   bool json = false;
   std::string format;
+  std::string scenario;
   bool follow = false;
   std::string key;
   std::string value;
@@ -137,6 +138,13 @@ void describeHistory(CLI::App& app, Invocation& in) {
   addJsonFlag(history, in);
   add(app, "diagnostics", "Print one JSON document about the running application, for support", in,
       [] { return diagnosticsCommand(); });
+  auto* simulate =
+      add(app, "simulate", "Run a scripted day on virtual time, and print what the machine would do", in,
+          [&] { return simulateCommand(in.scenario, in.output()); });
+  simulate->add_option("scenario", in.scenario, "The file that describes it")
+      ->required()
+      ->option_text("SCENARIO.json");
+  addJsonFlag(simulate, in);
 }
 
 /// The relay that belongs to this program, unless the user named another; empty when there is none, which

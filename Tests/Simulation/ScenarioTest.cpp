@@ -112,6 +112,62 @@ TEST_F(Scenario, aPauseEndsByItself) {
   EXPECT_TRUE(application.isHeld());
 }
 
+TEST_F(Scenario, anAgentThatIsLeftWaitingIsLetGoOnceAndForAll) {
+  ASSERT_TRUE(application.app().settings().setValue("waitingGraceSeconds", 300.0));
+  application.leaveOutWork();
+  application.start();
+  application.hook(AgentType::claude, AgentState::waiting);
+  application.run(300s);
+  EXPECT_TRUE(application.isHeld());
+  application.run(29s);
+  EXPECT_TRUE(application.isHeld()) << "the release delay follows";
+  application.run(3s);
+  EXPECT_FALSE(application.isHeld());
+  for (int minute = 0; minute < 40; ++minute) {
+    application.run(1min);
+    EXPECT_FALSE(application.isHeld()) << "not even when the session falls silent for good";
+  }
+  application.hook(AgentType::claude, AgentState::working);
+  application.settle();
+  EXPECT_TRUE(application.isHeld());
+}
+
+TEST_F(Scenario, aHoldWithoutFreshEventsEndsAtItsLongest) {
+  ASSERT_TRUE(application.app().settings().setValue("maximumHoldSeconds", 3600.0));
+  application.leaveOutWork();
+  application.start();
+  application.machine().change(
+      [](SimulatedWorld& world) { world.processes = {{812, "/usr/local/bin/codex exec fix tests"}}; });
+  application.run(59min);
+  EXPECT_TRUE(application.isHeld());
+  application.run(2min);
+  EXPECT_FALSE(application.isHeld()) << "a process alone is no sign of life";
+  for (int minute = 0; minute < 60; ++minute) {
+    application.run(1min);
+    EXPECT_FALSE(application.isHeld());
+  }
+  application.hook(AgentType::claude, AgentState::working);
+  application.run(1s);
+  EXPECT_TRUE(application.isHeld()) << "an event is";
+  for (int minute = 0; minute < 150; ++minute) {
+    application.hook(AgentType::claude, AgentState::working);
+    application.run(1min);
+    EXPECT_TRUE(application.isHeld()) << "and one that keeps coming is never interrupted";
+  }
+  application.machine().change([](SimulatedWorld& world) { world.processes.clear(); });
+  application.hook(AgentType::claude, AgentState::completed);
+  application.run(1min);
+  EXPECT_FALSE(application.isHeld());
+  ASSERT_TRUE(application.app().settings().setManualHoldEnabled(true));
+  application.run(61min);
+  EXPECT_FALSE(application.isHeld()) << "a forgotten manual hold ends too";
+  ASSERT_TRUE(application.app().settings().setManualHoldEnabled(false));
+  application.run(1s);
+  ASSERT_TRUE(application.app().settings().setManualHoldEnabled(true));
+  application.run(1s);
+  EXPECT_TRUE(application.isHeld()) << "asking again is a fresh wish";
+}
+
 TEST_F(Scenario, aRefusedAssertionIsTriedAgainEverySecond) {
   application.machine().change([](SimulatedWorld& world) { world.systemAssertionWorks = false; });
   application.start();

@@ -197,6 +197,10 @@ void SimulatedApplication::checkWhenSettled() {
   if (block && decision().isHolding()) fail("held although: " + std::string(rawValue(*block)));
   if (!block && decision().isBlocked()) fail("blocked without a reason");
 
+  for (const auto& check : checks_) {
+    if (const auto broken = check()) fail(*broken);
+  }
+  if (!checksWork_) return;
   bool works = false;
   for (const auto& session : app().agents().sessions().entries()) {
     works = works || (session->isWorking() && now - session->lastEventAt <= 900s);
@@ -209,9 +213,6 @@ void SimulatedApplication::checkWhenSettled() {
     const auto stoppedAt = app().agents().lastActiveAgentStoppedAt();
     const Seconds delay{std::max(0.0, settings.releaseDelaySeconds())};
     if (!stoppedAt || now - *stoppedAt >= delay) fail("held without a reason");
-  }
-  for (const auto& check : checks_) {
-    if (const auto broken = check()) fail(*broken);
   }
 }
 

@@ -76,6 +76,8 @@ class SimulatedApplication {
 
   /// The first promise that was broken, as a sentence; absent while all hold.
   [[nodiscard]] const std::optional<std::string>& violation() const { return violation_; }
+  /// Leaves out the promises about when work is a reason to hold, for tests of the settings that bound it.
+  void leaveOutWork() { checksWork_ = false; }
   /// A further promise, asked whenever nothing is left to run at a moment: a sentence when it is broken.
   void alsoCheck(std::function<std::optional<std::string>()> check) { checks_.push_back(std::move(check)); }
   /// As `alsoCheck`, but asked after every single task, also while no application lives.
@@ -103,6 +105,7 @@ class SimulatedApplication {
   std::vector<std::function<std::optional<std::string>()>> taskChecks_;
   std::uint64_t taskCount_ = 0;
   std::optional<std::string> violation_;
+  bool checksWork_ = true;
 };
 
 }  // namespace vimbrel

@@ -33,6 +33,9 @@ int doctorCommand(Output output);
 /// Days ("2026-01-31") or ISO 8601 times; empty: the last week, up to now.
 int historyCommand(const std::string& since, const std::string& until, Output output);
 int diagnosticsCommand();
+/// Runs the scenario in this file on virtual time and prints what the machine would have done. Needs no
+/// running application.
+int simulateCommand(const std::string& file, Output output);
 
 int agentsCommand(Output output);
 struct AgentSetupOptions {

@@ -20,6 +20,7 @@
 #include "System/ProtectionNotices.h"
 #include "System/SettingDescriptions.h"
 #include "System/ShortcutToggle.h"
+#include "System/WaitingGrace.h"
 
 namespace vimbrel {
 namespace {
@@ -106,7 +107,9 @@ Application::Application(PlatformServices platform, QueueProvider& queues, const
           .isHeld = [assertions = parts.idleAssertionController] { return assertions->isActive(); },
           .isLidCovered = [deepHold = deepHold_] { return deepHold->report().cover == LidCover::covered; }},
       clock);
-  parts.services = {deepHold_, commandHolds_, std::make_shared<LongestHold>(), presentation_, history_};
+  parts.services = {
+      deepHold_,     commandHolds_, std::make_shared<WaitingGrace>(), std::make_shared<LongestHold>(),
+      presentation_, history_};
   addDesktopServices(parts);
   if (usage_) parts.services.push_back(std::make_shared<UsageService>(usage_));
   if (options.lastHookEvents) {

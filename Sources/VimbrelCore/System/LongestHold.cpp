@@ -30,9 +30,16 @@ void LongestHold::willDecide(PolicyEvaluationContext& context) {
   const bool isManual = context.config.manualHoldEnabled;
   const bool isNewWish = isManual && !wasManual_;
   wasManual_ = isManual;
-  // Without a reason to hold there is nothing to keep ended.
-  if (!limit || (!youngest && !isManual)) expiredAt_.reset();
-  if (!limit) return;
+  if (!limit) return expiredAt_.reset();
+  // Without a reason to hold there is nothing to keep ended. Not at once: a process that was found by a scan
+  // counts as silent for a moment whenever it has not changed for a quarter of an hour.
+  if (youngest || isManual) {
+    noReasonSince_.reset();
+  } else if (!noReasonSince_) {
+    noReasonSince_ = context.now;
+  } else if (context.now - *noReasonSince_ > fresh + Seconds{context.config.releaseDebounceSeconds}) {
+    expiredAt_.reset();
+  }
 
   const auto heardSince = [&](Instant moment) { return isNewWish || (youngest && *youngest > moment); };
   if (expiredAt_ && heardSince(*expiredAt_)) expiredAt_.reset();

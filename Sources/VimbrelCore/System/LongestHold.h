@@ -19,6 +19,7 @@ class LongestHold final : public CoordinatorService {
  private:
   std::optional<Instant> periodStartedAt_;  ///< absent while nothing is held
   std::optional<Instant> expiredAt_;
+  std::optional<Instant> noReasonSince_;
   bool wasManual_ = false;
 };
 
