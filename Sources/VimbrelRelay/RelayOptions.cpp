@@ -87,6 +87,7 @@ RelayOptions parseRelayOptions(std::span<char* const> arguments) {
       options.help = true;
       return options;
     }
+    if (argument == "--no-pid") options.leavesPidOut = true;
     const auto* spelling = spellingOf(argument);
     if (spelling == nullptr || i + 1 == arguments.size()) continue;
     if (takeValue(options, *spelling, arguments[i + 1])) ++i;

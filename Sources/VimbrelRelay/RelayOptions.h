@@ -20,6 +20,7 @@ struct RelayOptions {
   std::optional<std::string_view> turnId;
   std::optional<std::string_view> socketPath;
   std::optional<std::int32_t> pid;
+  bool leavesPidOut = false;  ///< the event names no process
   std::optional<std::int64_t> inputTokens;
   std::optional<std::int64_t> outputTokens;
   std::optional<std::int64_t> cachedTokens;

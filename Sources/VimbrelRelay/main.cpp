@@ -7,6 +7,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstdlib>
@@ -78,8 +79,8 @@ void scanStandardInput(JsonMemberScanner& scanner) {
   const auto deadline = monotonicMilliseconds() + timeoutMs;
   char piece[4096];
   for (std::size_t total = 0; total < maximumHookEventBytes;) {
-    const auto left = deadline - monotonicMilliseconds();
-    if (left <= 0) return;
+    // What is there already is read also when this process itself was kept waiting.
+    const auto left = std::max<std::int64_t>(deadline - monotonicMilliseconds(), 0);
     pollfd input{.fd = STDIN_FILENO, .events = POLLIN, .revents = 0};
     const int ready = ::poll(&input, 1, static_cast<int>(left));
     if (ready < 0 && errno == EINTR) continue;
@@ -113,12 +114,23 @@ void sendEvent(const RelayOptions& options) {
     scanStandardInput(scanner);
     if (scanner.progress() == JsonMemberScanner::Progress::found) sessionId = scanner.value();
   }
+  const auto agent = rawValue(agentTypeFromLenientText(*options.agent));
+  std::optional<std::int32_t> pid = options.pid ? *options.pid : ::getppid();
+  FixedBuffer<64> derived;
+  if (options.leavesPidOut) {
+    // The process still tells conversations apart.
+    if (!sessionId || sessionId->empty()) {
+      appendDerivedSessionId(derived, agent, pid);
+      sessionId = derived.text();
+    }
+    pid.reset();
+  }
   HookEventFields event{
-      .agent = rawValue(agentTypeFromLenientText(*options.agent)),
+      .agent = agent,
       .sessionId = sessionId,
       .state = rawValue(agentStateFromLenientText(*options.state)),
       .timestamp = timestamp.text(),
-      .pid = options.pid ? *options.pid : ::getppid(),
+      .pid = pid,
       .cwd = options.cwd,
       .inputTokens = options.inputTokens,
       .outputTokens = options.outputTokens,

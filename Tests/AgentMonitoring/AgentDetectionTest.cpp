@@ -203,8 +203,9 @@ TEST(AgentDetection, boundsWhatAskingForAVersionTakes) {
 
 TEST(AgentDetection, killsEverythingThatAProbeStarted) {
   AgentMachine machine;
-  machine.environment.probeBounds.timeout = 2s;
-  machine.program("bin/claude", "sleep 1000 & echo $! > '" + machine.at("pid") + "'; sleep 1000");
+  machine.environment.probeBounds.timeout = 60s;  // What it prints is too much long before.
+  machine.program("bin/claude",
+                  "sleep 1000 & echo $! > '" + machine.at("pid") + "'; while :; do echo 1.2.3; done");
   EXPECT_EQ(machine.detect(claude).agentVersion, std::nullopt);
   std::ifstream file(machine.at("pid"));
   pid_t pid = 0;

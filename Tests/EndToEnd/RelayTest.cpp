@@ -228,6 +228,19 @@ TEST_F(Relay, takesTheSessionFromItsInput) {
   EXPECT_EQ(sessionOf(key, R"({"session)"), "claude-9") << "an end that is never closed is not waited for";
 }
 
+TEST_F(Relay, leavesTheProcessOutOnRequest) {
+  const std::vector<std::string> report{"--no-pid", "--agent", "cursor", "--state", "idle"};
+  EXPECT_EQ(event(report).pid, std::nullopt);
+  EXPECT_EQ(event(report).sessionId, "cursor-" + std::to_string(getpid()));
+  auto more = report;
+  more.insert(more.end(), {"--pid", "7"});
+  EXPECT_EQ(event(more).pid, std::nullopt);
+  EXPECT_EQ(event(more).sessionId, "cursor-7");
+  more.insert(more.end(), {"--session-key", "id"});
+  EXPECT_EQ(event(more, R"({"id":"c"})").sessionId, "c");
+  EXPECT_EQ(event(more, "{}").sessionId, "cursor-7");
+}
+
 TEST_F(Relay, printsOneLineOfHelpAndSendsNothing) {
   const auto pid = start({"--agent", "claude", "--state", "idle", "-h", "--socket"});
   EXPECT_EQ(

@@ -30,13 +30,15 @@ struct Trial {
   std::string standardInput;
 };
 
-Trial trialOf(const CurrentSetup& setup) {
+Trial trialOf(const CurrentSetup& setup, IntegrationType type) {
   Trial trial;
   trial.session = "vimbrel-test-" + std::to_string(::getpid());
   const auto working = std::ranges::find(setup.reports, AgentState::working, &HookReport::state);
   trial.commandLine = (working != setup.reports.end() ? *working : setup.reports.front()).commandLine;
   if (setup.sessionKey.empty()) {
     trial.commandLine += " --session-id " + trial.session;
+    // This program is not the agent's process; the next scan would end a session that said so.
+    if (type == IntegrationType::process) trial.commandLine += " --no-pid";
   } else {
     trial.standardInput = json{{setup.sessionKey, trial.session}}.dump() + "\n";
   }
@@ -45,8 +47,9 @@ Trial trialOf(const CurrentSetup& setup) {
 
 /// The session and the state that the application has after the report; absent when it did not come.
 std::expected<std::optional<json>, ControlClientError> stateWith(ControlClient& client,
-                                                                 const std::string& session) {
-  const auto deadline = std::chrono::steady_clock::now() + 3s;
+                                                                 const std::string& session,
+                                                                 std::chrono::seconds patience) {
+  const auto deadline = std::chrono::steady_clock::now() + patience;
   for (;;) {
     auto state = client.call("status", json::object());
     if (!state) return std::unexpected(state.error());
@@ -78,7 +81,7 @@ std::string problemOf(const std::expected<SubprocessResult, SubprocessFault>& ru
 int agentTestCommand(const std::string& agent, const std::string& relay, Output output) {
   const auto adapter = chooseAgent(agent);
   if (!adapter) return exitCode::usage;
-  const auto trial = trialOf(*adapter->currentSetup({relay, ""}));
+  const auto trial = trialOf(*adapter->currentSetup({relay, ""}), adapter->integrationType());
 
   auto client = ControlClient::connect(controlSocketPath());
   if (!client) return reportFailure(client.error());
@@ -87,7 +90,8 @@ int agentTestCommand(const std::string& agent, const std::string& relay, Output 
     return reportFailure(begun.error());
   }
   const auto run = runProgram("/bin/sh", {"-c", trial.commandLine}, {.input = trial.standardInput});
-  const auto state = stateWith(*client, trial.session);
+  const bool isSent = run && run->exitStatus == 0;
+  const auto state = stateWith(*client, trial.session, isSent ? 3s : 0s);
   if (!state) return reportFailure(state.error());
   const bool isReceived = state->has_value();
   const auto session = isReceived ? sessionIn(**state, trial.session) : json(nullptr);

@@ -213,7 +213,7 @@ export const Vimbrel = async ({ $ }) => {
 }
 
 std::optional<CurrentSetup> CursorAdapter::currentSetup(const RelayCall& relay) const {
-  const HookCommand command(relay, AgentType::cursor, "conversation_id");
+  const HookCommand command(relay, AgentType::cursor, "conversation_id", HookCommand::Process::none);
   const auto hook = [&](AgentState state) {
     return Json::array({Json{{"command", command.reporting(state)}}});
   };
@@ -237,7 +237,7 @@ std::optional<CurrentSetup> CursorAdapter::currentSetup(const RelayCall& relay) 
 }
 
 std::optional<CurrentSetup> WindsurfAdapter::currentSetup(const RelayCall& relay) const {
-  const HookCommand command(relay, AgentType::windsurf, "trajectory_id");
+  const HookCommand command(relay, AgentType::windsurf, "trajectory_id", HookCommand::Process::none);
   const auto hook = [&](AgentState state) {
     return Json::array({Json{{"command", command.reporting(state)}, {"show_output", false}}});
   };
@@ -257,7 +257,7 @@ std::optional<CurrentSetup> WindsurfAdapter::currentSetup(const RelayCall& relay
 }
 
 std::optional<CurrentSetup> AntigravityAdapter::currentSetup(const RelayCall& relay) const {
-  const HookCommand command(relay, AgentType::antigravity, "");
+  const HookCommand command(relay, AgentType::antigravity, "", HookCommand::Process::none);
   const auto hook = [&](AgentState state) {
     return Json::array({Json{{"type", "command"}, {"command", command.reporting(state)}, {"timeout", 5}}});
   };

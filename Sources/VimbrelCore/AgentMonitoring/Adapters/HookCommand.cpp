@@ -22,10 +22,11 @@ std::string shellWord(std::string_view text) {
   return word + "'";
 }
 
-HookCommand::HookCommand(const RelayCall& relay, AgentType agent, std::string sessionKey)
+HookCommand::HookCommand(const RelayCall& relay, AgentType agent, std::string sessionKey, Process process)
     : sessionKey_(std::move(sessionKey)),
       beginning_(shellWord(relay.path) + " --agent " + std::string(rawValue(agent)) + " --state "),
       ending_(" --pid $PPID") {
+  if (process == Process::none) ending_ += " --no-pid";
   if (!sessionKey_.empty()) ending_ += " --session-key " + sessionKey_;
   if (!relay.socket.empty()) ending_ += " --socket " + shellWord(relay.socket);
 }

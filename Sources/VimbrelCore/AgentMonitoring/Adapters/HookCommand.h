@@ -12,9 +12,15 @@ namespace vimbrel {
 /// Writes the command lines that agents' hooks run.
 class HookCommand {
  public:
+  /// Whose process a report names. A session of an agent that is watched by its process ends with that
+  /// process, as soon as a scan does not find it: where hooks are run by helpers that no scan finds, their
+  /// reports must name none.
+  enum class Process { agent, none };
+
   /// `sessionKey` names the member of the hook's standard input that tells two conversations apart; empty
   /// when the agent gives none.
-  HookCommand(const RelayCall& relay, AgentType agent, std::string sessionKey);
+  HookCommand(const RelayCall& relay, AgentType agent, std::string sessionKey,
+              Process process = Process::agent);
 
   /// One command line for a shell. The shell's parent is the agent, which outlives it, so its process id is
   /// the agent's; an agent that runs the words without a shell passes "$PPID" as it stands, which the relay
