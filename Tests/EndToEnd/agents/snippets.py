@@ -101,13 +101,13 @@ def sessions_of(sandbox):
 without_process = ("cursor", "windsurf", "antigravity")
 
 
-def require_session(sandbox, name, agent, state, pid):
+def require_session(sandbox, name, agent, state, pid, is_far=False):
     def is_there():
         session = sessions_of(sandbox).get(name)
         return session and session["state"] == state and session
     session = eventually(is_there, "session %s of %s is %s" % (name, agent, state))
     require(session["agentType"] == agent, session)
-    named = None if agent in without_process else pid
+    named = None if agent in without_process or (agent == "aider" and is_far) else pid
     require(session.get("pid") == named, "the process of the agent (%d), not of a shell, or none: %s" % (pid, session))
 
 
@@ -181,7 +181,7 @@ def try_odd_paths(sandbox):
             document = json.dumps(input_of(agent, event, "odd-" + agent, sandbox.home))
             process.run_hook(["/bin/sh", "-c", snippet.command(event)], document)
             name = "odd-" + agent if agent in session_keys else "%s-%d" % (agent, process.pid)
-            require_session(sandbox, name, agent, state, process.pid)
+            require_session(sandbox, name, agent, state, process.pid, is_far=True)
 
 
 def main():

@@ -279,7 +279,9 @@ std::optional<CurrentSetup> AntigravityAdapter::currentSetup(const RelayCall& re
 }
 
 std::optional<CurrentSetup> AiderAdapter::currentSetup(const RelayCall& relay) const {
-  const HookCommand command(relay, AgentType::aider, "");
+  // On another machine its process is nothing that a scan of this one finds.
+  const auto process = relay.socket.empty() ? HookCommand::Process::agent : HookCommand::Process::none;
+  const HookCommand command(relay, AgentType::aider, "", process);
   CurrentSetup setup;
   setup.configPath = "~/.aider.conf.yml";
   setup.snippet = "notifications: true\nnotifications-command: " + quoted(command.reporting(waiting)) + "\n";

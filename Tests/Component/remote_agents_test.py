@@ -1,0 +1,177 @@
+# SPDX-License-Identifier: Apache-2.0
+"""Agents on a server keep this machine awake through OpenSSH: two hosts with networks and files of their own, a real
+sshd on one of them with the settings that it is installed with, and on that one nothing of Vimbrel but the relay.
+
+  remote_agents_test.py VIMBREL RELAY"""
+
+import json
+import os
+import shutil
+import subprocess
+import sys
+
+here = os.path.dirname(os.path.abspath(__file__))
+sys.path.insert(0, here + "/../EndToEnd/faults")
+sys.path.insert(0, here + "/../EndToEnd/agents")
+
+vimbrel, relay = (os.path.abspath(path) for path in sys.argv[1:3])
+os.environ.update(VIMBREL_PROGRAM=vimbrel, VIMBREL_RELAY_PROGRAM=relay)
+from sandbox import Sandbox, eventually, patience, require, skip  # noqa: E402
+
+sshd = "/usr/sbin/sshd"
+address = "10.99.0.2"
+# As the document for users has them.
+remote_directory = "/root/.local/share/Vimbrel/run"
+remote_socket = remote_directory + "/vimbrel.sock"
+prepare = "mkdir -p -m 700 %s && rm -f %s" % (remote_directory, remote_socket)
+
+
+def enter_the_first_host():
+    """Everything below happens in namespaces of its own, which end with this program."""
+    if os.environ.get("VIMBREL_REMOTE_INSIDE"):
+        return
+    for tool in (sshd, "/usr/bin/ssh", "/usr/bin/nsenter"):
+        if not os.access(tool, os.X_OK):
+            skip("%s is missing" % tool)
+    if not shutil.which("ip"):
+        skip("iproute2 is missing")
+    if os.getuid() != 0:
+        skip("sshd cannot separate its privileges without being root")
+    namespaces = ["unshare", "-mpnf", "--kill-child", "--mount-proc", "--propagation", "private"]
+    if subprocess.run([*namespaces, "true"], stderr=subprocess.DEVNULL).returncode != 0:
+        skip("this machine allows no namespaces")
+    os.environ["VIMBREL_REMOTE_INSIDE"] = "1"
+    os.execvp("unshare", [*namespaces, sys.executable, os.path.abspath(__file__), vimbrel, relay])
+
+
+def run(*command, **options):
+    return subprocess.run(command, check=True, timeout=patience, **options)
+
+
+class Server:
+    """A host in whose files nothing of the first one's home or of this build can be seen."""
+
+    def __init__(self, sandbox):
+        self.sandbox = sandbox
+        self.holder = subprocess.Popen(["unshare", "-nmu", "--propagation", "private", "sleep", "infinity"])
+        eventually(lambda: os.readlink("/proc/%d/ns/net" % self.holder.pid) != os.readlink("/proc/self/ns/net"),
+                   "the second host")
+        run("ip", "link", "set", "lo", "up")
+        run("ip", "link", "add", "here", "type", "veth", "peer", "name", "there", "netns", str(self.holder.pid))
+        run("ip", "addr", "add", "10.99.0.1/24", "dev", "here")
+        run("ip", "link", "set", "here", "up")
+        for command in ("hostname server", "ip link set lo up", "ip addr add %s/24 dev there" % address,
+                        "ip link set there up", "mount -t tmpfs -o mode=700 server /root", "mount -t tmpfs -o mode=755 server /run",
+                        "mkdir -m 755 /run/sshd"):
+            self.inside(command)
+        run("ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-f", sandbox.file("key"))
+        with open(sandbox.file("key.pub")) as file:
+            self.inside("mkdir -m 700 /root/.ssh; cat > /root/.ssh/authorized_keys; chmod 600 /root/.ssh/authorized_keys",
+                        input=file.read())
+        self.inside("ssh-keygen -q -t ed25519 -N '' -f /root/host_key")
+        with open(relay, "rb") as file:
+            self.inside("cat > /root/vimbrel-relay; chmod 755 /root/vimbrel-relay", input=file.read())
+        with open("/etc/ssh/sshd_config") as file:
+            settings = file.read()
+        self.inside("cat > /root/sshd_config", input=settings + "\nHostKey /root/host_key\nPermitRootLogin yes\n"
+                    "UsePAM no\nPidFile none\n")
+        self.sshd = self.start(sshd + " -D -e -f /root/sshd_config 2> /root/log")
+        # Only now do the first host's files vanish: what stands below /tmp here is this build's and its home's.
+        self.inside("mount -t tmpfs server /tmp")
+        require(self.inside("ls /tmp; ls /root/.local 2>/dev/null || true") == "", "nothing of the first host is there")
+
+    def command(self, line):
+        return ["nsenter", "-t", str(self.holder.pid), "-n", "-m", "-u", "--wd=/", "sh", "-c", line]
+
+    def inside(self, line, **options):
+        text = not isinstance(options.get("input"), bytes)
+        done = subprocess.run(self.command(line), timeout=patience, stdout=subprocess.PIPE, text=text, **options)
+        require(done.returncode == 0, "on the server: " + line)
+        return done.stdout
+
+    def start(self, line):
+        return subprocess.Popen(self.command("exec " + line))
+
+    def ssh(self, *words):
+        return ["ssh", "-F", "none", "-i", self.sandbox.file("key"), "-o", "BatchMode=yes", "-o",
+                "StrictHostKeyChecking=accept-new", "-o", "UserKnownHostsFile=" + self.sandbox.file("known_hosts"), *words]
+
+    def forward(self):
+        """What the document says: a fresh place for the socket, then the forwarding."""
+        run(*self.ssh("root@" + address, prepare))
+        forwarding = subprocess.Popen(self.ssh("-N", "-o", "ExitOnForwardFailure=yes", "-R",
+                                               remote_socket + ":" + self.sandbox.hook_socket, "root@" + address),
+                                      stderr=subprocess.DEVNULL)  # It complains of hooks that nobody hears.
+
+        def is_there():
+            require(forwarding.poll() is None, "ssh ended: " + self.inside("cat /root/log"))
+            return self.inside("test -S %s && echo yes || true" % remote_socket)
+        eventually(is_there, "the socket on the server")
+        return forwarding
+
+    def agent(self, line, document=""):
+        """A hook as an agent on the server runs it, in a session of the user's there."""
+        done = subprocess.run(self.ssh("root@" + address, line), input=document, text=True, capture_output=True,
+                              timeout=patience)
+        require(done.returncode == 0 and done.stdout == "", "a hook on the server: %s" % done)
+
+
+def state_of(sandbox, name):
+    return next((each["state"] for each in sandbox.ask("sessions")["sessions"] if each["id"] == name), None)
+
+
+def commands_for_the_server(sandbox, agent):
+    printed = sandbox.command("agents", "setup", agent, "--no-wait", "--json", "--relay", "/root/vimbrel-relay",
+                              "--socket", remote_socket)
+    setup = json.loads(printed.stdout)
+    require(setup["relayPath"] == "/root/vimbrel-relay", setup)
+    return setup["reports"]
+
+
+def main():
+    enter_the_first_host()
+    with Sandbox() as sandbox:
+        sandbox.start()
+        server = Server(sandbox)
+        claude = commands_for_the_server(sandbox, "claude")
+        # Nothing is forwarded yet: the agent must not notice.
+        server.agent(claude["working"], '{"session_id":"early"}')
+
+        forwarding = server.forward()
+        require(server.inside("stat -c %a " + remote_socket).strip() == "600", "for its owner on the server only")
+        server.agent(claude["working"], '{"session_id":"far"}')
+        eventually(lambda: state_of(sandbox, "far") == "working", "the agent on the server works here")
+        eventually(lambda: sandbox.ask("status")["isHolding"], "and this machine is held awake")
+        server.agent("/root/vimbrel-relay --agent codex --state working --session-id plain")
+        eventually(lambda: state_of(sandbox, "plain") == "working", "at its usual place the socket needs no option")
+        server.agent(commands_for_the_server(sandbox, "aider")["waiting"] + " --session-id aider-far")
+        server.agent(claude["idle"], '{"session_id":"far"}')
+        eventually(lambda: state_of(sandbox, "far") == "idle", "and stops")
+        # A scan of this machine's processes does not end a session of another's.
+        sandbox.world({"processes": ["4711 /usr/bin/gemini"]})
+        eventually(lambda: state_of(sandbox, "proc-gemini-4711"), "a scan")
+        require(state_of(sandbox, "aider-far") == "waiting", "the session of an agent that is watched by its process")
+
+        # The connection breaks without a word; the hooks go on, unheard, and are heard again after the next one.
+        forwarding.kill()
+        forwarding.wait()
+        server.agent(claude["working"], '{"session_id":"far"}')
+        require(state_of(sandbox, "far") == "idle", "nothing is heard without the connection")
+        forwarding = server.forward()
+        server.agent(claude["completed"], '{"session_id":"far"}')
+        eventually(lambda: state_of(sandbox, "far") == "completed", "heard again")
+
+        # The application here restarts under the connection.
+        sandbox.kill()
+        server.agent(claude["working"], '{"session_id":"far"}')
+        sandbox.start()
+        server.agent(claude["working"], '{"session_id":"again"}')
+        eventually(lambda: state_of(sandbox, "again") == "working", "the same connection serves the new application")
+        require(state_of(sandbox, "early") is None, "what was not heard stays unheard")
+        for process in (forwarding, server.sshd, server.holder):
+            process.kill()
+            process.wait()
+        require(sandbox.stop() == 0, "the application stops with 0")
+
+
+sys.exit(main())
