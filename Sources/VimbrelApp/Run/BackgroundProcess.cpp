@@ -44,12 +44,16 @@ BackgroundProcess::BackgroundProcess(const RunOptions& options, std::string vers
     : options_(options),
       simulated_(loop_.mainQueue()),
       platform_(choosePlatform()),
+      agentProcesses_(platform_.processAncestry
+                          ? std::make_shared<AgentProcesses>(platform_.processAncestry, clock_)
+                          : nullptr),
       lastHookEvents_(std::make_shared<LastHookEvents>(
           clock_, directories::applicationSupport() + "/Vimbrel/last_events.json")),
       usage_(makeUsageServices(loop_, clock_)),
       application_(platform_, loop_, clock_, ApplicationDirectories::ofUser(),
                    {.hookReceiver = makeHookReceiver(),
                     .helper = helperFor(options),
+                    .agentProcesses = agentProcesses_,
                     .usage = usage_.coordinator,
                     .lastHookEvents = lastHookEvents_}),
       controlled_{.coordinator = application_.coordinator(),
@@ -88,7 +92,13 @@ PlatformServices BackgroundProcess::choosePlatform() {
 }
 
 std::shared_ptr<HookEventReceiving> BackgroundProcess::makeHookReceiver() {
-  return std::make_shared<HookEventReceiver>(defaultHookSocketPath(), loop_, clock_);
+  HookSenderObserver observer;
+  if (agentProcesses_) {
+    observer = [processes = agentProcesses_](const HookEvent& event, std::int32_t sender) {
+      processes->heard(event, sender);
+    };
+  }
+  return std::make_shared<HookEventReceiver>(defaultHookSocketPath(), loop_, clock_, std::move(observer));
 }
 
 std::expected<void, std::string> BackgroundProcess::start(const std::string& controlSocket) {

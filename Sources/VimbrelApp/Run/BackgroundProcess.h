@@ -53,6 +53,7 @@ class BackgroundProcess {
   SimulatedMachine simulated_;
   std::optional<SimulatedWorldFile> worldFile_;
   PlatformServices platform_;
+  const std::shared_ptr<AgentProcesses> agentProcesses_;
   const std::shared_ptr<LastHookEvents> lastHookEvents_;
   const UsageServices usage_;
   Application application_;

@@ -273,7 +273,48 @@ void AgentStateCoordinator::clearAllSessions() {
   deliver(notice);
 }
 
+void AgentStateCoordinator::setAgentProcesses(std::shared_ptr<AgentProcesses> processes) {
+  const std::lock_guard guard(lock_);
+  agentProcesses_ = std::move(processes);
+}
+
+void AgentStateCoordinator::markEndedSessions(Instant now) {
+  std::shared_ptr<AgentProcesses> processes;
+  {
+    const std::lock_guard guard(lock_);
+    processes = agentProcesses_;
+  }
+  const auto ended = processes ? processes->takeEnded() : std::vector<std::string>{};
+  if (ended.empty()) return;
+  Notice notice;
+  StopTimeChange stop{};
+  std::vector<std::string> marked;
+  {
+    const std::lock_guard guard(lock_);
+    const bool workedBefore = table_.workingCount() > 0;
+    for (const auto& id : ended) {
+      const auto index = table_.indexOf(id);
+      if (!index) continue;
+      auto session = *table_.entries()[*index];
+      if (session.state == AgentState::completed || session.state == AgentState::stale) continue;
+      session.state = AgentState::stale;
+      session.lastEventDescription = "The agent's process has ended";
+      table_.replace(*index, std::move(session));
+      marked.push_back(id);
+    }
+    if (marked.empty()) return;
+    stop = applyStopTimeRule(workedBefore, now);
+    notice = noticeLocked();
+  }
+  for (const auto& id : marked) {
+    logger_.info("Session %s: its agent's process has ended. Marking stale.", printableText(id).c_str());
+  }
+  if (stop == StopTimeChange::set) logStop(now);
+  deliver(notice);
+}
+
 void AgentStateCoordinator::sweepStaleSessions(Instant now) {
+  markEndedSessions(now);
   std::vector<SessionTable::Entry> stale;
   Notice notice;
   {

@@ -9,6 +9,7 @@
 #include <string_view>
 #include <vector>
 
+#include "AgentMonitoring/AgentProcesses.h"
 #include "AgentMonitoring/HookEventReceiving.h"
 #include "AgentMonitoring/ProcessMonitoring.h"
 #include "AgentMonitoring/SessionTable.h"
@@ -51,6 +52,9 @@ class AgentStateCoordinator final : public HookEventReceiverDelegate {
   void setStaleSessionTTL(Seconds ttl);
   [[nodiscard]] Seconds staleSessionTTL() const;
 
+  /// Where the sweep learns which sessions' agents have ended; may be null.
+  void setAgentProcesses(std::shared_ptr<AgentProcesses> processes);
+
   /// Applies one event: any state may follow any other. Always notifies.
   void didReceiveHookEvent(const HookEvent& event) override;
   /// Reconciles the sessions found by process scans with the latest complete scan. Notifies on change only. A
@@ -60,7 +64,8 @@ class AgentStateCoordinator final : public HookEventReceiverDelegate {
   void registerProcessSession(AgentType agent, std::int32_t pid, bool isWorking, double confidence);
   /// Unknown ids are ignored. Always notifies, and leaves the stop time alone.
   void removeSession(std::string_view id);
-  /// Marks every session that is silent for longer than the TTL, whatever its state, on every sweep again.
+  /// Marks every session that is silent for longer than the TTL, whatever its state, on every sweep again;
+  /// and those whose agent's process has ended, unless they are completed.
   void sweepStaleSessions(Instant now);
   void clearAllSessions();
 
@@ -71,6 +76,7 @@ class AgentStateCoordinator final : public HookEventReceiverDelegate {
   StopTimeChange applyStopTimeRule(bool workedBefore, Instant reference);
   /// Applies one match of a scan; true when that is a change to be announced.
   bool applyMatchLocked(const ProcessMatch& match, Instant now);
+  void markEndedSessions(Instant now);
   [[nodiscard]] Notice noticeLocked();
   void deliver(const Notice& notice) const;
   void logStop(Instant reference) const;
@@ -82,6 +88,7 @@ class AgentStateCoordinator final : public HookEventReceiverDelegate {
   std::optional<Instant> lastActiveAgentStoppedAt_;
   Seconds staleSessionTTL_{900};
   std::weak_ptr<AgentStateCoordinatorDelegate> delegate_;
+  std::shared_ptr<AgentProcesses> agentProcesses_;
   std::shared_ptr<const std::function<void(const HookEvent&)>> onHookEvent_;
   std::uint64_t droppedLogged_ = 0;
   std::optional<std::chrono::nanoseconds> droppedLoggedAt_;

@@ -21,8 +21,10 @@ constexpr mode_t socketMode = 0600;
 
 }  // namespace
 
-HookEventReceiver::HookEventReceiver(std::string socketPath, QueueProvider& queues, const Clock& clock)
+HookEventReceiver::HookEventReceiver(std::string socketPath, QueueProvider& queues, const Clock& clock,
+                                     HookSenderObserver senderObserver)
     : socketPath_(std::move(socketPath)),
+      senderObserver_(std::move(senderObserver)),
       clock_(clock),
       queue_(queues.makeQueue("com.vimbrel.hookreceiver", QueueHome::background)) {}
 
@@ -80,7 +82,7 @@ std::expected<void, HookReceiverError> HookEventReceiver::start() {
     return std::unexpected(failure(Fault::system, error.code, error.text()));
   }
   ownFile_ = socketFile();
-  auto intake = HookIntake::open(std::move(*listener), queue_, clock_);
+  auto intake = HookIntake::open(std::move(*listener), queue_, clock_, senderObserver_);
   if (!intake) {
     ::unlink(socketPath_.c_str());
     logger_.error("Failed to create UNIX domain socket: %d", intake.error());

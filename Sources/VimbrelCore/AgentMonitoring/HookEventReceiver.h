@@ -27,7 +27,8 @@ class HookIntake;
 class HookEventReceiver final : public HookEventReceiving {
  public:
   /// `defaultHookSocketPath()` is where the relay sends.
-  HookEventReceiver(std::string socketPath, QueueProvider& queues, const Clock& clock);
+  HookEventReceiver(std::string socketPath, QueueProvider& queues, const Clock& clock,
+                    HookSenderObserver senderObserver = {});
   ~HookEventReceiver() override;
   HookEventReceiver(const HookEventReceiver&) = delete;
   HookEventReceiver& operator=(const HookEventReceiver&) = delete;
@@ -53,6 +54,7 @@ class HookEventReceiver final : public HookEventReceiving {
   [[nodiscard]] std::optional<FileIdentity> socketFile() const;
 
   const std::string socketPath_;
+  const HookSenderObserver senderObserver_;
   const Clock& clock_;
   const std::shared_ptr<TaskQueue> queue_;
   const Logger logger_{"hooks"};

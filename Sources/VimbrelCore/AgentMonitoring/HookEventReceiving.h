@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <cstdint>
 #include <expected>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -15,6 +17,10 @@ class HookEventReceiverDelegate {
   virtual ~HookEventReceiverDelegate() = default;
   virtual void didReceiveHookEvent(const HookEvent& event) = 0;
 };
+
+/// Hears of each event before its sender is answered, and of the sender's process id. On the receiver's
+/// queue.
+using HookSenderObserver = std::function<void(const HookEvent& event, std::int32_t sender)>;
 
 /// Why the receiver could not start; `text` is a sentence for people.
 struct HookReceiverError {

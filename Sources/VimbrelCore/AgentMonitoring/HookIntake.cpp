@@ -60,9 +60,11 @@ auto HookIntake::whileAlive(Step step) {
   };
 }
 
-HookIntake::HookIntake(Fd listener, Fd poll, std::shared_ptr<TaskQueue> queue, const Clock& clock)
+HookIntake::HookIntake(Fd listener, Fd poll, std::shared_ptr<TaskQueue> queue, const Clock& clock,
+                       HookSenderObserver senderObserver)
     : queue_(std::move(queue)),
       clock_(clock),
+      senderObserver_(std::move(senderObserver)),
       buffer_(std::make_unique_for_overwrite<char[]>(maximumHookEventBytes)),
       listener_(std::move(listener)),
       poll_(std::move(poll)),
@@ -70,11 +72,12 @@ HookIntake::HookIntake(Fd listener, Fd poll, std::shared_ptr<TaskQueue> queue, c
 
 std::expected<std::shared_ptr<HookIntake>, int> HookIntake::open(Fd listener,
                                                                  std::shared_ptr<TaskQueue> queue,
-                                                                 const Clock& clock) {
+                                                                 const Clock& clock,
+                                                                 HookSenderObserver senderObserver) {
   Fd poll(::epoll_create1(EPOLL_CLOEXEC));
   if (!poll) return std::unexpected(errno);
-  return std::shared_ptr<HookIntake>(
-      new HookIntake(std::move(listener), std::move(poll), std::move(queue), clock));
+  return std::shared_ptr<HookIntake>(new HookIntake(std::move(listener), std::move(poll), std::move(queue),
+                                                    clock, std::move(senderObserver)));
 }
 
 void HookIntake::setDelegate(std::weak_ptr<HookEventReceiverDelegate> delegate) {
@@ -158,6 +161,10 @@ void HookIntake::handleDocument(int connection, std::string_view document) {
   if (logger_.enabled(LogLevel::debug)) {
     logger_.debug("Received event: agent=%s state=%s session=%s", rawValue(event->agent).data(),
                   rawValue(event->state).data(), printableText(event->sessionId).c_str());
+  }
+  // The answer ends the sender, and with it the way to its ancestors.
+  if (senderObserver_) {
+    if (const auto peer = peerCredentials(connection)) senderObserver_(*event, peer->pid);
   }
   send(connection, successAnswer);
   std::shared_ptr<HookEventReceiverDelegate> delegate;

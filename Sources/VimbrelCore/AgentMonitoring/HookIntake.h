@@ -29,9 +29,8 @@ namespace vimbrel {
 class HookIntake : public std::enable_shared_from_this<HookIntake> {
  public:
   /// Takes over a non-blocking listening socket. The error is an errno.
-  [[nodiscard]] static std::expected<std::shared_ptr<HookIntake>, int> open(Fd listener,
-                                                                            std::shared_ptr<TaskQueue> queue,
-                                                                            const Clock& clock);
+  [[nodiscard]] static std::expected<std::shared_ptr<HookIntake>, int> open(
+      Fd listener, std::shared_ptr<TaskQueue> queue, const Clock& clock, HookSenderObserver senderObserver);
   /// Any thread.
   void setDelegate(std::weak_ptr<HookEventReceiverDelegate> delegate);
   /// Starts accepting. Once, by the owner.
@@ -46,7 +45,8 @@ class HookIntake : public std::enable_shared_from_this<HookIntake> {
   };
   enum class Outcome { finished, silent };
 
-  HookIntake(Fd listener, Fd poll, std::shared_ptr<TaskQueue> queue, const Clock& clock);
+  HookIntake(Fd listener, Fd poll, std::shared_ptr<TaskQueue> queue, const Clock& clock,
+             HookSenderObserver senderObserver);
   /// A task for the queue that does nothing once this is gone.
   template <typename Step>
   auto whileAlive(Step step);
@@ -65,6 +65,7 @@ class HookIntake : public std::enable_shared_from_this<HookIntake> {
 
   const std::shared_ptr<TaskQueue> queue_;
   const Clock& clock_;
+  const HookSenderObserver senderObserver_;
   const Logger logger_{"hooks"};
   const std::unique_ptr<char[]> buffer_;  // For every read: a connection's bytes are used up before the next.
   std::atomic<bool> closed_{false};

@@ -77,6 +77,7 @@ Application::Application(PlatformServices platform, QueueProvider& queues, const
   parts.mainQueue = mainQueue_;
   parts.settings = std::make_shared<SettingsStore>(preferences_, clock);
   parts.agentCoordinator = std::make_shared<AgentStateCoordinator>(clock);
+  parts.agentCoordinator->setAgentProcesses(std::move(options.agentProcesses));
   parts.idleAssertionController = std::make_shared<IdleWakeAssertionController>(platform_.assertions);
   parts.batteryMonitor = std::make_shared<BatteryMonitor>(platform_.powerSources);
   parts.thermalMonitor = std::make_shared<ThermalMonitor>(platform_.thermalPressure);

@@ -41,6 +41,8 @@ struct ApplicationOptions {
   enum class Helper { simulated, machine } helper = Helper::simulated;
   /// The simulated helper to ask, instead of one that never fails.
   HelperExchange helperExchange;
+  /// Knows which process is the agent behind each session; may be null.
+  std::shared_ptr<AgentProcesses> agentProcesses;
   /// Records usage and budgets; may be null. Started and stopped with the coordinator.
   std::shared_ptr<UsageCoordinator> usage;
   /// Remembers when agents' hooks last reported; may be null. Saved now and then, and when the application

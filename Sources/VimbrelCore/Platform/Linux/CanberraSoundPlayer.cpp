@@ -2,6 +2,10 @@
 #include "Platform/Linux/CanberraSoundPlayer.h"
 
 #include <canberra.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <string>
 
 #include "Platform/Linux/SharedLibrary.h"
 
@@ -37,7 +41,16 @@ struct CanberraSoundPlayer::Library {
 CanberraSoundPlayer::CanberraSoundPlayer() = default;
 CanberraSoundPlayer::~CanberraSoundPlayer() = default;
 
+bool CanberraSoundPlayer::canBeHeard() {
+  const auto exists = [](const std::string& path) { return ::access(path.c_str(), F_OK) == 0; };
+  if (std::getenv("PULSE_SERVER") != nullptr || exists("/dev/snd/timer")) return true;
+  const char* runtime = std::getenv("XDG_RUNTIME_DIR");
+  const std::string directory = runtime == nullptr ? "/run/user/" + std::to_string(::getuid()) : runtime;
+  return exists(directory + "/pulse/native") || exists(directory + "/pipewire-0");
+}
+
 bool CanberraSoundPlayer::playEvent(const char* event) {
+  if (!canBeHeard()) return false;
   if (!library_) library_ = std::make_unique<Library>();
   if (library_->context == nullptr) return false;
   constexpr std::uint32_t anySound = 0;

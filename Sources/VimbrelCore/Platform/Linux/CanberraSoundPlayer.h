@@ -22,6 +22,9 @@ class CanberraSoundPlayer final : public SoundPlayer {
  private:
   struct Library;
   bool playEvent(const char* event);
+  /// Whether there is a sound server or a sound card. Without one, the library would complain on standard
+  /// error at every sound.
+  [[nodiscard]] static bool canBeHeard();
   std::unique_ptr<Library> library_;
 };
 

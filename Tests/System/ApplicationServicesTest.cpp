@@ -1,0 +1,243 @@
+// SPDX-License-Identifier: Apache-2.0
+// What hangs off the loop, wired as the running application wires it.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <fstream>
+#include <nlohmann/json.hpp>
+
+#include "AgentMonitoring/DirectHookReceiver.h"
+#include "CapturedLog.h"
+#include "Platform/Linux/LinuxLoginItem.h"
+#include "Platform/Simulated/SimulatedMachine.h"
+#include "Support/AtomicFile.h"
+#include "Support/VirtualTime.h"
+#include "System/Application.h"
+#include "System/BudgetNotices.h"
+#include "TemporaryDirectory.h"
+
+namespace vimbrel {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+struct Center final : NotificationCenter {
+  bool isAvailable() override { return true; }
+  void requestAuthorization(std::function<void(const std::expected<bool, std::string>&)> answer) override {
+    answer(true);
+  }
+  void post(const Notification& notification, Completion completion) override {
+    posted.push_back(notification);
+    completion({});
+  }
+  std::vector<Notification> posted;
+};
+
+struct Keys final : KeyShortcut {
+  std::expected<Token, std::string> watch(std::function<void()> handler) override {
+    pressed = std::move(handler);
+    return Token{[this] { pressed = nullptr; }};
+  }
+  std::function<void()> pressed;
+};
+
+struct Item final : LoginItem {
+  LoginItemStatus status() override { return state; }
+  std::expected<void, std::string> registerItem() override {
+    state = LoginItemStatus::enabled;
+    return {};
+  }
+  std::expected<void, std::string> unregisterItem() override {
+    state = LoginItemStatus::notRegistered;
+    return {};
+  }
+  LoginItemStatus state = LoginItemStatus::notRegistered;
+};
+
+struct ApplicationServices : testing::Test {
+  CapturedLog quiet;
+  TemporaryDirectory directory;
+  VirtualTime time{instantFromUnixSeconds(1'800'000'000)};
+  SimulatedMachine machine{time.mainQueue(), SimulatedWorld{}};
+  std::shared_ptr<DirectHookReceiver> receiver = std::make_shared<DirectHookReceiver>(time, time);
+  std::shared_ptr<Center> center = std::make_shared<Center>();
+  std::shared_ptr<Keys> keys = std::make_shared<Keys>();
+  std::shared_ptr<Item> item = std::make_shared<Item>();
+  std::optional<Application> application;
+
+  void open() {
+    auto platform = machine.services();
+    platform.notificationCenter = center;
+    platform.keyShortcut = keys;
+    platform.loginItem = item;
+    platform.describeSystem = [] { return std::string("Test OS 1"); };
+    platform.listAssertions = [] { return std::string("nothing\n"); };
+    application.emplace(std::move(platform), time, time,
+                        ApplicationDirectories{directory.path(), directory.path(), directory.path()},
+                        ApplicationOptions{.hookReceiver = receiver});
+    application->start();
+    time.runReady();
+  }
+  void hook(AgentState state) {
+    HookEvent event;
+    event.agent = AgentType::claude;
+    event.sessionId = "s1";
+    event.state = state;
+    event.timestamp = time.now();
+    receiver->send(event.toJSONData());
+    time.runReady();
+  }
+};
+
+TEST_F(ApplicationServices, toggleTheMasterSwitchAtEachPressAndStopListeningAtTheEnd) {
+  open();
+  keys->pressed();
+  EXPECT_TRUE(application->settings().masterEnabled()) << "later, on the main queue";
+  time.runReady();
+  EXPECT_FALSE(application->settings().masterEnabled());
+  EXPECT_TRUE(application->coordinator().currentDecision().get().isBlocked());
+  keys->pressed();
+  time.runReady();
+  EXPECT_TRUE(application->settings().masterEnabled());
+  application->stop();
+  EXPECT_FALSE(keys->pressed);
+}
+
+TEST_F(ApplicationServices, pauseForAnHourFromTheNotice) {
+  open();
+  hook(AgentState::working);
+  ASSERT_EQ(center->posted.size(), 1U);
+  ASSERT_EQ(center->posted[0].actions.size(), 1U);
+  EXPECT_EQ(center->posted[0].actions[0].label, "Pause 1 h");
+  center->onAction("vimbrel.started", center->posted[0].actions[0].key);
+  time.runReady();
+  EXPECT_EQ(application->settings().pauseUntil(), time.now() + Seconds{3600});
+  EXPECT_FALSE(application->coordinator().currentDecision().get().isHolding());
+}
+
+TEST_F(ApplicationServices, keepTheLoginItemAndItsSettingTheSame) {
+  item->state = LoginItemStatus::enabled;
+  open();
+  EXPECT_TRUE(application->settings().launchAtLogin()) << "the truth lies with the item";
+  ASSERT_TRUE(application->settings().setLaunchAtLogin(false));
+  time.runReady();
+  EXPECT_EQ(item->state, LoginItemStatus::notRegistered);
+  std::ofstream(directory.file("com.vimbrel.app/settings.json")) << R"({"launchAtLogin":true})";
+  application->reloadSettings();
+  time.runReady();
+  EXPECT_EQ(item->state, LoginItemStatus::enabled) << "an edit of the file counts as well";
+  application.reset();
+  item->state = LoginItemStatus::requiresApproval;
+  open();
+  EXPECT_EQ(item->state, LoginItemStatus::requiresApproval)
+      << "what the user switched off elsewhere stays off";
+}
+
+TEST_F(ApplicationServices, exportDiagnosticsThatReadBackTheSame) {
+  open();
+  const auto empty = DiagnosticsExporter::parse(application->exportDiagnosticsJSON());
+  ASSERT_TRUE(empty) << empty.error().text;
+  EXPECT_EQ(empty->activeAgentCount, 0);
+  EXPECT_TRUE(empty->sessions.empty());
+  hook(AgentState::waiting);
+  const auto text = application->exportDiagnosticsJSON();
+  const auto report = DiagnosticsExporter::parse(text);
+  ASSERT_TRUE(report) << report.error().text;
+  EXPECT_EQ(DiagnosticsExporter::exportJSON(*report), text);
+  EXPECT_EQ(report->activeAgentCount, 1);
+  EXPECT_TRUE(report->isHolding);
+  EXPECT_EQ(report->policyDecision, "Active (1 working agent) — Claude Code working");
+  EXPECT_EQ(report->osVersion, "Test OS 1");
+  EXPECT_EQ(report->systemAssertionsSummary, "nothing\n");
+  EXPECT_EQ(report->thermalState, "nominal");
+  EXPECT_THAT(text, HasSubstr("\n  \"timestamp\": \"2027-01-15T08:00:00Z\"\n}")) << "ISO 8601, sorted keys";
+  EXPECT_THAT(text, testing::Not(HasSubstr("deepHelperStatus")));
+  auto withHelper = *report;
+  withHelper.deepHelperStatus = DeepSleepStatus{true, true, "lease", time.now(), false, true};
+  const auto helperText = DiagnosticsExporter::exportJSON(withHelper);
+  EXPECT_THAT(helperText, HasSubstr("\"leaseExpiresAt\": \"2027-01-15T08:00:00Z\""));
+  EXPECT_EQ(DiagnosticsExporter::parse(helperText), withHelper);
+  withHelper.osVersion = "\xff";
+  EXPECT_EQ(DiagnosticsExporter::exportJSON(withHelper), "{}");
+}
+
+TEST(BudgetNotices, comeOnceForEachSessionAndLevel) {
+  VirtualTime time{instantFromUnixSeconds(0)};
+  const auto settings = std::make_shared<SettingsStore>(std::make_shared<MemoryPreferences>(), time);
+  const auto center = std::make_shared<Center>();
+  const auto controller =
+      std::make_shared<NotificationController>(settings, center, nullptr, time.mainQueue());
+  BudgetNotices::BudgetReports reports;
+  BudgetNotices notices(controller, settings, [&]() -> const auto& { return reports; });
+  const auto heard = [&](std::optional<LowBudgetLevel> level, const std::string& session) {
+    ProviderBudgetReport report;
+    report.agentType = AgentType::codex;
+    report.sessionId = session;
+    if (level) report.lowBudgetAlert = LowBudgetAlert{*level, LowBudgetMetricType::quota, 8, "8 % left"};
+    reports = {{AgentType::codex, report}};
+    center->posted.clear();
+    for (int i = 0; i < 3; ++i) notices.didApply(WakeDecision::release("x"), WakeDecision::release("x"));
+    time.runReady();
+    std::string titles;
+    for (const auto& each : center->posted)
+      titles += each.identifier + "/" + each.title + "/" + each.body + ";";
+    return titles;
+  };
+  EXPECT_EQ(heard(std::nullopt, "a"), "");
+  EXPECT_EQ(heard(LowBudgetLevel::warning, "a"), "vimbrel.budget.codex/Codex CLI budget: Low/8 % left;");
+  EXPECT_EQ(heard(LowBudgetLevel::warning, "a"), "");
+  EXPECT_EQ(heard(LowBudgetLevel::critical, "a"),
+            "vimbrel.budget.codex/Codex CLI budget: Critically Low/8 % left;");
+  EXPECT_EQ(heard(LowBudgetLevel::warning, "a"), "") << "back again is no news";
+  EXPECT_NE(heard(LowBudgetLevel::warning, "b"), "");
+  ASSERT_TRUE(settings->setValue("lowBudgetNotificationsEnabled", false));
+  EXPECT_EQ(heard(LowBudgetLevel::exhausted, "b"), "");
+  ASSERT_TRUE(settings->setValue("lowBudgetNotificationsEnabled", true));
+  EXPECT_EQ(heard(LowBudgetLevel::exhausted, "b"), "") << "not made up for";
+}
+
+TEST(LinuxLoginItem, isAnAutostartEntryOrAUserUnitAndNeverBoth) {
+  const CapturedLog quiet;
+  const TemporaryDirectory directory;
+  const auto program = directory.file("my \"programs\"/vimbrel");
+  std::filesystem::create_directories(directory.file("my \"programs\""));
+  std::ofstream(program) << "#!/bin/sh\n";
+  ::chmod(program.c_str(), 0755);
+  LinuxLoginItem item(directory.path(), program);
+  const auto entry = directory.file("autostart/com.vimbrel.app.desktop");
+  EXPECT_EQ(item.status(), LoginItemStatus::notRegistered);
+  ASSERT_TRUE(item.registerItem());
+  EXPECT_EQ(item.status(), LoginItemStatus::enabled);
+  EXPECT_THAT(*readFile(entry),
+              HasSubstr("Exec=\"" + directory.path() + "/my \\\\\"programs\\\\\"/vimbrel\" run"));
+
+  std::ofstream(entry, std::ios::app) << "Hidden=true\n";
+  EXPECT_EQ(item.status(), LoginItemStatus::requiresApproval) << "as a desktop's dialog does it";
+  ASSERT_TRUE(item.registerItem());
+  std::filesystem::remove(program);
+  EXPECT_EQ(item.status(), LoginItemStatus::notFound);
+  std::ofstream(program) << "#!/bin/sh\n";
+  ::chmod(program.c_str(), 0755);
+
+  const auto unit = item.installService();
+  ASSERT_TRUE(unit) << unit.error();
+  EXPECT_FALSE(std::filesystem::exists(entry));
+  EXPECT_TRUE(item.isServiceEnabled());
+  EXPECT_EQ(item.status(), LoginItemStatus::enabled);
+  ASSERT_TRUE(item.installService()) << "again is no fault";
+  ASSERT_TRUE(item.registerItem());
+  EXPECT_FALSE(std::filesystem::exists(entry)) << "the unit is enough";
+  ASSERT_TRUE(item.unregisterItem());
+  EXPECT_EQ(item.status(), LoginItemStatus::notRegistered);
+  EXPECT_FALSE(std::filesystem::exists(*unit));
+  std::ofstream(directory.file("autostart-file")) << "";
+  LinuxLoginItem blocked(directory.file("autostart-file"), program);
+  EXPECT_FALSE(blocked.registerItem());
+}
+
+}  // namespace
+}  // namespace vimbrel
