@@ -236,7 +236,8 @@ std::optional<std::string> RandomLife::checkOwnBooks() {
   worksNow = worksNow || (processWorks && (lastJump_ == 0s || uptime - lastJump_ > 2s));
 
   const auto& decision = application_.decision();
-  if (worksNow || !workingProcesses_.empty()) nobodyWorkedSince_ = uptime;
+  const bool commandRuns = !application_.app().commandHolds().active(now).empty();
+  if (worksNow || commandRuns || !workingProcesses_.empty()) nobodyWorkedSince_ = uptime;
   // A jump during the delay moves its end, and can make a silent session young again.
   nobodyWorkedSince_ = std::max(nobodyWorkedSince_, lastJump_);
   if (worksNow && decision.asRelease() != nullptr) return "released while an agent works, by its own account";

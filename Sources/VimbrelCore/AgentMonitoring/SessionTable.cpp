@@ -14,15 +14,20 @@ std::size_t textBytesOf(const AgentSession& session) {
 
 }  // namespace
 
-const SessionSnapshot& SessionTable::snapshot() const {
-  if (!snapshot_) snapshot_ = SessionSnapshot::fromSorted(entries_);
-  return *snapshot_;
+SessionSnapshot::Entries& SessionTable::writable() {
+  if (entries_.use_count() > 1) {
+    entries_ = std::make_shared<SessionSnapshot::Entries>(*entries_);
+  } else {
+    // Taking another reference orders this behind what the last other owner read before it let go.
+    const auto ordered = entries_;
+  }
+  return *entries_;
 }
 
 std::optional<std::size_t> SessionTable::indexOf(std::string_view id) const {
-  const auto at = SessionSnapshot::position(entries_, id);
-  if (at == entries_.end() || (*at)->id != id) return std::nullopt;
-  return static_cast<std::size_t>(at - entries_.begin());
+  const auto at = SessionSnapshot::position(*entries_, id);
+  if (at == entries_->end() || (*at)->id != id) return std::nullopt;
+  return static_cast<std::size_t>(at - entries_->begin());
 }
 
 void SessionTable::count(const AgentSession& session, bool added) {
@@ -43,54 +48,55 @@ void SessionTable::store(AgentSession session) {
     markHeard(*index);
   } else {
     count(session, true);
-    const auto at = SessionSnapshot::position(entries_, session.id) - entries_.begin();
-    entries_.insert(entries_.begin() + at, std::make_shared<const AgentSession>(std::move(session)));
-    heard_.insert(heard_.begin() + at, ++clock_);
-    snapshot_.reset();
+    const auto at = SessionSnapshot::position(*entries_, session.id) - entries_->begin();
+    const auto isWorking = session.isWorking();
+    order_.emplace(Urgency{isWorking, ++clock_}, session.id);
+    auto& entries = writable();
+    entries.insert(entries.begin() + at, std::make_shared<const AgentSession>(std::move(session)));
+    heard_.insert(heard_.begin() + at, clock_);
   }
   makeRoom();
 }
 
+void SessionTable::markHeard(std::size_t index) {
+  auto entry = order_.extract(urgencyOf(index));
+  heard_[index] = ++clock_;
+  entry.key() = urgencyOf(index);
+  order_.insert(std::move(entry));
+}
+
 void SessionTable::replace(std::size_t index, AgentSession session) {
-  count(*entries_[index], false);
+  count(*(*entries_)[index], false);
   count(session, true);
-  entries_[index] = std::make_shared<const AgentSession>(std::move(session));
-  snapshot_.reset();
+  auto entry = order_.extract(urgencyOf(index));
+  writable()[index] = std::make_shared<const AgentSession>(std::move(session));
+  entry.key() = urgencyOf(index);
+  order_.insert(std::move(entry));
 }
 
 void SessionTable::remove(std::size_t index) {
-  count(*entries_[index], false);
+  count(*(*entries_)[index], false);
+  order_.erase(urgencyOf(index));
   const auto at = static_cast<std::ptrdiff_t>(index);
-  entries_.erase(entries_.begin() + at);
+  auto& entries = writable();
+  entries.erase(entries.begin() + at);
   heard_.erase(heard_.begin() + at);
-  snapshot_.reset();
 }
 
 void SessionTable::clear() {
-  entries_.clear();
+  entries_ = std::make_shared<SessionSnapshot::Entries>();
   heard_.clear();
+  order_.clear();
   textBytes_ = 0;
   workingCount_ = 0;
   reportedWorking_ = {};
-  snapshot_.reset();
 }
 
 void SessionTable::makeRoom() {
-  while (entries_.size() > limits_.sessions || textBytes_ > limits_.textBytes) {
-    remove(longestSilent());
+  while (entries_->size() > limits_.sessions || textBytes_ > limits_.textBytes) {
+    remove(*indexOf(order_.begin()->second));
     ++dropped_;
   }
-}
-
-std::size_t SessionTable::longestSilent() const {
-  const auto urgency = [this](std::size_t index) {
-    return std::pair{entries_[index]->isWorking(), heard_[index]};
-  };
-  std::size_t best = 0;
-  for (std::size_t i = 1; i < entries_.size(); ++i) {
-    if (urgency(i) < urgency(best)) best = i;
-  }
-  return best;
 }
 
 }  // namespace vimbrel

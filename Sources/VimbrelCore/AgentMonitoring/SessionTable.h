@@ -4,8 +4,12 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <map>
+#include <memory>
 #include <optional>
+#include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "Domain/SessionSnapshot.h"
@@ -20,8 +24,8 @@ struct SessionLimits {
 };
 
 /// The sessions ordered by id, with running counts, so that asking who works never walks the table. A changed
-/// session is replaced by a new record and never edited: snapshots share the records. Not locked: the
-/// coordinator's lock guards it.
+/// session is replaced by a new record and never edited: snapshots share the records, and as long as nobody
+/// keeps a snapshot, the next change copies nothing at all. Not locked: the coordinator's lock guards it.
 ///
 /// When a session does not fit, the one that nothing was heard of for longest is dropped; sessions that are
 /// working go only when all are.
@@ -31,9 +35,9 @@ class SessionTable {
 
   explicit SessionTable(SessionLimits limits) : limits_(limits) {}
 
-  [[nodiscard]] const SessionSnapshot::Entries& entries() const { return entries_; }
+  [[nodiscard]] const SessionSnapshot::Entries& entries() const { return *entries_; }
   /// Shared with the one before when nothing changed in between.
-  [[nodiscard]] const SessionSnapshot& snapshot() const;
+  [[nodiscard]] SessionSnapshot snapshot() const { return SessionSnapshot::sharing(entries_); }
   [[nodiscard]] std::optional<std::size_t> indexOf(std::string_view id) const;
 
   [[nodiscard]] std::size_t workingCount() const { return workingCount_; }
@@ -46,7 +50,7 @@ class SessionTable {
   void store(AgentSession session);
   /// Replaces the session at `index` by one with the same id, without hearing of it.
   void replace(std::size_t index, AgentSession session);
-  void markHeard(std::size_t index) { heard_[index] = ++clock_; }
+  void markHeard(std::size_t index);
   void remove(std::size_t index);
   void clear();
 
@@ -56,10 +60,15 @@ class SessionTable {
  private:
   void count(const AgentSession& session, bool added);
   void makeRoom();
-  [[nodiscard]] std::size_t longestSilent() const;
+  SessionSnapshot::Entries& writable();
+  /// The first to go comes first: sessions at rest before those at work, then by when they were heard of.
+  using Urgency = std::pair<bool, std::uint64_t>;
+  [[nodiscard]] Urgency urgencyOf(std::size_t index) const {
+    return {(*entries_)[index]->isWorking(), heard_[index]};
+  }
 
   const SessionLimits limits_;
-  SessionSnapshot::Entries entries_;
+  std::shared_ptr<SessionSnapshot::Entries> entries_ = std::make_shared<SessionSnapshot::Entries>();
   std::vector<std::uint64_t>
       heard_;  // For each entry, when it was last heard of, in calls; peers set no part of it.
   std::uint64_t clock_ = 0;
@@ -67,7 +76,7 @@ class SessionTable {
   std::size_t textBytes_ = 0;
   std::size_t workingCount_ = 0;
   std::array<std::size_t, allAgentTypes.size()> reportedWorking_{};
-  mutable std::optional<SessionSnapshot> snapshot_;
+  std::map<Urgency, std::string> order_;  // the ids, so that a full table need not be searched
 };
 
 }  // namespace vimbrel

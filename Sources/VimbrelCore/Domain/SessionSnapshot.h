@@ -43,6 +43,13 @@ class SessionSnapshot {
     return snapshot;
   }
 
+  /// Looks at entries that are ordered by id and that nobody changes while a snapshot shares them.
+  static SessionSnapshot sharing(std::shared_ptr<const Entries> entries) {
+    SessionSnapshot snapshot;
+    snapshot.entries_ = std::move(entries);
+    return snapshot;
+  }
+
   [[nodiscard]] std::size_t size() const { return entries_->size(); }
   [[nodiscard]] bool empty() const { return entries_->empty(); }
   [[nodiscard]] const Entries& entries() const { return *entries_; }
