@@ -40,6 +40,12 @@ if(VIMBREL_SANITIZE)
   endif()
 endif()
 
+if(VIMBREL_COVERAGE)
+  # Threads count together, and a process that was forked counts on its own file.
+  target_compile_options(vimbrel_options INTERFACE --coverage -fprofile-update=atomic -fprofile-abs-path)
+  target_link_options(vimbrel_options INTERFACE --coverage)
+endif()
+
 find_package(Threads REQUIRED)
 find_package(PkgConfig REQUIRED)
 # Here, because an imported target is known only below the directory that finds it, and tests use these too.
