@@ -9,6 +9,8 @@
 #include <chrono>
 #include <cstdio>
 
+#include "BenchmarkTable.h"
+
 extern char** environ;
 
 namespace vimbrel {
@@ -43,20 +45,11 @@ ProcessRun runProcess(const std::vector<std::string>& command) {
   return run;
 }
 
-void printHeader() {
-  std::printf("%-44s %14s %14s %10s %10s\n", "what", "ours", "reference", "ratio", "target");
-}
-
 bool printRow(const std::string& what, const std::string& ours, const std::string& reference, double value,
-              double target, const char* unit) {
+              double target, const char* unit, std::optional<double> costRatio) {
   const bool met = target <= 0 || value <= target;
-  char figure[32];
-  char bound[32] = "-";
-  std::snprintf(figure, sizeof figure, "%.2f%s", value, unit);
-  if (target > 0) std::snprintf(bound, sizeof bound, "%.2f%s", target, unit);
-  std::printf("%-44s %14s %14s %10s %10s%s\n", what.c_str(), ours.c_str(), reference.c_str(), figure, bound,
-              met ? "" : "  MISSED");
-  std::fflush(stdout);
+  printBenchmarkRow({what, ours, reference, costRatio, target > 0 ? "<= " + figure(target, unit) : "-",
+                     target > 0 ? std::optional(met) : std::nullopt});
   return met;
 }
 

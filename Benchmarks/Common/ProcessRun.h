@@ -2,6 +2,7 @@
 #pragma once
 
 #include <algorithm>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -24,10 +25,9 @@ inline double median(std::vector<double> values) {
   return *middle;
 }
 
-/// One line of a benchmark's table: what was measured, ours, the reference's, their ratio, and the target. A
-/// target of 0 means that there is none. Returns whether the target is met.
+/// One row of the table whose target is an upper bound of `value`, in `unit`; 0 means that there is none.
+/// Returns whether the target is met.
 bool printRow(const std::string& what, const std::string& ours, const std::string& reference, double value,
-              double target, const char* unit);
-void printHeader();
+              double target, const char* unit, std::optional<double> costRatio);
 
 }  // namespace vimbrel

@@ -10,6 +10,7 @@
 #include <string>
 #include <thread>
 
+#include "BenchmarkTable.h"
 #include "ProcessCost.h"
 #include "Support/UnixSocket.h"
 #include "TemporaryDirectory.h"
@@ -40,9 +41,11 @@ Rate rateBetween(const ProcessCost& before, const ProcessCost& after, double sec
           static_cast<double>(after.proportionalKiB) / 1024};
 }
 
-bool report(const char* what, double ours, double reference, double target) {
-  std::printf("%-28s %10.2f %10.2f %8.1f %10.2f  %s\n", what, ours, reference,
-              reference > 0 ? ours / reference : 0.0, target, ours <= target ? "ok" : "MISSED");
+bool report(const std::string& what, const char* unit, double ours, double reference, double target) {
+  printBenchmarkRow({"idle: " + what, figure(ours, unit),
+                     reference > 0 ? figure(reference, unit) + " one hertz" : "",
+                     reference > 0 ? std::optional(ours / reference) : std::nullopt,
+                     "<= " + figure(target, unit), ours <= target});
   return ours <= target;
 }
 
@@ -97,10 +100,10 @@ int run(int seconds) {
   const auto its = rateBetween(referenceBefore, referenceAfter, elapsed);
 
   std::printf("%zu processes, %.0f s\n", processCount(), elapsed);
-  std::printf("%-28s %10s %10s %8s %10s\n", "", "ours", "reference", "ratio", "target");
-  bool good = report("CPU, ms a minute", our.cpuPerMinute, its.cpuPerMinute, targetCpuMillisecondsPerMinute);
-  good &= report("wakeups a second", our.wakeupsPerSecond, its.wakeupsPerSecond, targetWakeupsPerSecond);
-  good &= report("memory (PSS), MiB", our.mebibytes, its.mebibytes, targetMiB);
+  bool good = report("processor time a minute", "ms", our.cpuPerMinute, its.cpuPerMinute,
+                     targetCpuMillisecondsPerMinute);
+  good &= report("wakeups a second", "", our.wakeupsPerSecond, its.wakeupsPerSecond, targetWakeupsPerSecond);
+  good &= report("proportional memory", "MiB", our.mebibytes, its.mebibytes, targetMiB);
 
   // After these the table holds every session and the heap has seen its fullest queues: memory has no reason
   // to grow from there.
@@ -114,7 +117,7 @@ int run(int seconds) {
   const double growth = static_cast<double>(after) - static_cast<double>(warm);
   std::printf("memory with 200 sessions: %.2f MiB; events unanswered: %d\n", static_cast<double>(warm) / 1024,
               unanswered);
-  good &= report("growth in 10,000 events, KiB", growth, 0, targetGrowthKiB);
+  good &= report("growth in 10,000 events", "KiB", growth, 0, targetGrowthKiB);
   return good && unanswered == 0 ? 0 : 1;
 }
 

@@ -9,6 +9,7 @@
 #include <functional>
 #include <vector>
 
+#include "BenchmarkTable.h"
 #include "Power/WakePolicyEngine.h"
 
 namespace {
@@ -75,10 +76,11 @@ int main() {
     ratios.push_back(oursEach.back() / referenceEach.back());
   }
   const double result = median(oursEach);
-  std::printf(
-      "policy, 1,000 sessions: ours %.2f us, bare pass over the table %.2f us, ratio %.2f, target < %.0f "
-      "us\n",
-      result, median(referenceEach), median(ratios), targetMicroseconds);
-  std::printf("the same with the account of every rule: %.2f us\n", median(explainedEach));
+  printBenchmarkRow({"policy: one evaluation, 1,000 sessions", figure(result, "us"),
+                     figure(median(referenceEach), "us") + " bare pass", median(ratios),
+                     "< " + figure(targetMicroseconds, "us"), result < targetMicroseconds});
+  printBenchmarkRow({"policy: with the account of every rule", figure(median(explainedEach), "us"),
+                     figure(median(referenceEach), "us") + " bare pass",
+                     median(explainedEach) / median(referenceEach), "-", std::nullopt});
   return result < targetMicroseconds ? 0 : 1;
 }

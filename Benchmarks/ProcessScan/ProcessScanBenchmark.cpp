@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "AgentMonitoring/CommandClassifier.h"
+#include "BenchmarkTable.h"
 #include "Platform/Linux/ProcProcessList.h"
 #include "Support/Fd.h"
 
@@ -175,8 +176,10 @@ class ScanBenchmark {
     }
     const double ratio = median(reference) / median(ours);
     const bool isFast = ratio >= ratioTarget;
-    std::printf("%9zu  %-22s %9.1f us %11.1f us  1/%-6.0f 1/%-6.0f %s\n", processes, "five new processes",
-                median(ours), median(reference), ratio, ratioTarget, isFast ? "met" : "MISSED");
+    const auto name = "scan: " + std::to_string(processes) + " processes";
+    const auto ps = figure(median(reference), "us") + " ps";
+    printBenchmarkRow(
+        {name + ", five of them new", figure(median(ours), "us"), ps, 1 / ratio, "<= 1/30", isFast});
 
     for (int i = 0; i < 4; ++i) (void)scan();
     const auto unchanged = unchangedScans();
@@ -184,11 +187,14 @@ class ScanBenchmark {
     const double mean =
         std::accumulate(unchanged.begin(), unchanged.end(), 0.0) / static_cast<double>(unchanged.size());
     const bool isQuiet = !unchanged.empty() && typical <= unchangedTargetMicroseconds;
-    std::printf("%9zu  %-22s %9.1f us %11.1f us  1/%-6.0f %2.0f us    %s\n", processes, "nothing new",
-                typical, median(reference), median(reference) / typical, unchangedTargetMicroseconds,
-                isQuiet ? "met" : "MISSED");
-    std::printf("%9s  %-22s mean %.1f us, worst %.1f us of %zu scans\n", "", "", mean,
-                unchanged.empty() ? 0 : *std::ranges::max_element(unchanged), unchanged.size());
+    printBenchmarkRow({name + ", nothing new", figure(typical, "us"), ps, typical / median(reference),
+                       "<= " + figure(unchangedTargetMicroseconds, "us"), isQuiet});
+    if (!unchanged.empty()) {
+      const double worst = *std::ranges::max_element(unchanged);
+      printBenchmarkRow(
+          {name + ", nothing new, mean", figure(mean, "us"), ps, mean / median(reference), "-", {}});
+      printBenchmarkRow({name + ", nothing new, worst", figure(worst, "us"), ps, std::nullopt, "-", {}});
+    }
     return isFast && isQuiet;
   }
 
@@ -234,7 +240,6 @@ class ScanBenchmark {
 }  // namespace vimbrel
 
 int main() {
-  std::printf("processes  what                        ours    reference  ratio    target\n");
   bool isMet = true;
   for (const std::size_t processes : {150U, 1000U, 5000U}) {
     isMet = vimbrel::ScanBenchmark().run(processes) && isMet;

@@ -17,6 +17,7 @@
 #include <thread>
 #include <vector>
 
+#include "BenchmarkTable.h"
 #include "InstructionCount.h"
 #include "Support/UnixSocket.h"
 #include "TemporaryDirectory.h"
@@ -133,25 +134,16 @@ std::optional<double> residentKilobytes(const std::string& program, const Argume
 
 class Table {
  public:
-  Table() { row("what", "ours", "reference", "ratio", "target"); }
   /// A row with a target that `met` says is met, or without one.
   void add(const char* what, const char* unit, double ours, double reference, double ratio,
            const char* target, std::optional<bool> met) {
-    char text[4][64];
-    std::snprintf(text[0], sizeof text[0], "%.0f%s", ours, unit);
-    std::snprintf(text[1], sizeof text[1], "%.0f%s", reference, unit);
-    std::snprintf(text[2], sizeof text[2], "%.3f", ratio);
-    std::snprintf(text[3], sizeof text[3], "%s%s", target, !met ? "" : *met ? "  met" : "  MISSED");
-    row(what, text[0], text[1], text[2], text[3]);
+    printBenchmarkRow(
+        {std::string("relay: ") + what, figure(ours, unit), figure(reference, unit), ratio, target, met});
     allMet_ = allMet_ && met.value_or(true);
   }
   [[nodiscard]] bool allMet() const { return allMet_; }
 
  private:
-  static void row(const char* what, const char* ours, const char* reference, const char* ratio,
-                  const char* target) {
-    std::printf("%-44s %14s %14s %8s  %s\n", what, ours, reference, ratio, target);
-  }
   bool allMet_ = true;
 };
 
@@ -168,13 +160,13 @@ int run() {
   {
     const Answerer answerer(path);
     const auto time = compare(relay, relayTo(path), reference, {path});
-    table.add("run, received", " us", time.ours, time.reference, time.ratio, "ratio <= 1.05",
+    table.add("run, received", "us", time.ours, time.reference, time.ratio, "ratio <= 1.05",
               time.ratio <= 1.05);
     const auto absent = compare(relay, relayTo(nobody), relay, relayTo(path));
-    table.add("run, nobody listens (of one received)", " us", absent.ours, absent.reference, absent.ratio,
+    table.add("run, nobody listens (of one received)", "us", absent.ours, absent.reference, absent.ratio,
               "ratio < 1", absent.ratio < 1);
     const auto nothing = compare(relay, relayTo(path), "/bin/true", {});
-    table.add("run, received (of /bin/true)", " us", nothing.ours, nothing.reference, nothing.ratio, "-",
+    table.add("run, received (of /bin/true)", "us", nothing.ours, nothing.reference, nothing.ratio, "-",
               std::nullopt);
 
     const auto ours = userInstructions(relay, relayTo(path));
@@ -196,7 +188,7 @@ int run() {
   const auto ours = residentKilobytes(relay, relayTo(path), *listening);
   const auto theirs = residentKilobytes(reference, {path}, *listening);
   if (!ours || !theirs) return 1;
-  table.add("resident at its highest", " kB", *ours, *theirs, *ours / *theirs, "<= 1700 kB", *ours <= 1700);
+  table.add("resident at its highest", "kB", *ours, *theirs, *ours / *theirs, "<= 1700 kB", *ours <= 1700);
   return table.allMet() ? 0 : 1;
 }
 

@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "AgentMonitoring/UsageStore.h"
+#include "BenchmarkTable.h"
 #include "Domain/ModelRateCard.h"
 #include "Domain/UsageCodec.h"
 #include "Support/EventLoop.h"
@@ -45,8 +46,8 @@ double median(std::vector<double> values) {
 void report(const char* what, const char* unit, double ours, double reference, double target) {
   const bool isMet = ours <= target;
   misses += isMet ? 0 : 1;
-  std::printf("%-44s ours %9.2f %-3s reference %9.2f  ratio %6.2f  target %6.1f  %s\n", what, ours, unit,
-              reference, ours / reference, target, isMet ? "met" : "MISSED");
+  printBenchmarkRow({what, figure(ours, unit), figure(reference, unit), ours / reference,
+                     "<= " + figure(target, unit), isMet});
 }
 
 /// Events as a coding agent's log gives them: sessions of 150 turns, every count present, priced.
