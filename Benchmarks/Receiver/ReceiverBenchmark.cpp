@@ -70,7 +70,11 @@ void runReceiver(const std::string& path, const std::function<void()>& ready) {
   coordinator->setDelegate(keeper);
   HookEventReceiver receiver(path, loop, clock);
   receiver.setDelegate(coordinator);
-  const auto terminate = loop.onSignal(SIGTERM, [&] { loop.stop(); });
+  Token ending;
+  const auto terminate = loop.onSignal(SIGTERM, [&] {
+    // What was answered last may still be on its way to the delegate.
+    ending = loop.mainQueue()->after(std::chrono::milliseconds(200), [&] { loop.stop(); });
+  });
   if (const auto started = receiver.start(); !started) {
     std::fprintf(stderr, "%s\n", started.error().text.c_str());
     std::_Exit(1);

@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <cmath>
+#include <cstdlib>
+#include <string>
 #include <utility>
 
 #include "Support/AtomicFile.h"
@@ -15,6 +17,8 @@ namespace {
 
 using namespace std::chrono_literals;
 using std::chrono::nanoseconds;
+
+constexpr const char* clockSuffix = ".clock";
 
 HelperResponse done() { return {true, std::nullopt, std::nullopt}; }
 HelperResponse refused(std::string why) { return {false, std::nullopt, std::move(why)}; }
@@ -81,11 +85,40 @@ void HelperService::takeUpLease() {
     return;
   }
   if (store_.checkWatchdog()) return;
+  const auto setBack = clockSetBackBy();
+  if (*saved.leaseExpiresAt - clock_.now() <= std::chrono::duration_cast<Seconds>(setBack)) {
+    logger_.error("The clock was set back; the saved lease has had its time and is released");
+    store_.release(std::nullopt);
+    return;
+  }
   if (ensureSettingHolds()) {
     logger_.info("Took the deep hold up again for the saved lease, which runs until %s",
                  formatIso8601(*saved.leaseExpiresAt).c_str());
   }
   watchLease();
+  if (setBack > 0s) {
+    deadline_ -= setBack;
+    expiryTimer_ = parts_.queue->after(deadline_ - clock_.monotonic() + 1ms, [this] { checkLease(); });
+  }
+}
+
+void HelperService::noteClock() {
+  const double apart = unixSeconds(clock_.now()) - std::chrono::duration<double>(clock_.monotonic()).count();
+  // Clocks are disciplined by milliseconds all the time, and leases renewed once a second.
+  if (notedClock_ && std::abs(*notedClock_ - apart) < 1) return;
+  notedClock_ = apart;
+  (void)replaceFile(parts_.stateFile + clockSuffix, std::to_string(apart));
+}
+
+nanoseconds HelperService::clockSetBackBy() const {
+  const auto text = readFile(parts_.stateFile + clockSuffix, 64);
+  if (!text) return 0s;
+  const double noted = std::strtod(text->c_str(), nullptr);
+  const double apart = unixSeconds(clock_.now()) - std::chrono::duration<double>(clock_.monotonic()).count();
+  // A restarted machine and a suspended one are further apart, which ends a lease early by itself.
+  const double back = noted - apart;
+  if (!(back >= 1)) return 0s;
+  return std::chrono::duration_cast<nanoseconds>(Seconds{std::min(back, maximumLeaseSeconds)});
 }
 
 HelperResponse HelperService::answer(const HelperRequest& request, uid_t peer) {
@@ -101,6 +134,7 @@ HelperResponse HelperService::answer(const HelperRequest& request, uid_t peer) {
     case HelperCommand::renew:
       if (auto fault = faultOf(request); !fault.empty()) return refused(std::move(fault));
       if (!store_.renew(*request.leaseId, *request.ttlSeconds)) return refused("there is no lease to renew");
+      noteClock();
       watchLease();
       return done();
     case HelperCommand::release:
@@ -116,6 +150,7 @@ HelperResponse HelperService::answer(const HelperRequest& request, uid_t peer) {
 
 HelperResponse HelperService::acquire(const std::string& leaseId, double ttlSeconds) {
   store_.acquire(leaseId, ttlSeconds);
+  noteClock();
   watchLease();
   if (ensureSettingHolds()) return done();
   // The lease stands, and the watchdog goes on trying for as long as it runs.
@@ -126,6 +161,7 @@ HelperResponse HelperService::acquire(const std::string& leaseId, double ttlSeco
 HelperResponse HelperService::uninstall() {
   stop();
   ::unlink(parts_.stateFile.c_str());
+  ::unlink((parts_.stateFile + clockSuffix).c_str());
   if (parts_.onUninstall) parts_.queue->post([stop = parts_.onUninstall] { stop(); });
   return done();
 }

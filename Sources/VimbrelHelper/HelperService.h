@@ -33,7 +33,9 @@ struct HelperServiceParts {
 
 /// The helper without its socket: checks requests, maps them onto one lease store, and watches the lease. It
 /// never lets a hold outlive its lease: it looks every five seconds while there is one and at the very
-/// expiry, by the wall clock and, should that be set back, by a clock that cannot be. Queue: the given one.
+/// expiry, by the wall clock and, should that be set back, by a clock that cannot be. How far the two clocks
+/// were apart when the lease was given stands in "<state file>.clock", so that a helper that was killed in
+/// between does not believe the wall clock alone. Queue: the given one.
 class HelperService {
  public:
   /// `clock` must outlive the service.
@@ -49,6 +51,8 @@ class HelperService {
  private:
   void examineStateFile() const;
   void takeUpLease();
+  void noteClock();
+  [[nodiscard]] std::chrono::nanoseconds clockSetBackBy() const;
   [[nodiscard]] HelperResponse acquire(const std::string& leaseId, double ttlSeconds);
   [[nodiscard]] HelperResponse uninstall();
   bool ensureSettingHolds();
@@ -59,6 +63,7 @@ class HelperService {
   const Clock& clock_;
   DeepHoldLeaseStore store_;
   std::chrono::nanoseconds deadline_{};  // of the lease, on the monotonic clock
+  std::optional<double> notedClock_;
   Token expiryTimer_;
   Token watchdogTimer_;
   const Logger logger_{"helper", "com.vimbrel.helper"};

@@ -79,6 +79,33 @@ TEST(HelperService, letsGoInTimeAlthoughTheClockWasSetBack) {
   EXPECT_FALSE(world.power->disabled);
 }
 
+TEST(HelperService, letsGoInTimeAlthoughItWasKilledAndTheClockSetBackBeforeOrAfterThat) {
+  for (const bool isKilledFirst : {false, true}) {
+    for (const double back : {30.0, 300.0}) {
+      World world;
+      ASSERT_TRUE(world.acquire("A", 60));
+      world.time.advance(20s);
+      if (isKilledFirst) world.restart();
+      world.time.jumpWallClock(Seconds{-back});
+      world.restart();
+      EXPECT_TRUE(world.power->disabled) << "40 seconds are left";
+      world.restart();  // Once more: nothing is forgotten by taking a lease up.
+      world.time.advance(39s);
+      EXPECT_TRUE(world.power->disabled);
+      world.time.advance(6s);
+      EXPECT_FALSE(world.power->disabled) << back;
+
+      // Dead for longer than the lease had left.
+      ASSERT_TRUE(world.acquire("B", 60));
+      world.service.reset();
+      world.time.jumpWallClock(Seconds{-back});
+      world.time.advance(61s);
+      world.restart();
+      EXPECT_FALSE(world.power->disabled) << back;
+    }
+  }
+}
+
 TEST(HelperService, refusesWhatCannotBeALease) {
   World world;
   const struct {

@@ -11,7 +11,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr SubprocessBounds bounds{10s, 256 * 1024};
+const SubprocessBounds bounds{10s, 256 * 1024};
 constexpr std::string_view newlines = "\n\r\v\f";
 constexpr std::string_view blanks = " \t";
 

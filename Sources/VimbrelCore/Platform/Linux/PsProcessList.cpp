@@ -8,7 +8,7 @@ namespace vimbrel {
 namespace {
 
 // A hundred thousand processes with long command lines, on a machine that is busy with them.
-constexpr SubprocessBounds bounds{.timeout = std::chrono::seconds{20}, .maximumOutputBytes = 256U << 20U};
+const SubprocessBounds bounds{.timeout = std::chrono::seconds{20}, .maximumOutputBytes = 256U << 20U};
 
 }  // namespace
 
