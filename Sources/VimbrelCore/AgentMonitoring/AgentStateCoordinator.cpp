@@ -12,6 +12,7 @@ namespace {
 
 constexpr double scanConfidence = 0.6;
 constexpr std::chrono::minutes dropLogInterval{1};
+constexpr Seconds interruptionSkew{60};
 
 AgentState stateOf(bool isWorking) { return isWorking ? AgentState::working : AgentState::idle; }
 
@@ -169,6 +170,46 @@ void AgentStateCoordinator::didReceiveHookEvent(const HookEvent& event) {
                  rawValue(event.agent).data(), rawValue(event.state).data());
   }
   if (handler) (*handler)(event);
+  deliver(notice);
+}
+
+std::optional<std::size_t> AgentStateCoordinator::interruptedLocked(
+    const TurnInterruption& interruption) const {
+  std::optional<std::size_t> inDirectory;
+  int found = 0;
+  for (std::size_t i = 0; i < table_.entries().size(); ++i) {
+    const auto& session = *table_.entries()[i];
+    if (session.agentType != interruption.agent || session.integrationType == IntegrationType::process)
+      continue;
+    if (!session.isWorking() || session.lastEventAt >= interruption.at) continue;
+    if (session.id == interruption.sessionId) return i;
+    if (!session.cwd || session.cwd != interruption.directory) continue;
+    inDirectory = i;
+    ++found;
+  }
+  return found == 1 ? inDirectory : std::nullopt;
+}
+
+void AgentStateCoordinator::turnInterrupted(const TurnInterruption& interruption) {
+  const auto now = clock_.now();
+  // A log from the future says nothing about what was heard meanwhile.
+  if (interruption.at > now + interruptionSkew) return;
+  Notice notice;
+  StopTimeChange stop{};
+  {
+    const std::lock_guard guard(lock_);
+    const auto index = interruptedLocked(interruption);
+    if (!index) return;
+    const bool workedBefore = table_.workingCount() > 0;
+    auto session = *table_.entries()[*index];
+    session.state = AgentState::idle;
+    session.lastEventAt = interruption.at;
+    session.lastEventDescription = "The turn was interrupted";
+    table_.store(std::move(session));
+    stop = applyStopTimeRule(workedBefore, now);
+    notice = noticeLocked();
+  }
+  if (stop == StopTimeChange::set) logStop(now);
   deliver(notice);
 }
 

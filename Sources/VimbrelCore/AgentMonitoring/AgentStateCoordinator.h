@@ -13,6 +13,7 @@
 #include "AgentMonitoring/HookEventReceiving.h"
 #include "AgentMonitoring/ProcessMonitoring.h"
 #include "AgentMonitoring/SessionTable.h"
+#include "AgentMonitoring/TurnInterruption.h"
 #include "Domain/SessionSnapshot.h"
 #include "Support/Clock.h"
 #include "Support/Log.h"
@@ -57,6 +58,9 @@ class AgentStateCoordinator final : public HookEventReceiverDelegate {
 
   /// Applies one event: any state may follow any other. Always notifies.
   void didReceiveHookEvent(const HookEvent& event) override;
+  /// Sets the session idle whose turn it was, unless something was heard of it since. Which one it was is
+  /// told by its id, else by its directory if it is the only one at work there.
+  void turnInterrupted(const TurnInterruption& interruption);
   /// Reconciles the sessions found by process scans with the latest complete scan. Notifies on change only. A
   /// scan that sees an agent idle says nothing while a hook of that agent reports work.
   void syncProcessSessions(const std::vector<ProcessMatch>& activeMatches);
@@ -77,6 +81,7 @@ class AgentStateCoordinator final : public HookEventReceiverDelegate {
   /// Applies one match of a scan; true when that is a change to be announced.
   bool applyMatchLocked(const ProcessMatch& match, Instant now);
   void markEndedSessions(Instant now);
+  [[nodiscard]] std::optional<std::size_t> interruptedLocked(const TurnInterruption& interruption) const;
   [[nodiscard]] Notice noticeLocked();
   void deliver(const Notice& notice) const;
   void logStop(Instant reference) const;

@@ -57,6 +57,10 @@ UsageCoordinator::UsageCoordinator(Parts parts, const Clock& clock)
 
 UsageCoordinator::~UsageCoordinator() { cancelled_ = true; }
 
+void UsageCoordinator::setOnTurnInterrupted(const TurnInterruptionHandler& handler) {
+  for (const auto& provider : parts_.providers) provider->onTurnInterrupted = handler;
+}
+
 void UsageCoordinator::start() {
   {
     const std::lock_guard guard(lock_);

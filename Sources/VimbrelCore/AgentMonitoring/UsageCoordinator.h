@@ -65,6 +65,8 @@ class UsageCoordinator : public std::enable_shared_from_this<UsageCoordinator> {
   UsageCoordinator(const UsageCoordinator&) = delete;
   UsageCoordinator& operator=(const UsageCoordinator&) = delete;
 
+  /// Hears, on the providers' queues, of turns that their users interrupted. Before `start`.
+  void setOnTurnInterrupted(const TurnInterruptionHandler& handler);
   void start();
   void stop();
   /// Records one event. What several events change is refreshed once.

@@ -112,7 +112,12 @@ Application::Application(PlatformServices platform, QueueProvider& queues, const
       deepHold_,     commandHolds_, std::make_shared<WaitingGrace>(), std::make_shared<LongestHold>(),
       presentation_, history_};
   addDesktopServices(parts);
-  if (usage_) parts.services.push_back(std::make_shared<UsageService>(usage_));
+  if (usage_) {
+    parts.services.push_back(std::make_shared<UsageService>(usage_));
+    usage_->setOnTurnInterrupted([weak = std::weak_ptr(parts.agentCoordinator)](const auto& interruption) {
+      if (const auto agents = weak.lock()) agents->turnInterrupted(interruption);
+    });
+  }
   if (options.lastHookEvents) {
     parts.services.push_back(std::make_shared<LastHookEventsService>(options.lastHookEvents, mainQueue_));
   }

@@ -11,6 +11,8 @@ namespace {
 
 constexpr std::string_view defaultModel = "claude-3-5-sonnet";
 constexpr std::int64_t defaultContextWindow = 200000;
+/// How the message begins that Claude Code writes when the user presses Escape.
+constexpr std::string_view interruptionText = "[Request interrupted by user";
 
 Instant timeOf(std::optional<std::string_view> text, Instant now, LogTimes times) {
   if (!text) return now;
@@ -36,6 +38,26 @@ ClaudeLogParser::~ClaudeLogParser() = default;
 bool ClaudeLogParser::mayCarryUsage(std::string_view line) {
   // Without the opening quote, which is the most frequent byte of a log.
   return occursIn(line, "usage\"");
+}
+
+std::optional<TurnInterruption> ClaudeLogParser::interruption(std::string_view line) {
+  if (!occursIn(line, interruptionText)) return std::nullopt;
+  lenient::Element root;
+  if (state_->parser.parse(line.data(), line.size(), false).get(root) != simdjson::SUCCESS)
+    return std::nullopt;
+  const auto message = lenient::object(root, "message");
+  if (lenient::text(root, "type") != "user" || !message) return std::nullopt;
+  // The whole text of the message, or of its first part: somebody may well write about it.
+  auto text = lenient::text(*message, "content");
+  simdjson::dom::array parts;
+  if (const auto content = lenient::member(*message, "content");
+      content && content->get(parts) == simdjson::SUCCESS && parts.begin() != parts.end()) {
+    text = lenient::text(*parts.begin(), "text");
+  }
+  const auto at = parseIso8601(lenient::text(root, "timestamp").value_or(""));
+  if (!at || !text || !text->starts_with(interruptionText)) return std::nullopt;
+  return TurnInterruption{AgentType::claude, lenient::string(root, "sessionId"), lenient::string(root, "cwd"),
+                          *at};
 }
 
 ClaudeLogParser::Outcome ClaudeLogParser::parse(std::string_view line, std::uint64_t number,

@@ -7,6 +7,7 @@
 #include <string>
 #include <string_view>
 
+#include "AgentMonitoring/TurnInterruption.h"
 #include "Domain/ModelRateCard.h"
 #include "Domain/UsageEvent.h"
 #include "Support/Instant.h"
@@ -44,6 +45,10 @@ class ClaudeLogParser {
 
   /// The event of a record, with an id of its own, its price and its model's context window.
   [[nodiscard]] UsageEvent eventOf(const ClaudeLogRecord& record);
+
+  /// What the line says of an interrupted turn: Claude Code writes one in the user's name. Absent for every
+  /// other line, most of which are not parsed. `line` as for `parse`.
+  [[nodiscard]] std::optional<TurnInterruption> interruption(std::string_view line);
 
   /// False for lines that cannot carry usage, without parsing them: most of a log.
   [[nodiscard]] static bool mayCarryUsage(std::string_view line);

@@ -84,16 +84,22 @@ std::optional<UsageEvent> ClaudeUsageProvider::parseFile(const std::string& path
   std::optional<UsageEvent> latest;
   ClaudeLogRecord record;
   JsonLinesReader reader;
+  std::optional<TurnInterruption> interrupted;
   reader.read(path, position, [&](const JsonLinesReader::Line& line) {
+    if (events != nullptr && line.isTerminated) {
+      if (auto found = parser_.interruption(line.text)) interrupted = std::move(found);
+    }
     if (line.isTerminated && !ClaudeLogParser::mayCarryUsage(line.text)) return true;
     const auto outcome =
         parser_.parse(line.text, line.number, session, now, LogTimes::wholeSecondsOnly, record);
     if (outcome == ClaudeLogParser::Outcome::usage) {
       latest = parser_.eventOf(record);
+      interrupted.reset();  // The agent went on.
       if (events != nullptr) events->push_back(*latest);
     }
     return outcome != ClaudeLogParser::Outcome::noJson;
   });
+  if (interrupted && onTurnInterrupted) onTurnInterrupted(*interrupted);
   return latest;
 }
 

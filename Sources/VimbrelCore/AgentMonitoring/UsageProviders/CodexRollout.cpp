@@ -114,7 +114,7 @@ CodexRolloutParser::CodexRolloutParser(const ModelRateCard& card)
     : card_(card), json_(std::make_unique<Json>()) {}
 CodexRolloutParser::~CodexRolloutParser() = default;
 
-CodexReading CodexRolloutParser::freshReading() { return {std::string(defaultModel), {}, {}, {}, {}}; }
+CodexReading CodexRolloutParser::freshReading() { return {std::string(defaultModel), {}, {}, {}, {}, {}}; }
 
 std::optional<CodexFingerprint> CodexRolloutParser::fingerprint(std::string_view line) {
   lenient::Element root;
@@ -137,6 +137,11 @@ bool CodexRolloutParser::take(const JsonLinesReader::Line& line, const std::stri
   if (payload && lenient::string(root, "type") == "session_meta") {
     takeSessionRecord(*payload, writtenAt, state, parents);
     return true;
+  }
+  if (payload && lenient::text(root, "type") == "event_msg") {
+    const auto what = lenient::text(*payload, "type");
+    if (what == "turn_aborted") reading.abortedAt = writtenAt;
+    if (what == "task_started" || what == "turn_started") reading.abortedAt.reset();
   }
   auto model = payload ? lenient::string(*payload, "model") : std::nullopt;
   if (!model) model = lenient::string(root, "model");

@@ -59,6 +59,7 @@ struct CodexReading {
   std::optional<AccountQuotaBudget> quota;
   std::optional<CodexCounts> cumulative;
   std::optional<std::int64_t> contextWindow;
+  std::optional<Instant> abortedAt;  ///< the user interrupted the turn then, and none has begun since
 };
 
 /// Reads Codex session rollouts. Not for several threads at once.

@@ -6,6 +6,7 @@
 #include <optional>
 #include <vector>
 
+#include "AgentMonitoring/TurnInterruption.h"
 #include "Domain/AgentType.h"
 #include "Domain/BudgetIntelligence.h"
 #include "Domain/UsageEvent.h"
@@ -38,6 +39,10 @@ class UsageMetricsProvider {
   /// The latest view of context, quota and cost; absent for a provider that tracks no budget or has seen
   /// none.
   [[nodiscard]] virtual std::optional<ProviderBudgetReport> latestBudgetReport() { return std::nullopt; }
+
+  /// Called on the provider's queue for each turn that the log shows as interrupted, if this log shows it,
+  /// the last of those that were read at once. The same can come again. Set before `startMonitoring`.
+  TurnInterruptionHandler onTurnInterrupted;
 };
 
 }  // namespace vimbrel
