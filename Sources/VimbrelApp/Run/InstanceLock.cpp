@@ -9,7 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "Support/AtomicFile.h"
+#include "Support/OwnFile.h"
 
 namespace vimbrel {
 namespace {
@@ -28,11 +28,9 @@ std::optional<long> recordedHolder(int descriptor) {
 }  // namespace
 
 std::expected<InstanceLock, InstanceLockError> InstanceLock::acquire(const std::string& path) {
-  if (const auto made = createDirectories(path.substr(0, path.rfind('/')), 0700); !made) {
-    return std::unexpected(InstanceLockError{std::nullopt, made.error().text()});
-  }
-  Fd file(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
-  if (!file) return failure(path, errno);
+  auto opened = openOwnFile(path, O_RDWR | O_CREAT);
+  if (!opened) return std::unexpected(InstanceLockError{std::nullopt, opened.error().text()});
+  Fd file = *std::move(opened);
   if (::flock(file.get(), LOCK_EX | LOCK_NB) != 0) {
     if (errno != EWOULDBLOCK) return failure(path, errno);
     return std::unexpected(InstanceLockError{recordedHolder(file.get()), "another process has the lock"});

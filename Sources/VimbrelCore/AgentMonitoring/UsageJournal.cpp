@@ -75,23 +75,25 @@ std::size_t UsageJournal::replay(const std::function<bool(std::string_view)>& ac
 
 bool UsageJournal::replaySegment(std::uint64_t number, Segment& segment, std::size_t& unreadable,
                                  const std::function<bool(std::string_view)>& accept) {
-  const Fd file(::open(path(number).c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+  // Its end may have to be mended; where that is not allowed, nothing of it is taken.
+  const auto opened = openOwnFile(path(number), O_RDWR | O_NONBLOCK);
+  const int descriptor = opened ? opened->get() : -1;
   struct stat status{};
-  if (!file || ::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
+  if (!opened || ::fstat(descriptor, &status) != 0 || !S_ISREG(status.st_mode)) {
     ++unreadable;
     return false;
   }
   const auto before = unreadable;
   std::string rest;
-  segment.bytes = readLines(file.get(), rest, [&](std::string_view line) {
+  segment.bytes = readLines(descriptor, rest, [&](std::string_view line) {
     if (!accept(line)) ++unreadable;
   });
   // A line that lacks only its line break was written whole. Lines are appended after the last segment's end
   // only, but a segment without a torn tail can be looked at with ordinary tools.
   if (!rest.empty()) {
-    if (accept(rest) && ::lseek(file.get(), 0, SEEK_END) >= 0 && ::write(file.get(), "\n", 1) == 1) {
+    if (accept(rest) && ::lseek(descriptor, 0, SEEK_END) >= 0 && ::write(descriptor, "\n", 1) == 1) {
       segment.bytes += rest.size() + 1;
-    } else if (::ftruncate(file.get(), static_cast<off_t>(segment.bytes)) != 0) {
+    } else if (::ftruncate(descriptor, static_cast<off_t>(segment.bytes)) != 0) {
       return false;
     }
   }

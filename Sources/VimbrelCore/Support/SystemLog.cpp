@@ -12,6 +12,7 @@
 #include <memory>
 
 #include "Support/Log.h"
+#include "Support/VimbrelWritePolicy.h"
 
 namespace vimbrel {
 namespace {
@@ -46,9 +47,11 @@ void useSystemLog(const std::string& directory, const std::string& name, LogLeve
     setSink(writeToJournal);
     return;
   }
+  const auto path = directory + "/" + name + ".log";
+  // Asked before there is a file, so that a refusal is said on standard error.
+  if (!VimbrelWritePolicy::mayWrite(path)) return;
   std::error_code ignored;  // Without a directory, the file below cannot be opened, which is said there.
   std::filesystem::create_directories(directory, ignored);
-  const auto path = directory + "/" + name + ".log";
   // The library would write through a link, wherever it leads.
   if (std::filesystem::is_symlink(path, ignored)) std::filesystem::remove(path, ignored);
   std::shared_ptr<spdlog::logger> file;
