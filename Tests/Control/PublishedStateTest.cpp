@@ -48,7 +48,7 @@ struct PublishedState : testing::Test {
     AccountQuotaBudget quota;
     quota.usedPercent = used;
     quota.percentageRemaining = 100 - used;
-    world.app().usage()->setMeasuredQuota(AgentType::codex, quota, "test");
+    world.app().usage()->setMeasuredBudget(AgentType::codex, {.quota = quota, .source = "test"});
   }
 };
 
