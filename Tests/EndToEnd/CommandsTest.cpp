@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <nlohmann/json.hpp>
 
 #include "EndToEnd/ProcessHarness.h"
@@ -47,6 +48,8 @@ TEST(Commands, sayHowToStartTheApplicationWhenItIsNotRunning) {
                                              {"resume"},
                                              {"hold", "on"},
                                              {"hold", "--lid", "1m", "--", "true"},
+                                             {"history"},
+                                             {"diagnostics"},
                                              {"doctor"}}) {
     cases.push_back({arguments, 3, "Start it with: vimbrel run"});
   }
@@ -55,23 +58,29 @@ TEST(Commands, sayHowToStartTheApplicationWhenItIsNotRunning) {
 
 TEST(Commands, explainAWrongCommandLine) {
   const Sandbox sandbox;
-  expectEach(sandbox, {{{"--help"}, 0, "Subcommands:"},
-                       {{"run", "--help"}, 0, "--simulate"},
-                       {{"--version"}, 0, "vimbrel "},
-                       {{}, 2, "vimbrel --help"},
-                       {{"staus"}, 2, "did you mean status?"},
-                       {{"xyzzy"}, 2, "there is no command xyzzy\n"},
-                       {{"status", "--jsn"}, 2, "did you mean --json?"},
-                       {{"status", "more"}, 2, "vimbrel status --help"},
-                       {{"settings"}, 2, "vimbrel settings --help"},
-                       {{"settings", "lst"}, 2, "did you mean list?"},
-                       {{"settings", "set", "masterEnabled"}, 2, "value is required"},
-                       {{"hold"}, 2, "vimbrel hold --help"},
-                       {{"hold", "maybe"}, 2, "hold takes on, off, or a time and a command"},
-                       {{"pause"}, 2, "vimbrel pause --help"},
-                       {{"pause", "soon"}, 2, "soon"},
-                       {{"pause", "until", "25:00"}, 2, "write it like 14:00"},
-                       {{"run", "--simulate", "/nonexistent.json"}, 1, "/nonexistent.json"}});
+  expectEach(sandbox,
+             {{{"--help"}, 0, "Subcommands:"},
+              {{"run", "--help"}, 0, "--simulate"},
+              {{"--version"}, 0, "vimbrel "},
+              {{}, 2, "vimbrel --help"},
+              {{"staus"}, 2, "did you mean status?"},
+              {{"xyzzy"}, 2, "there is no command xyzzy\n"},
+              {{"status", "--jsn"}, 2, "did you mean --json?"},
+              {{"status", "more"}, 2, "vimbrel status --help"},
+              {{"settings"}, 2, "vimbrel settings --help"},
+              {{"settings", "lst"}, 2, "did you mean list?"},
+              {{"settings", "set", "masterEnabled"}, 2, "value is required"},
+              {{"hold"}, 2, "vimbrel hold --help"},
+              {{"hold", "maybe"}, 2, "hold takes on, off, or a time and a command"},
+              {{"status", "--format", "xyzzy"}, 2, "plain, waybar, i3blocks or polybar"},
+              {{"history", "--since", "someday"}, 2, "a day such as"},
+              {{"history", "--since", "2026-02-02", "--until", "2026-02-01T00:00:00Z"}, 2, "before --since"},
+              {{"simulate"}, 2, "vimbrel simulate --help"},
+              {{"simulate", "/nonexistent.json"}, 1, "/nonexistent.json"},
+              {{"pause"}, 2, "vimbrel pause --help"},
+              {{"pause", "soon"}, 2, "soon"},
+              {{"pause", "until", "25:00"}, 2, "write it like 14:00"},
+              {{"run", "--simulate", "/nonexistent.json"}, 1, "/nonexistent.json"}});
 }
 
 TEST(Commands, steerTheRunningApplication) {
@@ -98,7 +107,40 @@ TEST(Commands, steerTheRunningApplication) {
               {{"settings", "set", "batteryFloorPercent", "99"}, 2, "from 5 to 50"},
               {{"settings", "set", "masterEnabled", "perhaps"}, 2, "perhaps"},
               {{"pause", "0s"}, 2, "more than 0"},
+              {{"settings", "set", "waitingGraceSeconds", "10m"}, 0, "waitingGraceSeconds = 600 seconds"},
+              {{"settings", "set", "waitingGraceSeconds", "none"}, 0, "waitingGraceSeconds = none"},
+              {{"settings", "set", "maximumHoldSeconds", "5"}, 2, "from 60 to 604800, or none"},
+              {{"status", "--format", "plain"}, 0, "idle\n"},
+              {{"history"}, 0, "Protected for"},
+              {{"history", "--since", "2001-01-01", "--until", "2001-01-02"}, 0, "Nothing was protected"},
+              {{"diagnostics"}, 0, "\"appName\": \"Vimbrel\""},
               {{"doctor"}, 0, "hook socket"}});
+}
+
+TEST(Commands, followTheStateForABarFromBeforeTheApplicationToAfterIt) {
+  const Sandbox sandbox;
+  RunningProcess bar({vimbrelProgram(), "status", "--format", "plain", "--follow"}, sandbox.environment);
+  ASSERT_TRUE(eventually([&] { return bar.output() == "off\n"; }));
+  {
+    const auto application = sandbox.startSimulated();
+    ASSERT_TRUE(eventually([&] { return bar.output() == "off\nidle\n"; }));
+    EXPECT_EQ(sandbox.relay({"--agent", "codex", "--state", "working"}).status, 0);
+    ASSERT_TRUE(eventually([&] { return bar.output() == "off\nidle\n1 working\n"; }));
+  }
+  ASSERT_TRUE(eventually([&] { return bar.output() == "off\nidle\n1 working\noff\n"; })) << bar.output();
+  EXPECT_EQ(bar.errors(), "");
+}
+
+TEST(Commands, installAUserServiceInPlaceOfTheAutostartEntry) {
+  const Sandbox sandbox;
+  std::filesystem::create_directories(sandbox.file(".config/autostart"));
+  sandbox.write(".config/autostart/com.vimbrel.app.desktop", "[Desktop Entry]\n");
+  const auto installed = sandbox.vimbrel({"run", "--install-service"});
+  EXPECT_EQ(installed.status, 0) << installed.errors;
+  const auto unit = sandbox.file(".config/systemd/user/com.vimbrel.app.service");
+  EXPECT_TRUE(installed.output.contains(unit)) << installed.output;
+  EXPECT_TRUE(std::filesystem::exists(unit));
+  EXPECT_FALSE(std::filesystem::exists(sandbox.file(".config/autostart/com.vimbrel.app.desktop")));
 }
 
 TEST(Commands, holdForOneCommandAndEndWithItsStatus) {
