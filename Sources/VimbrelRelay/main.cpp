@@ -77,7 +77,7 @@ std::int64_t monotonicMilliseconds() {
 /// an agent that leaves its end open is not waited for.
 void scanStandardInput(JsonMemberScanner& scanner) {
   const auto deadline = monotonicMilliseconds() + timeoutMs;
-  char piece[4096];
+  char piece[16384];
   for (std::size_t total = 0; total < maximumHookEventBytes;) {
     // What is there already is read also when this process itself was kept waiting.
     const auto left = std::max<std::int64_t>(deadline - monotonicMilliseconds(), 0);

@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <string_view>
 
+#include "Support/JsonWriter.h"
+
 namespace vimbrel {
 
 /// Finds the first text value of one member of a JSON object, in bytes that come in pieces and need not come
@@ -28,9 +30,14 @@ class JsonMemberScanner {
 
   /// Looks at the next bytes. Those after the end of the search are ignored.
   Progress feed(std::string_view bytes) {
-    for (const char c : bytes) {
-      if (progress_ != Progress::more) break;
-      take(c);
+    while (!bytes.empty() && progress_ == Progress::more) {
+      // Most bytes stand in texts that are not looked for.
+      if (place_ == Place::inSkippedText && !isEscaped_ && hexDigitsLeft_ == 0) {
+        bytes.remove_prefix(plainJsonPrefix(bytes));
+        if (bytes.empty()) break;
+      }
+      take(bytes.front());
+      bytes.remove_prefix(1);
     }
     return progress_;
   }
