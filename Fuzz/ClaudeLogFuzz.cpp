@@ -10,13 +10,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   using namespace vimbrel;
   const std::string_view log(reinterpret_cast<const char*>(data), size);
   const auto now = instantFromUnixSeconds(1'700'000'000);
-  ClaudeLogParser parser;
+  ClaudeLogParser parser(ModelRateCard::builtIn());
   const auto take = [&](const JsonLinesReader::Line& line, std::vector<std::string>& events) {
     ClaudeLogRecord record;
-    const auto outcome =
-        parser.parse(line.text, line.number, "file", now, LogTimes::all, ModelRateCard::builtIn(), record);
+    const auto outcome = parser.parse(line.text, line.number, "file", now, LogTimes::all, record);
     if (outcome == ClaudeLogParser::Outcome::usage) {
-      const auto& event = record.event;
+      const auto event = parser.eventOf(record);
       if (event.totalTokens.value_or(0) < 1 || event.deduplicationKey().empty()) std::abort();
       if (event.costEstimateUSD && !std::isfinite(*event.costEstimateUSD)) std::abort();
       const auto stored = describe(event);

@@ -59,7 +59,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   addSettingsMethods(server, application);
   addProtectionMethods(server, application);
   addDoctorMethods(server, application);
-  addUsageMethods(server, world.app().usage(), world.time(), world.time().mainQueue());
+  addUsageMethods(server, {.coordinator = world.app().usage()}, world.time(), world.time().mainQueue());
 
   {
     Peer peer;

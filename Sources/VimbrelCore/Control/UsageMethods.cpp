@@ -214,7 +214,7 @@ void addBudgets(RpcDispatcher& methods, const UsageServices& services, const Clo
   const auto usage = services.coordinator;
   const auto book = services.book;
   methods.addLater("budgets", [=, &clock](const json&, RpcReply reply) {
-    if (!usage) return reply(notRecorded());
+    if (!usage || !book) return reply(notRecorded());
     answerFromStore(usage, mainQueue, std::move(reply),
                     [=, agents = agentBudgets(*usage), now = clock.now()](UsageStore& store) -> RpcResult {
                       json document{{"budgets", agents}, {"money", json::array()}};
