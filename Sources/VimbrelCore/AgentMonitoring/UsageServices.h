@@ -11,8 +11,8 @@
 
 namespace vimbrel {
 
-/// Everything of usage and budgets in the running application. In this order, what stands first lives
-/// longest.
+/// Everything of usage and budgets in the running application. Any part may be missing: what needs it then
+/// says that usage is not recorded. In this order, what stands first lives longest.
 struct UsageServices {
   std::shared_ptr<const ModelRateCard> card;
   /// Why the user's own prices are not in the card; empty when nothing is wrong with them.
