@@ -106,8 +106,8 @@ void HelperService::noteClock() {
   const double apart = unixSeconds(clock_.now()) - std::chrono::duration<double>(clock_.monotonic()).count();
   // Clocks are disciplined by milliseconds all the time, and leases renewed once a second.
   if (notedClock_ && std::abs(*notedClock_ - apart) < 1) return;
-  notedClock_ = apart;
-  (void)replaceFile(parts_.stateFile + clockSuffix, std::to_string(apart));
+  // On a full disk the next renewal tries again.
+  if (replaceFile(parts_.stateFile + clockSuffix, std::to_string(apart))) notedClock_ = apart;
 }
 
 nanoseconds HelperService::clockSetBackBy() const {

@@ -14,6 +14,20 @@ using enum AgentState;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
+TEST(AgentStateCoordinator, writesOneLineOfTheLogWhateverASessionIsCalled) {
+  CoordinatorWorld world;
+  CapturedLog log;
+  world.coordinator.didReceiveHookEvent(
+      event("s\nerror agents: forged\x1b[2J", AgentType::claude, working, 0));
+  world.coordinator.sweepStaleSessions(at(1000));
+  const auto lines = log.take();
+  EXPECT_FALSE(lines.empty());
+  for (const auto& line : lines) {
+    EXPECT_THAT(line, testing::Not(testing::AnyOf(testing::HasSubstr("\n"), testing::HasSubstr("\x1b"))))
+        << line;
+  }
+}
+
 TEST(AgentStateCoordinator, keepsOneSessionThroughItsEventsAndStampsTheStop) {
   CoordinatorWorld world;
   CapturedLog log;
