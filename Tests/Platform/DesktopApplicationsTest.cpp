@@ -80,9 +80,10 @@ TEST(ApplicationScope, knowsTheUnitsOfDesktopsAndPackageSystems) {
     EXPECT_EQ(scope->applicationId, id);
     EXPECT_EQ(scope->mainPid, pid);
   }
-  for (const char* text : {"", "\n", "0::/", "0::/user.slice/app.slice/dbus.service", "0::/app-gnome.slice",
-                           "0::/app-x.scope", "0::/app--1.scope", "5:cpu:/app-gnome-code-1234.scope",
-                           "0::/snap.x.scope", "0::/snap..y.scope", "0::app-gnome-code-1.scope"}) {
+  for (const char* text :
+       {"", "\n", "0::/", "0::/user.slice/app.slice/dbus.service", "0::/app-gnome.slice", "0::/app-x.scope",
+        "0::/app--1.scope", "5:cpu:/app-gnome-code-1234.scope", "0::/snap.x.scope", "0::/snap.scope",
+        "0::/snap.service", "0::/snap..y.scope", "0::app-gnome-code-1.scope"}) {
     EXPECT_FALSE(parseApplicationScope(text)) << text;
   }
 }

@@ -58,7 +58,10 @@ std::optional<ApplicationScope> parseAppUnit(std::string_view unit) {
 std::optional<ApplicationScope> parseSnapUnit(std::string_view unit) {
   auto name = unit;
   if (!removeSuffix(name, ".scope") && !removeSuffix(name, ".service")) return std::nullopt;
-  name.remove_prefix(std::string_view("snap.").size());
+  // In "snap.scope" the dot belongs to the suffix.
+  constexpr std::string_view prefix = "snap.";
+  if (!name.starts_with(prefix)) return std::nullopt;
+  name.remove_prefix(prefix.size());
   const auto dot = name.find('.');
   if (dot == 0 || dot == std::string_view::npos) return std::nullopt;
   auto application = name.substr(dot + 1);
