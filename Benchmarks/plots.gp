@@ -1,5 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
 # gnuplot -e "points='FILE'; into='DIRECTORY'" Benchmarks/plots.gp: one picture for each series of bench_growth.
+set datafile separator "\t"
 set terminal svg size 640,420 font "sans,12"
 set logscale xy
 set grid

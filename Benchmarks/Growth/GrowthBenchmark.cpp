@@ -123,7 +123,7 @@ void sessions(std::size_t count) {
 
 void logBytes(std::size_t mebibytes) {
   const TemporaryDirectory directory;
-  writeClaudeHistory(directory.path(), {.bytes = mebibytes << 20U});
+  writeClaudeHistory(directory.path(), {.bytes = mebibytes << 20U, .files = mebibytes, .directories = 1});
   VirtualTime time(instantFromUnixSeconds(1'800'000'000));
   // One file, as one conversation: a poll reads the five newest only.
   const auto one = directory.file("all.jsonl");
