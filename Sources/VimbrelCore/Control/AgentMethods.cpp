@@ -129,7 +129,7 @@ RpcResult beginTrial(const ControlledApplication& application, const json& param
 }  // namespace
 
 std::shared_ptr<void> addAgentMethods(ControlServer& server, const ControlledApplication& application,
-                                      std::shared_ptr<TaskQueue> mainQueue, std::string relayPath) {
+                                      const std::shared_ptr<TaskQueue>& mainQueue, std::string relayPath) {
   auto& methods = server.methods();
   const auto slowWork = std::make_shared<SlowWork>();
   methods.addLater(
@@ -138,7 +138,7 @@ std::shared_ptr<void> addAgentMethods(ControlServer& server, const ControlledApp
         if (!environment) return reply(invalid(environment.error()));
         environment->runningApplications =
             std::make_shared<KnownApplications>(application.platform.runningApplications->list());
-        const auto held = std::make_shared<RpcReply>(std::move(reply));
+        auto held = std::make_shared<RpcReply>(std::move(reply));
         const auto detect = [mainQueue, held, environment = std::move(*environment),
                              lastEvents = lastEventsOf(application)]() mutable {
           json result{{"agents", json(agentsDocument(AgentRegistry(environment), lastEvents))}};

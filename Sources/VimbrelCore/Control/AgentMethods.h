@@ -17,7 +17,7 @@ namespace vimbrel {
 /// keeps these threads; its end waits for those that still run.
 [[nodiscard]] std::shared_ptr<void> addAgentMethods(ControlServer& server,
                                                     const ControlledApplication& application,
-                                                    std::shared_ptr<TaskQueue> mainQueue,
+                                                    const std::shared_ptr<TaskQueue>& mainQueue,
                                                     std::string relayPath);
 
 }  // namespace vimbrel
