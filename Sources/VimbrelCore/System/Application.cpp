@@ -157,14 +157,20 @@ void Application::addDesktopServices(CoordinatorParts& parts) {
 
 void Application::connectDesktopServices() {
   notifications_->setOnPauseRequested([weak = std::weak_ptr(coordinator_)](Seconds duration) {
-    if (const auto coordinator = weak.lock()) (void)coordinator->settings().pause(duration);
+    const auto coordinator = weak.lock();
+    if (!coordinator) return;
+    if (const auto written = coordinator->settings().pause(duration); !written) {
+      Logger("notifications").error("The pause from the notice failed: %s", written.error().text.c_str());
+    }
   });
   shortcut_->setOnToggleRequested([weak = std::weak_ptr(coordinator_), queue = mainQueue_] {
     queue->post([weak] {
       const auto coordinator = weak.lock();
       if (!coordinator) return;
       auto& settings = coordinator->settings();
-      (void)settings.setMasterEnabled(!settings.masterEnabled());
+      if (const auto written = settings.setMasterEnabled(!settings.masterEnabled()); !written) {
+        Logger("shortcut").error("The shortcut changes nothing: %s", written.error().text.c_str());
+      }
       coordinator->evaluate();
     });
   });
