@@ -20,6 +20,9 @@ constexpr int barHeight = 6;
 
 QString shown(const std::string& value) { return QString::fromStdString(value); }
 
+/// A path reads from left to right among any script.
+QString leftToRight(const QString& path) { return QChar(0x2066) + path + QChar(0x2069); }
+
 QString spoken(const FamilyRow& row) {
   QStringList parts{shown(row.name), shown(row.state), shown(row.subtitle)};
   if (!row.budget.empty()) parts << shown(row.budget);
@@ -133,7 +136,7 @@ int FamilyRowView::paintHosts(QPainter* painter, int y) const {
         painter->setPen(Qt::NoPen);
         painter->setBrush(theme.of(session.visual));
         painter->drawEllipse(mirroredRect(QRect(textLeft + 2, y + lineHeight() / 2 - 3, 7, 7), *this));
-        paintLine(*painter, column(y, lineHeight(), 16), shown(session.title), theme.text);
+        paintLine(*painter, column(y, lineHeight(), 16), leftToRight(shown(session.title)), theme.text);
         paintLine(*painter, column(y + lineHeight(), lineHeight(), 16), shown(session.detail), theme.dim);
       }
       y += 2 * lineHeight();

@@ -185,14 +185,14 @@ void PopoverWindow::setContent(const PopoverContent& content, Instant now) {
     display_->setChecked(content.preventDisplaySleep);
     pauses_->setVisible(!content.display.isPaused);
     resume_->setVisible(content.display.isPaused);
-    fit();
+    fitSoon();
   }
   header_->showElapsed(now);
 }
 
 void PopoverWindow::setChart(const UsageChart& chart) {
   usage_->setChart(chart);
-  fit();
+  fitSoon();
 }
 
 void PopoverWindow::render(const VimbrelDisplayState& /*state*/) {
@@ -202,7 +202,7 @@ void PopoverWindow::render(const VimbrelDisplayState& /*state*/) {
 void PopoverWindow::showProblem(const QString& problem) {
   problem_ = problem;
   showNotices();
-  fit();
+  fitSoon();
 }
 
 void PopoverWindow::showNotices() {
@@ -227,7 +227,7 @@ void PopoverWindow::showFamilies(const std::vector<FamilyRow>& families) {
       rows_.erase(found);
     } else {
       view = new FamilyRowView(page_);
-      connect(view, &QAbstractButton::toggled, this, [this] { fit(); });
+      connect(view, &QAbstractButton::toggled, this, &PopoverWindow::fitSoon);
     }
     view->setRow(family);
     families_->insertWidget(static_cast<int>(kept.size()), view);
@@ -283,6 +283,12 @@ void PopoverWindow::fit() {
   }
 }
 
+/// At once as far as that is known, and again when the layouts within layouts have heard of the change.
+void PopoverWindow::fitSoon() {
+  fit();
+  QTimer::singleShot(0, this, &PopoverWindow::fit);
+}
+
 void PopoverWindow::toggleAt(const QRect& item) {
   if (isVisible()) return static_cast<void>(close());
   if (sinceClosed_.elapsed() < sameClickMilliseconds) return;
@@ -336,7 +342,7 @@ void PopoverWindow::paintEvent(QPaintEvent* /*event*/) {
 
 void PopoverWindow::showEvent(QShowEvent* event) {
   QWidget::showEvent(event);
-  fit();
+  fitSoon();
   if (!rows_.empty()) {
     rows_.front()->setFocus();
   } else {

@@ -59,6 +59,7 @@ class PopoverWindow final : public QWidget, public PopoverStatusSurface {
   void showFamilies(const std::vector<FamilyRow>& families);
   void showNotices();
   void fit();
+  void fitSoon();
   [[nodiscard]] QRect screenArea() const;
 
   QRect item_;
