@@ -184,7 +184,8 @@ void describeAgents(CLI::App& app, Invocation& in) {
   setup->add_option("--socket", in.agentSetup.socket, "The hook socket where the agent runs")
       ->option_text("PATH");
   setup->add_flag("--copy", in.agentSetup.copies, "Put what is to be pasted on the clipboard");
-  setup->add_flag("!--no-wait", in.agentSetup.waits, "Do not wait for the first event");
+  setup->add_flag_callback(
+      "--no-wait", [&in] { in.agentSetup.waits = false; }, "Do not wait for the first event");
 }
 
 void describeUsage(CLI::App& app, Invocation& in) {
