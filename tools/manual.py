@@ -42,7 +42,7 @@ DOCUMENT_PAGES = [
     ("vimbrel-remote(7)", "agents on other machines", "remote.md", None, []),
     ("vimbrel-agents(7)", "connecting agents with vimbrel", "agents.md", None, []),
 ]
-OPTION_OF_HELP = re.compile(r"^ {2,}(-[\w-]+(?:,\s*-[\w-]+)*(?: [A-Z][\w.]*)?)\s{2,}(.*)$")
+OPTION_OF_HELP = re.compile(r"^ {2,}(-[\w-]+(?:,\s*-[\w-]+)*(?: <?[A-Z][\w.]*>?)?)\s{2,}(.*)$")
 
 
 def sections(markdown: str, wanted: list[str] | None, unwanted: list[str]) -> str:
@@ -127,9 +127,11 @@ def program_options(program: str) -> list[str]:
     name, _, rest = usage.partition(" ")
     name = name.rsplit("/", 1)[-1]
     lines = [".SH SYNOPSIS", rf"\fB{escape(name)}\fP {escape(rest)}", ".SH OPTIONS"]
-    for line in text.splitlines():
+    # A long description goes on below itself.
+    joined = re.sub(r"\n {16,}(?=\S)", " ", text)
+    for line in joined.splitlines():
         if option := OPTION_OF_HELP.match(line):
-            lines += [".TP", rf"\fB{escape(option.group(1))}\fP", escape(option.group(2)) + "."]
+            lines += [".TP", rf"\fB{escape(option.group(1))}\fP", escape(option.group(2).rstrip(".")) + "."]
     return lines
 
 

@@ -14,11 +14,10 @@
 #include "Run/RunCommand.h"
 #include "Support/ClosestMatch.h"
 #include "Terminal/DisplayText.h"
+#include "Version.h"
 
 namespace vimbrel {
 namespace {
-
-constexpr const char* version = VIMBREL_VERSION;
 
 /// The values that the arguments fill in, and what is to be done with them.
 struct Invocation {
@@ -68,8 +67,9 @@ int holdAsAsked(const Invocation& in) {
 }
 
 void describe(CLI::App& app, Invocation& in) {
-  auto* run = add(app, "run", "Keep this machine awake while agents work, until stopped", in,
-                  [&] { return in.installService ? installServiceCommand() : runCommand(in.run, version); });
+  auto* run = add(app, "run", "Keep this machine awake while agents work, until stopped", in, [&] {
+    return in.installService ? installServiceCommand() : runCommand(in.run, std::string(versionNumber()));
+  });
   run->add_option("--simulate", in.run.worldFile, "Run on the simulated machine that this file describes")
       ->option_text("WORLD.json");
   run->add_flag("--lines", in.run.linesOnly, "Print a line per change, also on a terminal");
@@ -304,7 +304,7 @@ int reportMisuse(CLI::App& app, const CLI::ParseError& error, int argc, char** a
 void compose(CLI::App& app, Invocation& invocation) {
   app.description("Keeps this machine awake while AI coding agents work.");
   app.name("vimbrel");
-  app.set_version_flag("--version", std::string("vimbrel ") + version);
+  app.set_version_flag("--version", "vimbrel " + versionText());
   app.require_subcommand(1);
   app.get_formatter()->column_width(24);
   describe(app, invocation);

@@ -20,6 +20,7 @@
 #include "Support/AtomicFile.h"
 #include "Support/EventLoop.h"
 #include "Support/Log.h"
+#include "Version.h"
 
 namespace {
 
@@ -98,7 +99,7 @@ int main(int argc, char** argv) {
   const auto options = parseHelperOptions({argv + 1, argv + argc});
   if (!options) return fail(options.error() + "\nTry vimbrel-helper --help.", exitUsage);
   if (options->help) return std::fputs(helperUsage, stdout) < 0 ? exitFailed : 0;
-  if (options->version) return std::puts("vimbrel-helper " VIMBREL_VERSION) < 0 ? exitFailed : 0;
+  if (options->version) return std::puts(("vimbrel-helper " + versionText()).c_str()) < 0 ? exitFailed : 0;
   std::signal(SIGPIPE, SIG_IGN);
   logToStandardError();
   return serve(*options);

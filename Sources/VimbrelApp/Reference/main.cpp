@@ -12,6 +12,7 @@
 #include "Domain/AgentState.h"
 #include "Domain/AgentType.h"
 #include "System/SettingDescriptions.h"
+#include "Version.h"
 
 namespace {
 
@@ -94,7 +95,7 @@ json settingDocument(const SettingDescription& setting) {
 int main() {
   json document;
   withCommandLine([&](CLI::App& app) { document["program"] = commandDocument(app); });
-  document["version"] = VIMBREL_VERSION;
+  document["version"] = versionNumber();
   for (const auto& setting : settingDescriptions()) document["settings"].push_back(settingDocument(setting));
   for (const auto agent : allAgentTypes) document["agents"].push_back(rawValue(agent));
   for (const auto state : allAgentStates) document["states"].push_back(rawValue(state));
