@@ -12,14 +12,14 @@
 #include <string>
 #include <string_view>
 
-#include "AgentMonitoring/UsageStoreFormat.h"
+#include "AgentMonitoring/UsageStore/UsageStoreFormat.h"
 #include "Support/Fd.h"
 
 namespace {
 
 using namespace vimbrel;
 
-std::string written(const UsageStoreContents& contents) {
+std::string written(const UsageLedger& contents) {
   const Fd file(::memfd_create("store", MFD_CLOEXEC));
   OutputBuffer output(file.get());
   usageStoreFormat::write(output, contents);
@@ -43,11 +43,11 @@ void checkStore(std::string_view text) {
   const auto atOnce = usageStoreFormat::read(whole);
   if (inPieces.has_value() != atOnce.has_value()) std::abort();
   if (!atOnce) return;
-  const auto first = written(atOnce->contents);
+  const auto first = written(atOnce->ledger);
   JsonPullReader again(first);
   const auto reread = usageStoreFormat::read(again);
-  if (!reread || reread->contents.events.size() != atOnce->contents.events.size() ||
-      reread->contents.sessions.size() != atOnce->contents.sessions.size()) {
+  if (!reread || reread->ledger.events.size() != atOnce->ledger.events.size() ||
+      reread->ledger.sessions.size() != atOnce->ledger.sessions.size()) {
     std::abort();
   }
 }

@@ -18,7 +18,7 @@
 #include <random>
 #include <vector>
 
-#include "AgentMonitoring/UsageStore.h"
+#include "AgentMonitoring/UsageStore/UsageStore.h"
 #include "BenchmarkTable.h"
 #include "Domain/ModelRateCard.h"
 #include "Domain/UsageCodec.h"
@@ -204,7 +204,7 @@ void recordBatches(UsageStore& store, Events& events, const std::string& scratch
 }
 
 void writeWhole(const std::vector<UsageEvent>& events, const std::string& scratch) {
-  UsageStoreContents contents;
+  UsageLedger contents;
   for (const auto& event : events) contents.events.append(event.view());
   std::vector<double> ours;
   std::vector<double> plain;

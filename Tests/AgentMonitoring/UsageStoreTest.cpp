@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "AgentMonitoring/UsageStore.h"
+#include "AgentMonitoring/UsageStore/UsageStore.h"
+#include "AgentMonitoring/UsageStore/UsageStoreFormat.h"
 
 #include <gtest/gtest.h>
 #include <sys/resource.h>

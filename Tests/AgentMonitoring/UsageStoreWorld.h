@@ -6,7 +6,7 @@
 #include <memory>
 #include <string>
 
-#include "AgentMonitoring/UsageStore.h"
+#include "AgentMonitoring/UsageStore/UsageStore.h"
 #include "Support/VirtualTime.h"
 #include "TemporaryDirectory.h"
 

@@ -7,6 +7,7 @@
 #include "Domain/HookUsage.h"
 #include "Domain/ModelRateCard.h"
 #include "Support/SaturatingSum.h"
+#include "Support/Sentence.h"
 
 namespace vimbrel {
 namespace {
@@ -36,7 +37,7 @@ std::optional<ProviderBudgetReport> reportOf(const HookEvent& event, Instant now
       .modelId = event.model,
       .context =
           BudgetMetric<ContextBudget>::known(ContextBudget::create(window, consumed), 0.9, "relay-hook"),
-      .quota = BudgetMetric<AccountQuotaBudget>::unavailable("Quota unavailable"),
+      .quota = BudgetMetric<AccountQuotaBudget>::unavailable(sentence("Quota unavailable")),
       .sessionUsage = UsageMetrics{.inputTokens = event.inputTokens,
                                    .outputTokens = event.outputTokens,
                                    .cachedTokens = event.cachedTokens,
@@ -210,7 +211,7 @@ void UsageCoordinator::setMeasuredBudget(AgentType agent, MeasuredBudget budget)
     // The agent speaks of the session that it shows, which is the one in use.
     if (known.sessionId && known.sessionId != report.sessionId) {
       report.sessionId = known.sessionId;
-      report.context = BudgetMetric<ContextBudget>::unavailable("Context unavailable");
+      report.context = BudgetMetric<ContextBudget>::unavailable(sentence("Context unavailable"));
       report.sessionUsage = {};
       report.cost.reset();
     }

@@ -13,7 +13,7 @@
 
 #include "AgentMonitoring/UsageImport/TurnOwners.h"
 #include "AgentMonitoring/UsageProviders/UsageMetricsProvider.h"
-#include "AgentMonitoring/UsageStore.h"
+#include "AgentMonitoring/UsageStore/UsageStore.h"
 #include "Domain/HookEvent.h"
 #include "Domain/ModelRateCard.h"
 #include "Domain/UsageSummary.h"

@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-#include "AgentMonitoring/UsageStore.h"
+#include "AgentMonitoring/UsageStore/UsageStore.h"
 
 namespace vimbrel {
 

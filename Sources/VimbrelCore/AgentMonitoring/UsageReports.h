@@ -8,7 +8,7 @@
 #include <string_view>
 #include <vector>
 
-#include "AgentMonitoring/UsageStore.h"
+#include "AgentMonitoring/UsageStore/UsageStore.h"
 #include "Domain/UsageSummary.h"
 #include "Support/CalendarDay.h"
 

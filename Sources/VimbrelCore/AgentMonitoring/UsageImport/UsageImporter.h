@@ -9,7 +9,7 @@
 
 #include "AgentMonitoring/UsageImport/ImportIndex.h"
 #include "AgentMonitoring/UsageImport/TurnOwners.h"
-#include "AgentMonitoring/UsageStore.h"
+#include "AgentMonitoring/UsageStore/UsageStore.h"
 #include "Domain/ModelRateCard.h"
 #include "Support/Clock.h"
 

@@ -14,10 +14,8 @@
 #include <string>
 #include <vector>
 
-#include "AgentMonitoring/UsageJournal.h"
-#include "AgentMonitoring/UsageStoreFormat.h"
-#include "Domain/ModelRateCard.h"
-#include "Domain/UsageSummary.h"
+#include "AgentMonitoring/UsageStore/UsageLedger.h"
+#include "AgentMonitoring/UsageStore/UsageStoreFiles.h"
 #include "Support/Clock.h"
 #include "Support/Fd.h"
 #include "Support/TaskQueue.h"
@@ -118,36 +116,13 @@ class UsageStore {
  private:
   UsageStore(UsageStoreOptions options, std::shared_ptr<TaskQueue> queue, const Clock& clock, Fd lock);
 
-  void load();
-  void loadStoreFile();
-  void replayJournal();
   std::size_t acceptLocked(std::span<const UsageEvent> events, bool usesJournal);
-  bool applyLocked(const UsageEventView& event);
-  void rebuildSessionLocked(const std::string& sessionId);
-  [[nodiscard]] bool usesJournalLocked() const;
   void saveLocked();
-  [[nodiscard]] std::expected<void, std::string> appendLocked();
-  [[nodiscard]] std::expected<void, std::string> keepUnreadableAsideLocked();
-
-  /// A new store file that has been written but is not yet in the old one's place.
-  struct Rewrite {
-    Fd file;
-    std::size_t bytes = 0;
-    std::uint64_t coveredSegment = 0;  ///< journal segments up to this one are contained in it
-    std::shared_ptr<Fd> lastSegment;
-    bool isOnlyCopy = false;  ///< it has events that neither the store file nor the journal has
-  };
-  [[nodiscard]] std::expected<void, std::string> beginRewriteLocked();
-  [[nodiscard]] std::expected<void, std::string> putInPlace(Rewrite& rewrite);
-  void endRewriteLocked(bool isInPlace);
   void finishRewrite();
   void finishRewriteHoldingFinishLock();
   void bringIntoStoreFile();
   void scheduleLocked(std::chrono::milliseconds delay);
   void onTimer();
-  void syncDirectory() const;
-  [[nodiscard]] UsageSummary summaryLocked(Instant from, Instant to) const;
-  [[nodiscard]] std::vector<SessionUsageRecord> recentSessionsLocked(std::size_t limit) const;
 
   const UsageStoreOptions options_;
   const std::shared_ptr<TaskQueue> queue_;
@@ -156,18 +131,10 @@ class UsageStore {
 
   std::mutex finishLock_;  ///< taken before `lock_`: one rewrite is put in place at a time
   mutable std::mutex lock_;
-  UsageStoreContents contents_;
-  UsageJournal journal_;
-  std::string unsavedLines_;      ///< journal lines that are not in a file yet
-  bool isUnsaved_ = false;        ///< the latest write failed
-  bool needsWholeWrite_ = false;  ///< what is on disk cannot be appended to
-  bool isUnreadable_ = false;     ///< the store file could not be read and still stands in its place
-  std::size_t storeBytes_ = 0;
-  std::size_t rewriteAtJournalBytes_ = 0;
-  std::unique_ptr<Rewrite> rewrite_;
+  UsageLedger ledger_;
+  UsageStoreFiles files_;
   std::optional<std::chrono::nanoseconds> timerDue_;
   Token timer_;
-  std::weak_ptr<Fd> syncedSegment_;  ///< its directory entry has been flushed
 
   /// What tasks on the queue hold instead of the store: they keep its lock while they run, and the destructor
   /// takes the store out.

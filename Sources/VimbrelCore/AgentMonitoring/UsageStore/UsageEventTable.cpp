@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "AgentMonitoring/UsageEventTable.h"
+#include "AgentMonitoring/UsageStore/UsageEventTable.h"
 
 #include <sys/mman.h>
 #include <unistd.h>

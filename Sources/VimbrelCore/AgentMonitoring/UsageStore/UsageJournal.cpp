@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "AgentMonitoring/UsageJournal.h"
+#include "AgentMonitoring/UsageStore/UsageJournal.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

@@ -6,20 +6,12 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 
-#include "AgentMonitoring/UsageEventTable.h"
-#include "Domain/SessionUsageRecord.h"
+#include "AgentMonitoring/UsageStore/UsageLedger.h"
 #include "Support/JsonPullReader.h"
 #include "Support/OutputBuffer.h"
 
 namespace vimbrel {
-
-/// Everything that the usage store holds.
-struct UsageStoreContents {
-  UsageEventTable events;
-  std::unordered_map<std::string, SessionUsageRecord> sessions;
-};
 
 /// The usage store's file (docs/file-formats.md), read and written without a document tree: with a hundred
 /// thousand events a tree takes a second and hundreds of megabytes.
@@ -29,10 +21,10 @@ inline constexpr std::int64_t schemaVersion = 1;
 /// Texts of an event that are longer than this are none that an agent writes; such events are refused.
 inline constexpr std::size_t maximumTextBytes = 1 << 16;
 
-void write(OutputBuffer& output, const UsageStoreContents& contents);
+void write(OutputBuffer& output, const UsageLedger& ledger);
 
 struct Loaded {
-  UsageStoreContents contents;
+  UsageLedger ledger;
   std::optional<std::int64_t> schemaVersion;  ///< absent for the legacy format
 };
 /// Reads a whole document, in any order of keys; unknown keys are passed over. The error is a sentence.
