@@ -299,6 +299,53 @@ TEST_F(OpenCode, readsMessagesWhileAnotherConnectionWrites) {
   EXPECT_EQ(events[0].totalTokens, 30);
 }
 
+TEST_F(OpenCode, tellsOfATurnThatItsUserAborted) {
+  execute(
+      "CREATE TABLE session(id TEXT PRIMARY KEY, parent_id TEXT, directory TEXT);"
+      "INSERT INTO session VALUES('s', NULL, '/work'), ('child', 's', '/work');");
+  const auto aborted = [](const std::string& time, const std::string& name = "MessageAbortedError") {
+    return R"({"role":"assistant","tokens":{"input":0,"output":0},"path":{"cwd":"/work"},"error":{"name":")" +
+           name + R"(","data":{"message":"stopped"}},"time":{"created":1000)" + time + "}}";
+  };
+  const std::string answered = R"({"tokens":{"output":7},"text":"Aborted?","time":{"completed":9000}})";
+  struct Row {
+    const char* session;
+    std::int64_t created;
+    std::string data;
+  };
+  struct Case {
+    const char* what;
+    std::vector<Row> rows;
+    bool isInterrupted;
+  };
+  const std::vector<Case> cases{
+      {"aborted", {{"s", 1000, aborted(R"(,"completed":7500)")}}, true},
+      {"gone on since", {{"s", 1000, aborted(R"(,"completed":7500)")}, {"s", 8000, answered}}, false},
+      {"another session went on",
+       {{"s", 1000, aborted(R"(,"completed":7500)")}, {"t", 8000, answered}},
+       true},
+      {"failed", {{"s", 1000, aborted(R"(,"completed":7500)", "APIError")}}, false},
+      {"streaming still", {{"s", 1000, aborted("")}}, false},
+      {"only a helper's", {{"child", 1000, aborted(R"(,"completed":7500)")}}, false},
+      {"an answer about aborting", {{"s", 1000, answered}}, false},
+  };
+  for (const auto& each : cases) {
+    SCOPED_TRACE(each.what);
+    execute("DELETE FROM message;");
+    for (std::size_t i = 0; i < each.rows.size(); ++i) {
+      const auto& row = each.rows[i];
+      execute("INSERT INTO message VALUES('m" + std::to_string(i) + "','" + row.session + "'," +
+              std::to_string(row.created) + ",0,'" + row.data + "');");
+    }
+    OpenCodeUsageProvider provider(path_, time_.mainQueue(), time_, ModelRateCard::builtIn());
+    std::vector<TurnInterruption> heard;
+    provider.onTurnInterrupted = [&](const TurnInterruption& found) { heard.push_back(found); };
+    provider.pollLatestEvents();
+    const TurnInterruption expected{AgentType::opencode, "s", "/work", instantFromUnixSeconds(7.5)};
+    EXPECT_EQ(heard, each.isInterrupted ? std::vector{expected} : std::vector<TurnInterruption>{});
+  }
+}
+
 TEST_F(OpenCode, countsEachMessageAtItsHighestWhileAnotherProcessWrites) {
   sqlite3_close(std::exchange(writer_, nullptr));
   constexpr int messages = 200;

@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "Support/Sentence.h"
+
 namespace vimbrel {
 namespace {
 
@@ -114,7 +116,7 @@ ProviderBudgetReport ClaudeUsageProvider::reportOf(const UsageEvent& event) cons
       .context = BudgetMetric<ContextBudget>::known(
           ContextBudget::create(event.contextWindow.value_or(0), event.totalTokens.value_or(0)), 1.0,
           "claude-project-log"),
-      .quota = BudgetMetric<AccountQuotaBudget>::unavailable("Quota unavailable"),
+      .quota = BudgetMetric<AccountQuotaBudget>::unavailable(sentence("Quota unavailable")),
       .sessionUsage = UsageMetrics{.inputTokens = event.inputTokens,
                                    .outputTokens = event.outputTokens,
                                    .cachedTokens = event.cachedTokens,

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "Support/CalendarDay.h"
+#include "Support/Sentence.h"
 
 namespace vimbrel {
 namespace {
@@ -151,10 +152,10 @@ ProviderBudgetReport CodexUsageProvider::reportOf(const std::string& sessionId,
       .sessionId = sessionId,
       .modelId = reading.model,
       .context = reading.context ? BudgetMetric<ContextBudget>::known(*reading.context, 1.0, "codex-rollout")
-                                 : BudgetMetric<ContextBudget>::unavailable("Context unavailable"),
+                                 : BudgetMetric<ContextBudget>::unavailable(sentence("Context unavailable")),
       .quota = reading.quota
                    ? BudgetMetric<AccountQuotaBudget>::known(*reading.quota, 1.0, "codex-rate-limits")
-                   : BudgetMetric<AccountQuotaBudget>::unavailable("Quota unavailable"),
+                   : BudgetMetric<AccountQuotaBudget>::unavailable(sentence("Quota unavailable")),
       .sessionUsage = usage,
       .cost = cost,
       .lastUpdated = now,

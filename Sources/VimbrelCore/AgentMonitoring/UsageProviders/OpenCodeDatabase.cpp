@@ -15,6 +15,7 @@ constexpr const char* newestQuery =
 constexpr const char* allQuery =
     "SELECT id, session_id, time_created, data FROM message WHERE data LIKE '%\"tokens\"%';";
 constexpr const char* sessionsQuery = "SELECT id, directory FROM session;";
+constexpr const char* childQuery = "SELECT 1 FROM session WHERE id = ?1 AND parent_id IS NOT NULL;";
 // OpenCode commits often and briefly; a longer wait would hold up the poll, which comes again anyway.
 constexpr int busyMilliseconds = 100;
 
@@ -26,8 +27,8 @@ std::optional<std::string_view> text(sqlite3_stmt* statement, int column) {
                           static_cast<std::size_t>(sqlite3_column_bytes(statement, column)));
 }
 
-bool forEachRow(const std::string& path, const char* query,
-                const std::function<void(sqlite3_stmt*)>& handler) {
+bool forEachRow(const std::string& path, const char* query, const std::function<void(sqlite3_stmt*)>& handler,
+                const std::string* parameter = nullptr) {
   sqlite3* database = nullptr;
   const int opened =
       sqlite3_open_v2(path.c_str(), &database, SQLITE_OPEN_READONLY | SQLITE_OPEN_URI, nullptr);
@@ -37,6 +38,11 @@ bool forEachRow(const std::string& path, const char* query,
   sqlite3_stmt* statement = nullptr;
   if (sqlite3_prepare_v2(database, query, -1, &statement, nullptr) != SQLITE_OK) return false;
   const std::unique_ptr<sqlite3_stmt, int (*)(sqlite3_stmt*)> finalizing(statement, sqlite3_finalize);
+  if (parameter != nullptr &&
+      sqlite3_bind_text(statement, 1, parameter->data(), static_cast<int>(parameter->size()),
+                        SQLITE_TRANSIENT) != SQLITE_OK) {
+    return false;
+  }
   int step = SQLITE_ROW;
   while ((step = sqlite3_step(statement)) == SQLITE_ROW) handler(statement);
   return step == SQLITE_DONE;
@@ -78,6 +84,12 @@ bool OpenCodeDatabase::sessionDirectories(
     const auto directory = text(statement, 1);
     if (id && directory) handler(*id, *directory);
   });
+}
+
+bool OpenCodeDatabase::isChildSession(const std::string& sessionId) const {
+  bool isChild = false;
+  forEachRow(path_, childQuery, [&](sqlite3_stmt*) { isChild = true; }, &sessionId);
+  return isChild;
 }
 
 std::optional<OpenCodeDatabase::Version> OpenCodeDatabase::version() const {

@@ -8,6 +8,7 @@
 #include <string>
 #include <string_view>
 
+#include "AgentMonitoring/TurnInterruption.h"
 #include "Domain/ModelRateCard.h"
 #include "Domain/UsageEvent.h"
 
@@ -34,6 +35,10 @@ class OpenCodeDatabase {
   /// Every session with the directory it belongs to.
   bool sessionDirectories(
       const std::function<void(std::string_view sessionId, std::string_view directory)>& handler) const;
+
+  /// Whether another session started this one as its helper; such a session ends by itself while the one that
+  /// started it works on. False when that cannot be read.
+  [[nodiscard]] bool isChildSession(const std::string& sessionId) const;
 
   /// Changes whenever the database was written to; equal values mean that nothing was.
   struct Version {
@@ -62,6 +67,8 @@ class OpenCodeMessageParser {
   ~OpenCodeMessageParser();
   /// Absent for a row without usable tokens.
   std::optional<OpenCodeUsage> parse(const OpenCodeRow& row, Instant now);
+  /// The end of a turn that its user aborted. Absent for every other row, which costs next to nothing.
+  std::optional<TurnInterruption> interruption(const OpenCodeRow& row);
 
  private:
   struct Json;

@@ -9,6 +9,8 @@ namespace {
 
 constexpr std::string_view defaultModel = "nemotron-3.5-lightning-free";
 constexpr std::int64_t defaultContextWindow = 128000;
+// How OpenCode calls the error of a message that its user stopped: "MessageAbortedError".
+constexpr std::string_view abortMark = "Abort";
 
 }  // namespace
 
@@ -22,7 +24,9 @@ OpenCodeMessageParser::~OpenCodeMessageParser() = default;
 
 std::optional<OpenCodeUsage> OpenCodeMessageParser::parse(const OpenCodeRow& row, Instant now) {
   lenient::Element root;
-  if (json_->parser.parse(row.data.data(), row.data.size()).get(root) != simdjson::SUCCESS)
+  // The parser copies even from where nothing is.
+  if (row.data.empty() ||
+      json_->parser.parse(row.data.data(), row.data.size()).get(root) != simdjson::SUCCESS)
     return std::nullopt;
   const auto tokens = lenient::object(root, "tokens");
   if (!tokens) return std::nullopt;
@@ -71,6 +75,24 @@ std::optional<OpenCodeUsage> OpenCodeMessageParser::parse(const OpenCodeRow& row
       row.timeCreated < 1 ? now : instantFromUnixSeconds(static_cast<double>(row.timeCreated) / 1000);
   event.source = "opencode-db";
   return usage;
+}
+
+std::optional<TurnInterruption> OpenCodeMessageParser::interruption(const OpenCodeRow& row) {
+  if (row.data.find(abortMark) == std::string_view::npos) return std::nullopt;
+  lenient::Element root;
+  if (json_->parser.parse(row.data.data(), row.data.size()).get(root) != simdjson::SUCCESS)
+    return std::nullopt;
+  const auto error = lenient::object(root, "error");
+  const auto name = error ? lenient::text(*error, "name") : std::nullopt;
+  if (!name || name->find(abortMark) == std::string_view::npos) return std::nullopt;
+  const auto time = lenient::object(root, "time");
+  // The message began long before: without its end there is nothing to compare with what was heard since.
+  const auto completed = time ? lenient::integer(*time, "completed") : std::nullopt;
+  if (!completed || *completed < 1) return std::nullopt;
+  const auto place = lenient::object(root, "path");
+  return TurnInterruption{AgentType::opencode, std::string(row.sessionId),
+                          place ? lenient::string(*place, "cwd") : std::nullopt,
+                          instantFromUnixSeconds(static_cast<double>(*completed) / 1000)};
 }
 
 }  // namespace vimbrel

@@ -2,6 +2,10 @@
 #include "AgentMonitoring/UsageProviders/OpenCodeUsageProvider.h"
 
 #include <algorithm>
+#include <unordered_set>
+#include <utility>
+
+#include "Support/Sentence.h"
 
 namespace vimbrel {
 
@@ -28,7 +32,13 @@ std::vector<UsageEvent> OpenCodeUsageProvider::readSource() {
   // Only the newest messages are asked for; the old ones may be delivered again, as after a restart.
   constexpr std::size_t mostKnown = 10000;
   if (knownMessageIds_.size() > mostKnown) knownMessageIds_.clear();
+  std::unordered_set<std::string> sessionsSeen;
+  std::vector<TurnInterruption> interruptions;
   const bool complete = database_.newestMessages([&](const OpenCodeRow& row) {
+    // The newest message of a session tells how its turn stands.
+    if (sessionsSeen.emplace(row.sessionId).second) {
+      if (auto found = parser_.interruption(row)) interruptions.push_back(std::move(*found));
+    }
     const auto usage = parser_.parse(row, now);
     if (!usage) return;
     considerReport(*usage);
@@ -39,6 +49,11 @@ std::vector<UsageEvent> OpenCodeUsageProvider::readSource() {
     events.push_back(usage->event);
   });
   if (complete) lastRead_ = version;
+  if (onTurnInterrupted) {
+    for (const auto& interruption : interruptions) {
+      if (!database_.isChildSession(*interruption.sessionId)) onTurnInterrupted(interruption);
+    }
+  }
   return events;
 }
 
@@ -61,7 +76,7 @@ void OpenCodeUsageProvider::considerReport(const OpenCodeUsage& usage) {
       .modelId = event.modelId,
       .context = BudgetMetric<ContextBudget>::known(
           ContextBudget::create(usage.contextWindow, event.totalTokens.value_or(0)), 1.0, "opencode-db"),
-      .quota = BudgetMetric<AccountQuotaBudget>::unavailable("Quota unavailable"),
+      .quota = BudgetMetric<AccountQuotaBudget>::unavailable(sentence("Quota unavailable")),
       .sessionUsage = UsageMetrics{.inputTokens = event.inputTokens,
                                    .outputTokens = event.outputTokens,
                                    .cachedTokens = event.cachedTokens,
