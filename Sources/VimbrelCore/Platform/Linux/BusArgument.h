@@ -7,6 +7,8 @@
 #include <variant>
 #include <vector>
 
+struct sd_bus_message;
+
 namespace vimbrel {
 
 /// A bus path of an object, which is another type than a text.
@@ -24,5 +26,8 @@ using BusNamedOptions = std::vector<std::pair<std::string, BusOptions>>;
 /// One argument of a bus call.
 using BusArgument = std::variant<std::string, std::uint32_t, bool, std::int32_t, BusPath,
                                  std::vector<std::string>, BusOptions, BusNamedOptions>;
+
+/// Appends one argument to a message; negative for a failure, as sd-bus has it.
+int appendArgument(sd_bus_message* message, const BusArgument& argument);
 
 }  // namespace vimbrel

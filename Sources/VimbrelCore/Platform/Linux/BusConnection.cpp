@@ -7,11 +7,12 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cstdlib>
 #include <cstring>
 #include <map>
 #include <utility>
+
+#include "Support/Sentence.h"
 
 namespace vimbrel {
 
@@ -22,11 +23,6 @@ namespace {
 
 constexpr std::chrono::seconds longestPause{30};
 constexpr std::uint64_t noTimeout = UINT64_MAX;
-
-template <std::size_t count>
-bool isOneOf(const std::string& name, const std::array<const char*, count>& names) {
-  return std::find(names.begin(), names.end(), name) != names.end();
-}
 
 BusError systemError(int code) { return {"System.Error", std::strerror(std::abs(code))}; }
 
@@ -62,93 +58,7 @@ struct MessageDeleter {
 };
 using Message = std::unique_ptr<sd_bus_message, MessageDeleter>;
 
-/// Appends values one after the other; the first failure ends it and is the result.
-class Appender {
- public:
-  explicit Appender(sd_bus_message* message) : message_(message) {}
-  [[nodiscard]] int result() const { return result_; }
-
-  void operator()(const std::string& text) { basic('s', text.c_str()); }
-  void operator()(const BusPath& path) { basic('o', path.path.c_str()); }
-  void operator()(std::uint32_t number) { basic('u', &number); }
-  void operator()(std::int32_t number) { basic('i', &number); }
-  void operator()(std::uint8_t byte) { basic('y', &byte); }
-  void operator()(bool value) {
-    const int flag = value ? 1 : 0;
-    basic('b', &flag);
-  }
-  void operator()(const std::vector<std::string>& texts) {
-    inside('a', "s", [&] {
-      for (const auto& text : texts) (*this)(text);
-    });
-  }
-  void operator()(const BusOptions& options) {
-    inside('a', "{sv}", [&] {
-      for (const auto& [name, value] : options) {
-        inside('e', "sv", [&] {
-          (*this)(name);
-          inside('v', typeOf(value), [&] { std::visit([&](const auto& one) { (*this)(one); }, value); });
-        });
-      }
-    });
-  }
-  void operator()(const BusNamedOptions& all) {
-    inside('a', "(sa{sv})", [&] {
-      for (const auto& [name, options] : all) {
-        inside('r', "sa{sv}", [&] {
-          (*this)(name);
-          (*this)(options);
-        });
-      }
-    });
-  }
-
- private:
-  static const char* typeOf(const BusOptionValue& value) {
-    constexpr std::array types{"s", "u", "y", "b"};  // in the order of the variant's alternatives
-    return types.at(value.index());
-  }
-  void basic(char type, const void* value) {
-    if (result_ >= 0) result_ = sd_bus_message_append_basic(message_, type, value);
-  }
-  template <typename Contents>
-  void inside(char type, const char* contents, Contents append) {
-    if (result_ >= 0) result_ = sd_bus_message_open_container(message_, type, contents);
-    if (result_ < 0) return;
-    append();
-    if (result_ >= 0) result_ = sd_bus_message_close_container(message_);
-  }
-
-  sd_bus_message* message_;
-  int result_ = 0;
-};
-
-int append(sd_bus_message* message, const BusArgument& argument) {
-  Appender appender(message);
-  std::visit([&](const auto& value) { appender(value); }, argument);
-  return appender.result();
-}
-
 }  // namespace
-
-bool BusError::isDenied() const {
-  return isOneOf(
-      name, std::array{"org.freedesktop.DBus.Error.AccessDenied", "org.freedesktop.DBus.Error.AuthFailed",
-                       "org.freedesktop.DBus.Error.InteractiveAuthorizationRequired",
-                       "org.freedesktop.PolicyKit1.Error.NotAuthorized"});
-}
-
-bool BusError::isTimeout() const {
-  return isOneOf(name, std::array{"org.freedesktop.DBus.Error.NoReply", "org.freedesktop.DBus.Error.Timeout",
-                                  "org.freedesktop.DBus.Error.TimedOut"});
-}
-
-bool BusError::isUnknown() const {
-  return isOneOf(
-      name, std::array{"org.freedesktop.DBus.Error.UnknownMethod", "org.freedesktop.DBus.Error.UnknownObject",
-                       "org.freedesktop.DBus.Error.UnknownInterface",
-                       "org.freedesktop.DBus.Error.UnknownProperty"});
-}
 
 struct BusConnection::Impl : std::enable_shared_from_this<Impl> {
   struct Pending {
@@ -232,8 +142,8 @@ void BusConnection::Impl::close() {
 void BusConnection::Impl::lose(int code) {
   const auto keep = shared_from_this();
   close();
-  failure = std::string(kind == BusKind::system ? "no system bus: " : "no session bus: ") +
-            std::strerror(std::abs(code));
+  failure = kind == BusKind::system ? sentence("no system bus: %1", {std::strerror(std::abs(code))})
+                                    : sentence("no session bus: %1", {std::strerror(std::abs(code))});
   for (auto& [id, entry] : std::exchange(pending, {})) {
     entry->done(std::unexpected(BusError{"org.freedesktop.DBus.Error.Disconnected", failure}));
   }
@@ -298,7 +208,7 @@ Message BusConnection::Impl::compose(const BusMethod& method, const std::vector<
   Message message(raw);
   if (result >= 0) result = sd_bus_message_set_auto_start(raw, method.mayStartService ? 1 : 0);
   for (const auto& argument : arguments) {
-    if (result >= 0) result = append(raw, argument);
+    if (result >= 0) result = appendArgument(raw, argument);
   }
   return message;
 }

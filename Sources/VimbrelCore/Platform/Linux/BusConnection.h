@@ -12,23 +12,13 @@
 #include <vector>
 
 #include "Platform/Linux/BusArgument.h"
+#include "Platform/Linux/BusError.h"
 #include "Platform/Linux/BusMessage.h"
 #include "Support/TaskQueue.h"
 
 namespace vimbrel {
 
 enum class BusKind : std::uint8_t { system, session };
-
-/// What a service, or the bus itself, answered instead of doing what it was asked.
-struct BusError {
-  std::string name;     ///< "org.freedesktop.DBus.Error.AccessDenied"
-  std::string message;  ///< for people
-
-  [[nodiscard]] bool isDenied() const;
-  [[nodiscard]] bool isTimeout() const;
-  /// The service does not have that method, object or property.
-  [[nodiscard]] bool isUnknown() const;
-};
 
 /// One method of one object of one service.
 struct BusMethod {

@@ -3,6 +3,8 @@
 
 #include <utility>
 
+#include "Support/MarkupText.h"
+
 namespace vimbrel {
 namespace {
 
@@ -22,23 +24,6 @@ std::set<std::string> readSet(BusMessage& reply) {
     texts.insert(*std::move(text));
   }
   return texts;
-}
-
-/// The body is markup where the service understands markup.
-std::string escaped(const std::string& text) {
-  std::string result;
-  for (const char c : text) {
-    if (c == '&') {
-      result += "&amp;";
-    } else if (c == '<') {
-      result += "&lt;";
-    } else if (c == '>') {
-      result += "&gt;";
-    } else {
-      result += c;
-    }
-  }
-  return result;
 }
 
 }  // namespace
@@ -131,7 +116,7 @@ void BusNotificationCenter::send(const Notification& notification, Completion co
   notify.mayStartService = true;
   bus_->call(notify,
              {std::string("Vimbrel"), replaced, std::string("com.vimbrel.app"), notification.title,
-              canDo("body-markup") ? escaped(notification.body) : notification.body, actions, hints,
+              canDo("body-markup") ? escapedForMarkup(notification.body) : notification.body, actions, hints,
               serviceDecidesTimeout},
              [weak = weak_from_this(), identifier = notification.identifier,
               completion = std::move(completion)](BusReply reply) {

@@ -22,6 +22,7 @@ class PortalKeyShortcut final : public KeyShortcut {
  private:
   struct Session;
   const std::shared_ptr<BusConnection> bus_;
+  const std::shared_ptr<unsigned> sessions_ = std::make_shared<unsigned>(0);
 };
 
 }  // namespace vimbrel

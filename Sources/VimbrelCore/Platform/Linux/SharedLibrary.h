@@ -15,11 +15,12 @@ class SharedLibrary {
 
   [[nodiscard]] explicit operator bool() const { return handle_ != nullptr && !isIncomplete_; }
 
-  /// Sets `function` to the library's function of this name; the library counts as missing without it.
+  /// The library's function of this name, null without it; the library counts as missing then.
   template <typename Function>
-  void load(Function*& function, const char* name) {
-    function = handle_ == nullptr ? nullptr : reinterpret_cast<Function*>(::dlsym(handle_.get(), name));
-    if (function == nullptr) isIncomplete_ = true;
+  [[nodiscard]] Function* function(const char* name) {
+    auto* found = handle_ == nullptr ? nullptr : reinterpret_cast<Function*>(::dlsym(handle_.get(), name));
+    if (found == nullptr) isIncomplete_ = true;
+    return found;
   }
 
  private:

@@ -3,6 +3,8 @@
 
 #include <utility>
 
+#include "Support/Sentence.h"
+
 namespace vimbrel {
 namespace {
 constexpr std::chrono::seconds retryInterval{30};
@@ -53,7 +55,7 @@ bool SleepInhibitor::isSettled() const {
 
 MechanismStatus SleepInhibitor::status() const {
   if (!isOffered()) {
-    const auto why = bus_->isConnected() ? "nobody offers " + service_ : bus_->failure();
+    const auto why = bus_->isConnected() ? sentence("nobody offers %1", {service_}) : bus_->failure();
     return {mechanism_, MechanismState::missing, why};
   }
   if (failure_) return {mechanism_, MechanismState::refused, failure_->message};
@@ -107,11 +109,11 @@ void SleepInhibitor::verify(unsigned round, bool mayWait) {
     self->remark_.clear();
     if (answer == ReadBack::confirmed) return self->finish(Phase::held, std::nullopt);
     if (answer == ReadBack::notSupported) {
-      self->remark_ = "held, but the service could not be asked to confirm it";
+      self->remark_ = sentence("held, but the service could not be asked to confirm it");
       return self->finish(Phase::held, std::nullopt);
     }
     if (mayWait && self->listingDelay().count() > 0) {
-      self->remark_ = "granted; the service lists it only after a few seconds";
+      self->remark_ = sentence("granted; the service lists it only after a few seconds");
       self->recheck_ = self->queue_->after(self->listingDelay(), [weak, round] {
         if (const auto later = weak.lock()) later->verify(round, false);
       });
@@ -119,8 +121,9 @@ void SleepInhibitor::verify(unsigned round, bool mayWait) {
     }
     self->giveBack();
     if (self->retaking_ && self->phase_ == Phase::readingBack) return self->begin();
-    self->finish(Phase::idle,
-                 BusError{"Unlisted", "the service granted it but does not list it: it has no effect"});
+    self->finish(
+        Phase::idle,
+        BusError{"Unlisted", sentence("the service granted it but does not list it: it has no effect")});
   });
 }
 

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "Platform/Linux/SharedLibrary.h"
+#include "Support/Sentence.h"
 
 namespace vimbrel {
 namespace {
@@ -29,7 +30,8 @@ using Owned = std::unique_ptr<Reply, Freed>;
 /// What of libxcb is used.
 struct Xcb {
   SharedLibrary library{"libxcb.so.1"};
-#define VIMBREL_XCB(function) decltype(::xcb_##function)* function = nullptr
+#define VIMBREL_XCB(name) \
+  decltype(::xcb_##name)* const name = library.function<decltype(::xcb_##name)>("xcb_" #name)
   VIMBREL_XCB(connect);
   VIMBREL_XCB(connection_has_error);
   VIMBREL_XCB(disconnect);
@@ -48,28 +50,6 @@ struct Xcb {
   VIMBREL_XCB(setup_roots_iterator);
   VIMBREL_XCB(ungrab_key);
 #undef VIMBREL_XCB
-
-  Xcb() {
-#define VIMBREL_XCB(function) library.load(function, "xcb_" #function)
-    VIMBREL_XCB(connect);
-    VIMBREL_XCB(connection_has_error);
-    VIMBREL_XCB(disconnect);
-    VIMBREL_XCB(flush);
-    VIMBREL_XCB(get_file_descriptor);
-    VIMBREL_XCB(get_keyboard_mapping);
-    VIMBREL_XCB(get_keyboard_mapping_keysyms);
-    VIMBREL_XCB(get_keyboard_mapping_reply);
-    VIMBREL_XCB(get_modifier_mapping);
-    VIMBREL_XCB(get_modifier_mapping_keycodes);
-    VIMBREL_XCB(get_modifier_mapping_reply);
-    VIMBREL_XCB(get_setup);
-    VIMBREL_XCB(grab_key_checked);
-    VIMBREL_XCB(poll_for_event);
-    VIMBREL_XCB(request_check);
-    VIMBREL_XCB(setup_roots_iterator);
-    VIMBREL_XCB(ungrab_key);
-#undef VIMBREL_XCB
-  }
 };
 
 }  // namespace
@@ -93,9 +73,10 @@ struct X11KeyShortcut::Grab : std::enable_shared_from_this<Grab> {
   }
 
   std::optional<std::string> open(const std::string& display) {
-    if (!xcb.library) return "libxcb is not installed, which the keys of an X11 desktop need";
+    if (!xcb.library) return sentence("libxcb is not installed, which the keys of an X11 desktop need");
     connection = xcb.connect(display.c_str(), nullptr);
-    if (xcb.connection_has_error(connection) != 0) return "the display " + display + " cannot be reached";
+    if (xcb.connection_has_error(connection) != 0)
+      return sentence("the display %1 cannot be reached", {display});
     root = xcb.setup_roots_iterator(xcb.get_setup(connection)).data->root;
     return grabAll();
   }
@@ -139,7 +120,7 @@ struct X11KeyShortcut::Grab : std::enable_shared_from_this<Grab> {
 
   std::optional<std::string> grabAll() {
     keys = keysFor(lowerL);
-    if (keys.empty()) return "this keyboard has no key for the letter L";
+    if (keys.empty()) return sentence("this keyboard has no key for the letter L");
     required = modifierOf(keysFor(leftAlt), XCB_MOD_MASK_1) | modifierOf(keysFor(leftSuper), XCB_MOD_MASK_4);
     ignored = XCB_MOD_MASK_LOCK | XCB_MOD_MASK_SHIFT | XCB_MOD_MASK_CONTROL |
               modifierOf(keysFor(numLock), XCB_MOD_MASK_2);
@@ -157,7 +138,7 @@ struct X11KeyShortcut::Grab : std::enable_shared_from_this<Grab> {
         if (refused && refused->error_code == accessDenied && isPlain) isPlainRefused = true;
       }
     }
-    if (isPlainRefused) return "another program holds Alt+Super+L on this display";
+    if (isPlainRefused) return sentence("another program holds Alt+Super+L on this display");
     return std::nullopt;
   }
 
