@@ -4,11 +4,13 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cassert>
 #include <cerrno>
 #include <climits>
 #include <cstring>
 #include <initializer_list>
 
+#include "PackagedUnit.h"
 #include "Support/Directories.h"
 #include "Support/OwnFile.h"
 
@@ -60,12 +62,11 @@ std::string entryText(const std::string& program) {
 }
 
 std::string unitText(const std::string& program) {
-  return "[Unit]\nDescription=Keeps this computer awake while coding agents work\n"
-         "After=graphical-session.target\n\n"
-         "[Service]\nType=notify\nExecStart=" +
-         quotedForUnit(program) +
-         " run --lines\nRestart=on-failure\nRestartSec=5\nWatchdogSec=30\n\n"
-         "[Install]\nWantedBy=default.target\n";
+  constexpr std::string_view packagedProgram = "/usr/bin/vimbrel";
+  std::string text = packagedUnitText;
+  const auto at = text.find("ExecStart=" + std::string(packagedProgram));
+  assert(at != std::string::npos);
+  return text.replace(text.find('/', at), packagedProgram.size(), quotedForUnit(program));
 }
 
 bool isTrue(const std::string& line, std::string_view key, std::string_view value) {
@@ -99,7 +100,14 @@ bool LinuxLoginItem::isServiceEnabled() const {
 }
 
 LoginItemStatus LinuxLoginItem::status() {
-  if (isServiceEnabled()) return LoginItemStatus::enabled;
+  return isServiceEnabled() ? LoginItemStatus::enabled : entryStatus();
+}
+
+bool LinuxLoginItem::isEntryEnabled() const { return entryStatus() == LoginItemStatus::enabled; }
+
+std::expected<void, std::string> LinuxLoginItem::removeEntry() { return removeOwnFile(entryPath()); }
+
+LoginItemStatus LinuxLoginItem::entryStatus() const {
   const auto text = readFile(entryPath());
   if (!text) return LoginItemStatus::notRegistered;
   std::string program;

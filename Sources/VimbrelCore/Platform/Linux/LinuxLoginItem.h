@@ -29,9 +29,14 @@ class LinuxLoginItem final : public LoginItem {
   /// Writes and enables the user unit in place of an autostart entry. The result is the unit's path.
   [[nodiscard]] std::expected<std::string, std::string> installService();
   [[nodiscard]] bool isServiceEnabled() const;
+  /// Whether a desktop would carry out the entry: it is there, and nobody switched it off.
+  [[nodiscard]] bool isEntryEnabled() const;
+  /// Removes the entry and leaves a unit alone.
+  [[nodiscard]] std::expected<void, std::string> removeEntry();
   static constexpr const char* unitName = "com.vimbrel.app.service";
 
  private:
+  [[nodiscard]] LoginItemStatus entryStatus() const;
   [[nodiscard]] std::string entryPath() const;
   [[nodiscard]] std::string unitPath() const;
   [[nodiscard]] std::string wantPath() const;
