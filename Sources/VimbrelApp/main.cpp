@@ -1,4 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "CommandLine.h"
+#include "UserLanguage.h"
 
-int main(int argc, char** argv) { return vimbrel::runCommandLine(argc, argv); }
+int main(int argc, char** argv) {
+  vimbrel::useUserLanguage();
+  return vimbrel::runCommandLine(argc, argv);
+}

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "Commands/ControlSession.h"
+#include "Say.h"
 #include "Support/ClosestMatch.h"
 
 namespace vimbrel {
@@ -22,8 +23,8 @@ std::shared_ptr<const AgentAdapter> chooseAgent(const std::string& name) {
     list += (list.empty() ? "" : ", ") + std::string(known.back());
   }
   const auto close = closestMatch(name, known);
-  (void)reportUsage("there is no agent " + name +
-                    (close ? "; did you mean " + std::string(*close) + "?" : "; the agents are " + list));
+  (void)reportUsage(close ? say("there is no agent %1; did you mean %2?", {name, *close})
+                          : say("there is no agent %1; the agents are %2", {name, list}));
   return nullptr;
 }
 

@@ -12,6 +12,7 @@
 #include "Commands/ControlSession.h"
 #include "Commands/ExitCode.h"
 #include "Control/ControlSocketPath.h"
+#include "Say.h"
 #include "Support/Subprocess.h"
 #include "Terminal/DisplayText.h"
 #include "Terminal/StatusView.h"
@@ -70,10 +71,12 @@ json sessionIn(const json& state, const std::string& id) {
 }
 
 std::string problemOf(const std::expected<SubprocessResult, SubprocessFault>& run, const std::string& relay) {
-  if (!run) return "the command line could not be run, or did not end in 3 seconds";
-  if (run->exitStatus == 126 || run->exitStatus == 127) return relay + " cannot be run";
-  if (run->exitStatus != 0) return "the relay ended with status " + std::to_string(run->exitStatus);
-  return "the relay ran, but nothing arrived within 3 seconds; see: vimbrel doctor";
+  if (!run) return say("the command line could not be run, or did not end in 3 seconds");
+  if (run->exitStatus == 126 || run->exitStatus == 127) return say("%1 cannot be run", {relay});
+  if (run->exitStatus != 0) {
+    return say("the relay ended with status %1", {std::to_string(run->exitStatus)});
+  }
+  return say("the relay ran, but nothing arrived within 3 seconds; see: vimbrel doctor");
 }
 
 }  // namespace
@@ -107,22 +110,21 @@ int agentTestCommand(const std::string& agent, const std::string& relay, Output 
                {"session", session},
                {"statusDescription", isReceived ? json(decision) : json(nullptr)}});
   } else {
-    std::printf("As %s would:\n  $ %s\n", std::string(displayName(adapter->agentType())).c_str(),
-                displayable(trial.commandLine).c_str());
+    printLines({say("As %1 would:", {retell(displayName(adapter->agentType()))}),
+                "  $ " + displayable(trial.commandLine)});
     if (!trial.standardInput.empty()) {
-      std::printf("  with on its input: %s", trial.standardInput.c_str());
+      std::printf("  %s", say("with on its input: %1", {trial.standardInput}).c_str());
     }
     if (isReceived) {
-      std::puts("\nreceived; while it was there, Vimbrel had this session:\n");
+      printLines({"", say("received; while it was there, Vimbrel had this session:"), ""});
       printLines(sessionLines(json::array({session}), outputWidth(STDOUT_FILENO),
                               Palette::forDescriptor(STDOUT_FILENO), currentTime()));
-      std::printf("\n%s\n", displayable(decision).c_str());
+      printLines({"", displayable(retell(decision))});
     }
   }
   if (isReceived) return exitCode::done;
   std::fflush(stdout);
-  std::fprintf(stderr, "vimbrel: %s\n", problemOf(run, displayable(relay)).c_str());
-  return exitCode::failed;
+  return reportProblem(problemOf(run, displayable(relay)));
 }
 
 }  // namespace vimbrel

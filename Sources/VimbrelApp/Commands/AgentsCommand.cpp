@@ -3,14 +3,15 @@
 
 #include <cmath>
 #include <cstdio>
-#include <cstdlib>
 #include <nlohmann/json.hpp>
 
+#include "Commands/AgentOverview.h"
 #include "Commands/Commands.h"
 #include "Commands/ControlSession.h"
 #include "Commands/ExitCode.h"
-#include "Control/AgentDocuments.h"
-#include "Control/ControlSocketPath.h"
+#include "Domain/AgentState.h"
+#include "Domain/AgentType.h"
+#include "Say.h"
 #include "Support/DurationText.h"
 #include "Terminal/StatusView.h"
 #include "Terminal/Table.h"
@@ -18,59 +19,31 @@
 namespace vimbrel {
 
 using nlohmann::json;
-using nlohmann::ordered_json;
 
 namespace {
 
-/// This shell's variables, because a running application may know fewer places.
-json callersEnvironment() {
-  json environment = json::object();
-  for (const auto* name : AgentEnvironment::variableNames()) {
-    if (const char* value = std::getenv(name)) environment[name] = value;
-  }
-  return environment;
-}
-
-/// The overview, from the running application or, without one, by looking from here.
-std::expected<json, int> overview() {
-  auto client = ControlClient::connect(controlSocketPath());
-  if (client) {
-    auto answer = client->call("agents", {{"environment", callersEnvironment()}});
-    if (!answer) return std::unexpected(reportFailure(answer.error()));
-    return answer->value("agents", json::array());
-  }
-  if (client.error().fault != ControlClientError::Fault::notRunning) {
-    return std::unexpected(reportFailure(client.error()));
-  }
-  std::fputs(
-      "vimbrel: Vimbrel is not running, so nothing is known of what runs and what reported. Start it "
-      "with: vimbrel run\n",
-      stderr);
-  return json(agentsDocument(AgentRegistry(AgentEnvironment::fromProcess()), {}));
-}
-
 std::string lastEventText(const json& agent, Instant now) {
   const auto at = agent.find("lastEventAt");
-  if (at == agent.end() || !at->is_string()) return "never";
+  if (at == agent.end() || !at->is_string()) return say("never");
   const auto when = parseIso8601(at->get<std::string>());
   if (!when) return "?";
   const auto state = agentStateFromRawValue(agent.value("lastEventState", ""));
-  const auto ago = now - *when < Seconds(1) ? "just now" : formatDuration(now - *when) + " ago";
-  return (state ? std::string(displayLabel(*state)) + ", " : std::string{}) + ago;
+  const auto ago = now - *when < Seconds(1) ? say("just now") : say("%1 ago", {formatDuration(now - *when)});
+  return state ? retell(displayLabel(*state)) + ", " + ago : ago;
 }
 
 std::string integrationText(const json& agent) {
   const auto type = integrationTypeFromRawValue(agent.value("integrationType", ""));
-  return type ? std::string(displayName(*type)) : std::string("?");
+  return type ? retell(displayName(*type)) : std::string("?");
 }
 
 std::string statusText(const json& agent) {
-  auto text = agent.value("statusMessage", "");
+  auto text = retell(agent.value("statusMessage", ""));
   // The status of an agent that is watched by its process says nothing of the hooks it may have too.
   const auto type = agent.value("integrationType", "");
   const auto files = agent.value("configuredIn", json::array());
   if (type == rawValue(IntegrationType::process) && !files.empty()) {
-    text += "; hooks in " + files[0].get<std::string>();
+    text = say("%1; hooks in %2", {text, files[0].get<std::string>()});
   }
   return text;
 }
@@ -83,17 +56,17 @@ Tone toneOf(const json& agent) {
 }  // namespace
 
 int agentsCommand(Output output) {
-  const auto agents = overview();
+  const auto agents = agentOverview();
   if (!agents) return agents.error();
   if (output == Output::json) {
     printJson(*agents);
     return exitCode::done;
   }
-  Table table({"AGENT", "VERSION", "INTEGRATION", "STATUS", "LAST EVENT"});
+  Table table({say("AGENT"), say("VERSION"), say("INTEGRATION"), say("STATUS"), say("LAST EVENT")});
   const auto now = currentTime();
   for (const auto& agent : *agents) {
-    table.addRow({{agent.value("displayName", "")},
-                  {agent.value("agentVersion", "-")},
+    table.addRow({{retell(agent.value("displayName", ""))},
+                  {retell(agent.value("agentVersion", "-"))},
                   {integrationText(agent)},
                   {statusText(agent), toneOf(agent)},
                   {lastEventText(agent, now)}});

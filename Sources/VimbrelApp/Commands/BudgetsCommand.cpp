@@ -13,6 +13,8 @@
 #include "Commands/ExitCode.h"
 #include "Domain/AgentType.h"
 #include "Domain/BudgetIntelligence.h"
+#include "Say.h"
+#include "Support/DollarText.h"
 #include "Terminal/DisplayText.h"
 #include "Terminal/Table.h"
 #include "Terminal/TerminalSize.h"
@@ -23,22 +25,15 @@ using nlohmann::json;
 
 namespace {
 
-std::string dollars(double amount) {
-  char text[48];
-  std::snprintf(text, sizeof text, "$%.2f", amount);
-  return text;
-}
-
 std::string percentLeft(const json& metric) {
-  if (metric.value("type", "") != "known") return metric.value("reason", "unknown");
-  auto text = std::to_string(std::lround(metric.at("value").value("percentageRemaining", 0.0))) + " %";
-  if (metric.value("source", "") == "status-line") text += " (measured)";
-  return text;
+  if (metric.value("type", "") != "known") return retell(metric.value("reason", "unknown"));
+  const auto text = std::to_string(std::lround(metric.at("value").value("percentageRemaining", 0.0))) + " %";
+  return metric.value("source", "") == "status-line" ? say("%1 (measured)", {text}) : text;
 }
 
 std::string agentName(const json& document, const char* key) {
   const auto agent = agentTypeFromRawValue(document.value(key, ""));
-  return std::string(agent ? displayName(*agent) : "?");
+  return retell(agent ? displayName(*agent) : "?");
 }
 
 void printTable(const Table& table) {
@@ -46,48 +41,54 @@ void printTable(const Table& table) {
 }
 
 void printAgents(const json& budgets) {
-  Table table({"AGENT", "CONTEXT LEFT", "QUOTA LEFT", "RESETS", "COST", "ALERT"});
+  Table table(
+      {say("AGENT"), say("CONTEXT LEFT"), say("QUOTA LEFT"), say("RESETS"), say("COST"), say("ALERT")});
   for (const auto& report : budgets) {
     const auto& quota = report.at("quota");
     std::string resets;
     if (quota.value("type", "") == "known") resets = localTime(quota.at("value").value("resetsAt", ""));
     std::string cost;
     if (report.contains("cost")) {
-      cost = CostBudget{report["cost"].value("amountUSD", 0.0), report["cost"].value("isEstimated", true)}
-                 .formattedCost();
+      cost =
+          retell(CostBudget{report["cost"].value("amountUSD", 0.0), report["cost"].value("isEstimated", true)}
+                     .formattedCost());
     }
-    table.addRow({{agentName(report, "agentType")},
-                  {percentLeft(report.at("context"))},
-                  {percentLeft(quota)},
-                  {resets},
-                  {cost},
-                  {report.contains("lowBudgetAlert") ? report["lowBudgetAlert"].value("message", "") : "",
-                   Tone::warning}});
+    table.addRow(
+        {{agentName(report, "agentType")},
+         {percentLeft(report.at("context"))},
+         {percentLeft(quota)},
+         {resets},
+         {cost},
+         {report.contains("lowBudgetAlert") ? retell(report["lowBudgetAlert"].value("message", "")) : "",
+          Tone::warning}});
   }
   printTable(table);
 }
 
 void printMoney(const json& standings) {
-  Table table({"BUDGET", "FOR", "SPENT", "OF", "USED", "FORECAST", "UNTIL"});
+  Table table({say("BUDGET"), sayAs("budget", "FOR"), say("SPENT"), sayAs("budget", "OF"), say("USED"),
+               say("FORECAST"), sayAs("budget", "UNTIL")});
   bool isIncomplete = false;
   for (const auto& standing : standings) {
     const double amount = standing.value("amountUSD", 0.0);
     const double used = standing.value("usedPercent", 0.0);
     const double forecast = standing.value("forecastUSD", 0.0);
-    std::string scope = standing.contains("agent") ? agentName(standing, "agent") : "all agents";
-    if (standing.contains("project")) scope += " in " + displayable(standing.value("project", ""));
+    std::string scope = standing.contains("agent") ? agentName(standing, "agent") : say("all agents");
+    if (standing.contains("project")) {
+      scope = say("%1 in %2", {scope, displayable(standing.value("project", ""))});
+    }
     const bool isUnpriced = standing.value("unpricedTokens", std::int64_t{0}) > 0;
     isIncomplete = isIncomplete || isUnpriced;
-    table.addRow({{standing.value("period", "")},
+    table.addRow({{retell(standing.value("period", ""))},
                   {scope},
-                  {dollars(standing.value("spentUSD", 0.0)) + (isUnpriced ? " *" : "")},
-                  {dollars(amount)},
+                  {dollarText(standing.value("spentUSD", 0.0)) + (isUnpriced ? " *" : "")},
+                  {dollarText(amount)},
                   {std::to_string(std::lround(used)) + " %", used >= 80 ? Tone::warning : Tone::plain},
-                  {dollars(forecast), forecast > amount ? Tone::warning : Tone::plain},
+                  {dollarText(forecast), forecast > amount ? Tone::warning : Tone::plain},
                   {localTime(standing.value("periodEnd", ""))}});
   }
   printTable(table);
-  if (isIncomplete) printLines({"* and models without a price: vimbrel usage models"});
+  if (isIncomplete) printLines({say("* and models without a price: vimbrel usage models")});
 }
 
 /// The parameters of the methods, or the exit status.
@@ -97,7 +98,7 @@ std::expected<json, int> paramsOf(const BudgetArguments& arguments) {
   if (!arguments.project.empty()) {
     std::error_code error;
     const auto path = std::filesystem::absolute(arguments.project, error);
-    if (error) return std::unexpected(reportUsage("there is no directory " + arguments.project));
+    if (error) return std::unexpected(reportUsage(say("there is no directory %1", {arguments.project})));
     params["project"] = path.lexically_normal().native();
   }
   return params;
@@ -118,12 +119,11 @@ int budgetsCommand(Output output) {
   if (!agents.empty() && !money.empty()) printLines({""});
   if (!money.empty()) printMoney(money);
   if (agents.empty() && money.empty()) {
-    printLines({"No agent has told of its budget yet. Money budgets: vimbrel budgets set daily 20"});
+    printLines({say("No agent has told of its budget yet. Money budgets: vimbrel budgets set daily 20")});
   }
   const auto problem = answer->value("problem", "");
   if (problem.empty()) return exitCode::done;
-  std::fprintf(stderr, "vimbrel: %s\n", displayable(problem).c_str());
-  return exitCode::failed;
+  return reportProblem(retell(problem));
 }
 
 int budgetsSetCommand(const BudgetArguments& arguments) {
@@ -134,7 +134,7 @@ int budgetsSetCommand(const BudgetArguments& arguments) {
   double amount = 0;
   const auto parsed = std::from_chars(text.data(), text.data() + text.size(), amount);
   if (parsed.ec != std::errc{} || parsed.ptr != text.data() + text.size() || !(amount > 0)) {
-    return reportUsage("the amount is a number of US dollars above 0, such as 20 or 7.50");
+    return reportUsage(say("the amount is a number of US dollars above 0, such as 20 or 7.50"));
   }
   (*params)["amountUSD"] = amount;
   const auto answer = ask("budgets.set", *params);
@@ -147,8 +147,7 @@ int budgetsRemoveCommand(const BudgetArguments& arguments) {
   const auto answer = ask("budgets.remove", *params);
   if (!answer) return answer.error();
   if (answer->value("removed", false)) return exitCode::done;
-  std::fputs("vimbrel: there is no such budget; vimbrel budgets lists them\n", stderr);
-  return exitCode::failed;
+  return reportProblem(say("there is no such budget; vimbrel budgets lists them"));
 }
 
 int budgetsCheckCommand(Output output) {
@@ -156,8 +155,7 @@ int budgetsCheckCommand(Output output) {
   if (!answer) return answer.error();
   if (const auto problem = answer->value("problem", ""); !problem.empty()) {
     // A script must not go on spending because a file could not be read.
-    std::fprintf(stderr, "vimbrel: %s\n", displayable(problem).c_str());
-    return exitCode::failed;
+    return reportProblem(retell(problem));
   }
   json over = json::array();
   for (const auto& standing : answer->at("money")) {

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "AgentMonitoring/Adapters/ExecutableDiscovery.h"
+#include "Say.h"
 #include "Support/Fd.h"
 
 extern char** environ;
@@ -72,9 +73,18 @@ bool feed(const std::string& path, const ClipboardProgram& program, const std::s
   posix_spawn_file_actions_adddup2(&actions, theirs.get(), STDIN_FILENO);
   posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
   posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
+  // What stays behind must end as its user's other programs do, whatever this one holds back.
+  posix_spawnattr_t attributes;
+  posix_spawnattr_init(&attributes);
+  sigset_t none;
+  sigemptyset(&none);
+  posix_spawnattr_setsigmask(&attributes, &none);
+  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK);
   pid_t pid = 0;
-  const bool isStarted = ::posix_spawn(&pid, path.c_str(), &actions, nullptr, arguments.data(), environ) == 0;
+  const bool isStarted =
+      ::posix_spawn(&pid, path.c_str(), &actions, &attributes, arguments.data(), environ) == 0;
   posix_spawn_file_actions_destroy(&actions);
+  posix_spawnattr_destroy(&attributes);
   if (!isStarted) return false;
   theirs.reset();
   const bool isWritten = writeAll(ours.get(), text);
@@ -126,10 +136,10 @@ std::expected<std::string, std::string> copyToClipboard(const std::string& text)
     const auto path = findExecutable(searchPath, program.name);
     if (path && feed(*path, program, text)) return program.name;
   }
-  if (askTerminal(text)) return "the terminal";
-  if (isSet("WAYLAND_DISPLAY")) return std::unexpected("nothing here can copy; install wl-clipboard");
-  if (isSet("DISPLAY")) return std::unexpected("nothing here can copy; install xclip");
-  return std::unexpected("there is no clipboard here: neither a display nor a terminal");
+  if (askTerminal(text)) return say("the terminal");
+  if (isSet("WAYLAND_DISPLAY")) return std::unexpected(say("nothing here can copy; install wl-clipboard"));
+  if (isSet("DISPLAY")) return std::unexpected(say("nothing here can copy; install xclip"));
+  return std::unexpected(say("there is no clipboard here: neither a display nor a terminal"));
 }
 
 }  // namespace vimbrel

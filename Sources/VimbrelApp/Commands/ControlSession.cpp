@@ -8,6 +8,7 @@
 #include "Commands/ExitCode.h"
 #include "Control/ControlSocketPath.h"
 #include "Control/RpcError.h"
+#include "Say.h"
 #include "Support/Clock.h"
 #include "Terminal/DisplayText.h"
 
@@ -24,24 +25,35 @@ std::expected<json, int> ask(std::string_view method, const json& params, std::c
 }
 
 int reportFailure(const ControlClientError& error) {
-  const auto text = displayable(error.text);
   if (error.fault == ControlClientError::Fault::notRunning) {
-    std::fprintf(stderr, "vimbrel: Vimbrel is not running. Start it with: vimbrel run\n");
+    (void)reportProblem(say("Vimbrel is not running. Start it with: vimbrel run"));
     return exitCode::notRunning;
   }
-  std::fprintf(stderr, "vimbrel: %s\n", text.c_str());
+  (void)reportProblem(retell(error.text));
   if (error.fault == ControlClientError::Fault::refused) {
     if (error.code == static_cast<int>(RpcFault::methodNotFound)) {
-      std::fprintf(stderr, "The running Vimbrel is of another version. Start it anew with: vimbrel run\n");
+      std::fprintf(stderr, "%s\n",
+                   say("The running Vimbrel is of another version. Start it anew with: vimbrel run").c_str());
     }
     if (error.code == static_cast<int>(RpcFault::invalidParams)) return exitCode::usage;
   }
   return exitCode::failed;
 }
 
+int reportProblem(const std::string& problem) {
+  std::fprintf(stderr, "vimbrel: %s\n", displayable(problem).c_str());
+  return exitCode::failed;
+}
+
 int reportUsage(const std::string& message) {
-  std::fprintf(stderr, "vimbrel: %s\n", displayable(message).c_str());
+  (void)reportProblem(message);
   return exitCode::usage;
+}
+
+bool isYes(const std::string& answer) {
+  const auto letter = sayAs("answer", "y");
+  return answer == "y" || answer == "Y" || answer == "yes" || answer == letter ||
+         answer == sayAs("answer", "Y") || answer == sayAs("answer", "yes");
 }
 
 void printJson(const json& document) {

@@ -20,8 +20,13 @@ namespace vimbrel {
 
 /// Says on standard error what went wrong and what to do; returns the exit status.
 int reportFailure(const ControlClientError& error);
+/// Says on standard error what is wrong; returns the exit status of a failure.
+int reportProblem(const std::string& problem);
 /// The same for a command line that cannot be meant.
 int reportUsage(const std::string& message);
+
+/// Whether that answers a question with yes, in English or in the user's language.
+[[nodiscard]] bool isYes(const std::string& answer);
 
 void printJson(const nlohmann::json& document);
 void printLines(const std::vector<std::string>& lines);

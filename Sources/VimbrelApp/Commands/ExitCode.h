@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "Say.h"
+
 namespace vimbrel {
 
 /// What a command ends with (docs/command-line.md).
@@ -13,13 +15,13 @@ inline constexpr int notRunning = 3;
 /// What `--help`, the manual and the tests say of each.
 struct Meaning {
   int status;
-  const char* meaning;
+  const char* meaning;  ///< English, marked for `say`
 };
 inline constexpr Meaning meanings[] = {
-    {done, "done"},
-    {failed, "the answer is no, or the operation failed"},
-    {usage, "wrong usage: an unknown command, option, setting or value"},
-    {notRunning, "the application is not running"},
+    {done, toSay("done")},
+    {failed, toSay("the answer is no, or the operation failed")},
+    {usage, toSay("wrong usage: an unknown command, option, setting or value")},
+    {notRunning, toSay("the application is not running")},
 };
 }  // namespace exitCode
 

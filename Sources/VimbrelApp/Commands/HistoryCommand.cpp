@@ -6,6 +6,7 @@
 #include "Commands/Commands.h"
 #include "Commands/ControlSession.h"
 #include "Commands/ExitCode.h"
+#include "Say.h"
 #include "Support/CalendarDay.h"
 #include "Terminal/HistoryView.h"
 #include "Terminal/TerminalSize.h"
@@ -40,9 +41,9 @@ int historyCommand(const std::string& since, const std::string& until, Output ou
   const auto from = since.empty() ? startOfLocalDay(sys_days{localDay(now)} - shownDays + days{1})
                                   : momentOf(since, days{0});
   const auto to = until.empty() ? now : momentOf(until, days{1});
-  if (!from) return reportUsage("--since takes a day such as 2026-01-31, or an ISO 8601 time");
-  if (!to) return reportUsage("--until takes a day such as 2026-01-31, or an ISO 8601 time");
-  if (*to < *from) return reportUsage("--until is before --since");
+  if (!from) return reportUsage(say("--since takes a day such as 2026-01-31, or an ISO 8601 time"));
+  if (!to) return reportUsage(say("--until takes a day such as 2026-01-31, or an ISO 8601 time"));
+  if (*to < *from) return reportUsage(say("--until is before --since"));
   params["since"] = formatIso8601(*from, true);
   params["until"] = formatIso8601(*to, true);
   const auto answer = ask("history", params);

@@ -19,6 +19,7 @@
 #include "Commands/ExitCode.h"
 #include "Control/ControlClient.h"
 #include "Control/ControlSocketPath.h"
+#include "Say.h"
 #include "Support/DurationText.h"
 #include "Support/Fd.h"
 #include "Terminal/DisplayText.h"
@@ -38,15 +39,13 @@ using SteadyClock = std::chrono::steady_clock;
 constexpr int exitCannotRun = 126;
 constexpr int exitNotFound = 127;
 
-void say(const std::string& sentence) {
-  std::fprintf(stderr, "vimbrel: %s\n", displayable(sentence).c_str());
-}
+void tell(const std::string& problem) { (void)reportProblem(problem); }
 
 /// Tells the user what the answer to "holdWhile" means for the command, as far as it is not what was asked.
 void reportHold(const json& state, bool lid) {
   if (!state.value("isHolding", false)) {
-    say("the machine is NOT held: " + state.value("statusDescription", std::string("unknown")) +
-        "; the command runs all the same");
+    tell(say("the machine is NOT held: %1; the command runs all the same",
+             {retell(state.value("statusDescription", "?"))}));
     return;
   }
   const auto closedLid = state.find("closedLid");
@@ -54,7 +53,9 @@ void reportHold(const json& state, bool lid) {
   const auto helper = closedLid->find("helper");
   const bool missing =
       helper != closedLid->end() && helper->is_object() && !helper->value("isHelperInstalled", true);
-  if (missing) say("closing the lid still suspends the machine: no helper is installed; see: vimbrel status");
+  if (missing) {
+    tell(say("closing the lid still suspends the machine: no helper is installed; see: vimbrel status"));
+  }
 }
 
 /// The hold of one command: as long as its connection.
@@ -116,7 +117,7 @@ std::expected<pid_t, int> start(const std::vector<std::string>& command, const s
   const int code = ::posix_spawnp(&pid, argv[0], nullptr, &attributes, argv.data(), environ);
   posix_spawnattr_destroy(&attributes);
   if (code == 0) return pid;
-  say("cannot run " + command[0] + ": " + std::strerror(code));
+  tell(say("cannot run %1: %2", {command[0], retell(std::strerror(code))}));
   return std::unexpected(code == ENOENT ? exitNotFound : exitCannotRun);
 }
 
@@ -145,12 +146,12 @@ int waitFor(pid_t command, Hold& hold, int signals) {
     if (!isOver && hold.left() <= 0s) {
       isOver = true;
       hold.end();
-      say("the time of the hold is up; the command goes on without it");
+      tell(say("the time of the hold is up; the command goes on without it"));
     } else if (!isOver && (watched[1].revents != 0)) {
       hold.end();
-      say("Vimbrel went away; the command goes on, and is held again when Vimbrel is back");
+      tell(say("Vimbrel went away; the command goes on, and is held again when Vimbrel is back"));
     } else if (!isOver && !hold.isHeld() && hold.beginAgain()) {
-      say("Vimbrel is back and holds the command again");
+      tell(say("Vimbrel is back and holds the command again"));
     }
   }
 }
@@ -164,8 +165,8 @@ std::string nameOf(const std::string& program) {
 
 int holdWhileCommand(const std::string& duration, bool lid, const std::vector<std::string>& command) {
   const auto length = parseDuration(duration);
-  if (!length) return reportUsage(length.error());
-  if (*length <= 0s) return reportUsage("a hold needs a time, such as 45m");
+  if (!length) return reportUsage(retell(length.error()));
+  if (*length <= 0s) return reportUsage(say("a hold needs a time, such as 45m"));
   // The arguments stay here: they may hold what is nobody's business.
   Hold hold(nameOf(command[0]), currentTime() + *length, lid);
   if (const auto failed = hold.begin()) return *failed;
@@ -180,8 +181,7 @@ int holdWhileCommand(const std::string& duration, bool lid, const std::vector<st
   ::sigprocmask(SIG_BLOCK, &mask, &original);
   const Fd signals(::signalfd(-1, &mask, SFD_NONBLOCK | SFD_CLOEXEC));
   if (!signals) {
-    say(std::string("cannot watch the command: ") + std::strerror(errno));
-    return exitCode::failed;
+    return reportProblem(say("cannot watch the command: %1", {retell(std::strerror(errno))}));
   }
   const auto started = start(command, original);
   if (!started) return started.error();

@@ -6,6 +6,7 @@
 #include "Commands/Commands.h"
 #include "Commands/ControlSession.h"
 #include "Commands/ExitCode.h"
+#include "Say.h"
 #include "Support/DurationText.h"
 #include "Terminal/DisplayText.h"
 #include "Terminal/StatusView.h"
@@ -41,10 +42,10 @@ std::optional<Instant> nextTimeOfDay(const std::string& text, Instant now) {
 int reportState(const std::expected<json, int>& state) {
   if (!state) return state.error();
   const auto description = state->value("statusDescription", std::string{});
-  std::string line = displayable(description);
+  std::string line = displayable(retell(description));
   if (const auto until = state->find("pauseUntil"); until != state->end() && until->is_string()) {
     if (const auto moment = parseIso8601(until->get<std::string>())) {
-      line += ", until " + localTime(*moment, currentTime());
+      line = say("%1, until %2", {line, localTime(*moment, currentTime())});
     }
   }
   std::puts(line.c_str());
@@ -57,12 +58,12 @@ int pauseCommand(const std::vector<std::string>& when) {
   const auto now = currentTime();
   if (when.size() == 2 && when[0] == "until") {
     const auto moment = nextTimeOfDay(when[1], now);
-    if (!moment) return reportUsage("\"" + when[1] + "\" is no time of day; write it like 14:00");
+    if (!moment) return reportUsage(say("\"%1\" is no time of day; write it like 14:00", {when[1]}));
     return reportState(ask("pause", {{"until", formatIso8601(*moment)}}));
   }
-  if (when.size() != 1) return reportUsage("pause takes a duration such as 45m, or: until 14:00");
+  if (when.size() != 1) return reportUsage(say("pause takes a duration such as 45m, or: until 14:00"));
   const auto duration = parseDuration(when[0]);
-  if (!duration) return reportUsage(duration.error());
+  if (!duration) return reportUsage(retell(duration.error()));
   return reportState(ask("pause", {{"seconds", duration->count()}}));
 }
 

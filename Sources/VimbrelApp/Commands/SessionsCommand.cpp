@@ -6,6 +6,7 @@
 #include "Commands/Commands.h"
 #include "Commands/ControlSession.h"
 #include "Commands/ExitCode.h"
+#include "Say.h"
 #include "Terminal/StatusView.h"
 
 namespace vimbrel {
@@ -20,7 +21,7 @@ int sessionsCommand(Output output) {
   const auto lines =
       sessionLines(answer->value("sessions", nlohmann::json::array()), outputWidth(STDOUT_FILENO),
                    Palette::forDescriptor(STDOUT_FILENO), currentTime());
-  printLines(lines.empty() ? std::vector<std::string>{"No agents"} : lines);
+  printLines(lines.empty() ? std::vector<std::string>{say("No agents")} : lines);
   return exitCode::done;
 }
 

@@ -7,6 +7,7 @@
 #include "Commands/Commands.h"
 #include "Commands/ControlSession.h"
 #include "Commands/ExitCode.h"
+#include "Say.h"
 #include "Terminal/DisplayText.h"
 #include "Terminal/Table.h"
 #include "Terminal/TerminalSize.h"
@@ -24,22 +25,22 @@ std::string text(const json& object, const char* key) {
 
 std::string withUnit(const json& setting) {
   const auto unit = text(setting, "unit");
-  return text(setting, "text") + (unit.empty() ? "" : " " + unit);
+  return text(setting, "text") + (unit.empty() ? "" : " " + retell(unit));
 }
 
 void printTable(const json& list) {
-  Table table({"SETTING", "VALUE", "MEANING"});
+  Table table({say("SETTING"), say("VALUE"), say("MEANING")});
   for (const auto& setting : list.value("settings", json::array())) {
     if (!setting.is_object()) continue;
     const bool isDefault = setting.value("isDefault", false);
     table.addRow({{text(setting, "key"), Tone::strong},
                   {withUnit(setting), isDefault ? Tone::plain : Tone::warning},
-                  {text(setting, "help"), Tone::dim}});
+                  {retell(text(setting, "help")), Tone::dim}});
   }
   printLines(table.lines(outputWidth(STDOUT_FILENO), Palette::forDescriptor(STDOUT_FILENO)));
   for (const auto& warning : list.value("warnings", json::array())) {
     if (warning.is_string()) {
-      std::fprintf(stderr, "vimbrel: %s\n", displayable(warning.get<std::string>()).c_str());
+      (void)reportProblem(retell(warning.get<std::string>()));
     }
   }
 }

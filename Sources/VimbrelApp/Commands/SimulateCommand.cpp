@@ -9,6 +9,7 @@
 #include "Commands/Commands.h"
 #include "Commands/ControlSession.h"
 #include "Commands/ExitCode.h"
+#include "Say.h"
 #include "Simulate/ScenarioRun.h"
 #include "Support/AtomicFile.h"
 #include "Support/Log.h"
@@ -44,13 +45,14 @@ Tone toneOf(ScenarioEvent::Kind kind) {
 }
 
 int failed(const std::string& file, const std::string& problem) {
-  std::fprintf(stderr, "vimbrel: %s: %s\n", displayable(file).c_str(), displayable(problem).c_str());
-  return exitCode::failed;
+  return reportProblem(file + ": " + problem);
 }
 
 }  // namespace
 
 int simulateCommand(const std::string& file, Output output) {
+  // What a scenario prints is compared with what it printed before.
+  const InEnglish english;
   const auto text = readFile(file, maximumScenarioBytes);
   if (!text) return failed(file, text.error().text());
   const auto scenario = parseScenario(*text);

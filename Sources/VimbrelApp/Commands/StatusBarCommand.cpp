@@ -10,6 +10,7 @@
 #include "Commands/ControlSession.h"
 #include "Commands/ExitCode.h"
 #include "Control/ControlSocketPath.h"
+#include "Say.h"
 #include "Terminal/StatusBarLine.h"
 
 namespace vimbrel {
@@ -72,7 +73,7 @@ class Follower {
 
 int statusBarCommand(const std::string& formatName, bool follow, Output output) {
   const auto format = statusBarFormatFromName(formatName.empty() ? "plain" : formatName);
-  if (!format) return reportUsage("--format takes plain, waybar, i3blocks or polybar");
+  if (!format) return reportUsage(say("--format takes plain, waybar, i3blocks or polybar"));
   const auto line = [format, output](const json* state) {
     if (output == Output::json) return state == nullptr ? std::string("null") : state->dump();
     return state == nullptr ? stoppedBarLine(*format) : statusBarLine(*state, *format, currentTime());

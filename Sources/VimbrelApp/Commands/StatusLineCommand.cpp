@@ -14,6 +14,9 @@
 #include "Commands/ControlSession.h"
 #include "Commands/ExitCode.h"
 #include "Control/ControlSocketPath.h"
+#include "DateWords.h"
+#include "Say.h"
+#include "Support/DollarText.h"
 #include "Support/StrictJson.h"
 #include "Terminal/DisplayText.h"
 
@@ -89,9 +92,9 @@ std::string clockTime(double unixTime) {
   std::tm broken{};
   localtime_r(&time, &broken);
   char shown[32];
-  std::strftime(shown, sizeof shown, unixTime - unixSeconds(currentTime()) > 86400 ? "%a %H:%M" : "%H:%M",
-                &broken);
-  return shown;
+  std::strftime(shown, sizeof shown, "%H:%M", &broken);
+  if (unixTime - unixSeconds(currentTime()) <= 86400) return shown;
+  return weekdayName(std::chrono::weekday(static_cast<unsigned>(broken.tm_wday))) + " " + shown;
 }
 
 /// Hands the application what was measured, and asks what today has cost. Nothing without an application.
@@ -111,8 +114,8 @@ std::optional<double> reportTo(const std::string& socket, const json& measured) 
 int statusLineCommand() {
   if (::isatty(STDIN_FILENO) != 0) {
     return reportUsage(
-        "statusline is run by Claude Code: give \"statusLine\": {\"type\": \"command\", "
-        "\"command\": \"vimbrel statusline\"} in its settings (docs/usage.md)");
+        say("statusline is run by Claude Code: give \"statusLine\": {\"type\": \"command\", "
+            "\"command\": \"vimbrel statusline\"} in its settings (docs/usage.md)"));
   }
   const auto parsed = parseJson(standardInput());
   const json document = parsed.value_or(json::object());
@@ -133,27 +136,25 @@ int statusLineCommand() {
   if (const auto used = number(member(context, "used_percentage"))) {
     measured["contextUsedPercent"] = *used;
     if (window && *window >= 1 && *window <= 1e12) measured["contextWindow"] = std::llround(*window);
-    append(percent(100 - *used) + " context left");
+    append(say("%1 context left", {percent(100 - *used)}));
   }
   const auto cost = number(member(member(&document, "cost"), "total_cost_usd"));
   if (cost) measured["costUSD"] = *cost;
   if (const auto quota = tightestQuota(document)) {
     measured["quotaUsedPercent"] = quota->usedPercent;
     measured["quotaWindowMinutes"] = quota->windowMinutes;
-    auto part = percent(100 - quota->usedPercent) + " quota left";
+    const auto left = percent(100 - quota->usedPercent);
     if (quota->resetsAt) {
       measured["quotaResetsAt"] = *quota->resetsAt;
-      part += " until " + clockTime(*quota->resetsAt);
+      append(say("%1 quota left until %2", {left, clockTime(*quota->resetsAt)}));
+    } else {
+      append(say("%1 quota left", {left}));
     }
-    append(part);
   }
-  char amount[48];
   if (const auto today = reportTo(controlSocketPath(), measured)) {
-    std::snprintf(amount, sizeof amount, "$%.2f today", *today);
-    append(amount);
+    append(say("%1 today", {dollarText(*today)}));
   } else if (cost) {
-    std::snprintf(amount, sizeof amount, "$%.2f session", *cost);
-    append(amount);
+    append(sayAs("cost of the", "%1 session", {dollarText(*cost)}));
   }
   std::puts(line.c_str());
   return exitCode::done;

@@ -12,6 +12,8 @@
 #include "Commands/ExitCode.h"
 #include "Domain/BudgetIntelligence.h"
 #include "Domain/RatesFile.h"
+#include "Say.h"
+#include "Support/DollarText.h"
 #include "Terminal/DisplayText.h"
 #include "Terminal/Table.h"
 #include "Terminal/TerminalSize.h"
@@ -26,11 +28,9 @@ std::string money(const json& summary) {
   const auto cost = summary.find("estimatedCostUSD");
   // A model without a price must not look as if it had been free.
   if (cost == summary.end() || !cost->is_number()) {
-    return summary.value("totalTokens", std::int64_t{0}) == 0 ? "-" : "unpriced";
+    return summary.value("totalTokens", std::int64_t{0}) == 0 ? "-" : say("unpriced");
   }
-  char text[64];
-  std::snprintf(text, sizeof text, "$%.2f", cost->get<double>());
-  return text;
+  return dollarText(cost->get<double>());
 }
 
 std::string tokens(const json& summary, const char* key) {
@@ -47,15 +47,16 @@ std::string bar(double share, std::size_t width) {
   return text + eighths[units % 8];
 }
 
-void printReport(const json& report, const char* keyTitle) {
+void printReport(const json& report, const std::string& keyTitle) {
   const auto& rows = report.at("rows");
   if (rows.empty()) {
-    printLines({"No usage recorded"});
+    printLines({say("No usage recorded")});
     return;
   }
   std::int64_t most = 1;
   for (const auto& row : rows) most = std::max(most, row.value("totalTokens", std::int64_t{0}));
-  Table table({keyTitle, "TOKENS", "INPUT", "OUTPUT", "CACHED", "COST", "TURNS", ""});
+  Table table(
+      {keyTitle, say("TOKENS"), say("INPUT"), say("OUTPUT"), say("CACHED"), say("COST"), say("TURNS"), ""});
   const auto add = [&](const std::string& key, const json& summary, const std::string& chart) {
     table.addRow({{key},
                   {tokens(summary, "totalTokens")},
@@ -71,7 +72,7 @@ void printReport(const json& report, const char* keyTitle) {
         static_cast<double>(row.value("totalTokens", std::int64_t{0})) / static_cast<double>(most);
     add(row.value("key", ""), row, bar(share, 16));
   }
-  add("total", report.at("total"), "");
+  add(say("total"), report.at("total"), "");
   printLines(table.lines(outputWidth(STDOUT_FILENO), Palette::forDescriptor(STDOUT_FILENO)));
 }
 
@@ -83,8 +84,8 @@ void printUnpriced(const json& report) {
     models += displayable(model.is_string() ? model.get<std::string>() : "?");
   }
   if (models.empty()) return;
-  printLines({"", "Unpriced, and in no cost: " + models + ".",
-              "Give them prices in " + ratesFile::defaultPath() + " (docs/usage.md)."});
+  printLines({"", say("Unpriced, and in no cost: %1.", {models}),
+              say("Give them prices in %1 (docs/usage.md).", {ratesFile::defaultPath()})});
 }
 
 }  // namespace
@@ -96,16 +97,17 @@ int usageTodayCommand(Output output) {
     printJson(*today);
     return exitCode::done;
   }
-  printLines({"Today: " + tokens(*today, "totalTokens") + " tokens, " + money(*today) + ", " +
-              std::to_string(today->value("sessionCount", 0)) + " sessions, " +
-              std::to_string(today->value("turnCount", 0)) + " turns"});
+  printLines({say("Today: %1 tokens, %2, %3, %4",
+                  {tokens(*today, "totalTokens"), money(*today),
+                   sayCount(today->value("sessionCount", 0), "%1 session", "%1 sessions"),
+                   sayCount(today->value("turnCount", 0), "%1 turn", "%1 turns")})});
   json rows = json::array();
   const auto byAgent = today->value("byAgent", json::object());
   for (const auto& [agent, summary] : byAgent.items()) {
     rows.push_back(summary);
     rows.back()["key"] = agent;
   }
-  if (!rows.empty()) printReport({{"rows", rows}, {"total", *today}}, "AGENT");
+  if (!rows.empty()) printReport({{"rows", rows}, {"total", *today}}, say("AGENT"));
   return exitCode::done;
 }
 
@@ -121,18 +123,18 @@ int usageReportCommand(const std::string& by, const UsageRange& range, Output ou
   if (output == Output::json) {
     printJson(*report);
   } else {
-    std::string title = by == "daily"      ? "DAY"
-                        : by == "weekly"   ? "WEEK"
-                        : by == "monthly"  ? "MONTH"
-                        : by == "sessions" ? "SESSION"
-                        : by == "models"   ? "MODEL"
-                        : by == "projects" ? "PROJECT"
-                                           : "FIVE HOURS FROM";
+    std::string title = by == "daily"      ? say("DAY")
+                        : by == "weekly"   ? say("WEEK")
+                        : by == "monthly"  ? say("MONTH")
+                        : by == "sessions" ? say("SESSION")
+                        : by == "models"   ? say("MODEL")
+                        : by == "projects" ? say("PROJECT")
+                                           : say("FIVE HOURS FROM");
     auto shown = *report;
     if (by == "blocks") {
       for (auto& row : shown["rows"]) row["key"] = localTime(row.value("key", ""));
     }
-    printReport(shown, title.c_str());
+    printReport(shown, title);
     printUnpriced(*report);
   }
   return exitCode::done;
@@ -151,12 +153,12 @@ int usageExportCommand(const std::string& format) {
 int usageResetCommand(bool confirmed) {
   if (!confirmed) {
     if (::isatty(STDIN_FILENO) == 0)
-      return reportUsage("usage reset asks first; without a terminal, give --yes");
-    std::printf("Forget every recorded use of every agent? Their own logs stay. [y/N] ");
+      return reportUsage(say("usage reset asks first; without a terminal, give --yes"));
+    std::printf("%s ", say("Forget every recorded use of every agent? Their own logs stay. [y/N]").c_str());
     std::fflush(stdout);
     std::string line;
     std::getline(std::cin, line);
-    if (line != "y" && line != "Y" && line != "yes") return exitCode::failed;
+    if (!isYes(line)) return exitCode::failed;
   }
   const auto answer = ask("usage.reset", json::object());
   return answer ? exitCode::done : answer.error();
@@ -169,7 +171,8 @@ int usageRatesCommand(Output output) {
     printJson(*answer);
     return exitCode::done;
   }
-  Table table({"MODEL", "INPUT", "OUTPUT", "CACHE READ", "CACHE WRITE", "REASONING", "CONTEXT"});
+  Table table({say("MODEL"), say("INPUT"), say("OUTPUT"), say("CACHE READ"), say("CACHE WRITE"),
+               say("REASONING"), say("CONTEXT")});
   const auto price = [](const json& row, const char* key) {
     char text[32];
     std::snprintf(text, sizeof text, "$%.4g", row.value(key, 0.0));
@@ -185,10 +188,10 @@ int usageRatesCommand(Output output) {
                   {row.contains("contextWindow") ? tokens(row, "contextWindow") : "-"}});
   }
   printLines(table.lines(outputWidth(STDOUT_FILENO), Palette::forDescriptor(STDOUT_FILENO)));
-  printLines({"", "US dollars for a million tokens. Your own: " + displayable(answer->value("file", ""))});
+  printLines(
+      {"", say("US dollars for a million tokens. Your own: %1", {displayable(answer->value("file", ""))})});
   const auto problem = answer->value("problem", "");
-  if (!problem.empty()) std::fprintf(stderr, "vimbrel: %s\n", displayable(problem).c_str());
-  return problem.empty() ? exitCode::done : exitCode::failed;
+  return problem.empty() ? exitCode::done : reportProblem(retell(problem));
 }
 
 }  // namespace vimbrel

@@ -10,6 +10,7 @@
 #include "Commands/Commands.h"
 #include "Commands/ControlSession.h"
 #include "Commands/ExitCode.h"
+#include "Say.h"
 #include "Terminal/TerminalSize.h"
 
 namespace vimbrel {
@@ -30,14 +31,15 @@ class ProgressBar {
     const auto share = inAll == 0 ? 0.0
                                   : static_cast<double>(state.value("bytesDone", std::uint64_t{0})) /
                                         static_cast<double>(inAll);
-    char figures[80];
-    std::snprintf(figures, sizeof figures, " %3.0f %%  %llu of %llu files", std::min(share, 1.0) * 100,
-                  state.value("filesDone", 0ULL), state.value("filesInAll", 0ULL));
+    char figures[32];
+    std::snprintf(figures, sizeof figures, " %3.0f %%  ", std::min(share, 1.0) * 100);
+    const auto files = say("%1 of %2 files", {std::to_string(state.value("filesDone", 0ULL)),
+                                              std::to_string(state.value("filesInAll", 0ULL))});
     const std::size_t width = std::clamp<std::size_t>(outputWidth(STDERR_FILENO), 60, 100) - 45;
     const auto filled = static_cast<std::size_t>(std::min(share, 1.0) * static_cast<double>(width));
-    std::string line = "\rReading ";
+    std::string line = "\r" + say("Reading") + " ";
     for (std::size_t i = 0; i < width; ++i) line += i < filled ? "█" : "░";
-    std::fputs((line + figures + "\033[K").c_str(), stderr);
+    std::fputs((line + figures + files + "\033[K").c_str(), stderr);
     std::fflush(stderr);
     isDrawn_ = true;
   }
@@ -74,17 +76,16 @@ int usageImportCommand(bool all, Output output) {
     printJson(latest);
   } else {
     const auto count = [&](const char* key) { return std::to_string(latest.value(key, std::uint64_t{0})); };
-    printLines({"Read " + count("filesRead") + " files (" +
-                std::to_string(latest.value("bytesRead", std::uint64_t{0}) / 1'000'000) + " MB); " +
-                count("filesUnchanged") + " had not changed. New: " + count("eventsRecorded") + " of " +
-                count("eventsFound") + " records."});
+    printLines(
+        {say("Read %1 files (%2 MB); %3 had not changed. New: %4 of %5 records.",
+             {count("filesRead"), std::to_string(latest.value("bytesRead", std::uint64_t{0}) / 1'000'000),
+              count("filesUnchanged"), count("eventsRecorded"), count("eventsFound")})});
   }
   const auto unread = latest.value("filesFailed", std::uint64_t{0});
   if (unread != 0) {
-    std::fprintf(stderr,
-                 "vimbrel: %llu files could not be read to their end; they are tried again next time\n",
-                 static_cast<unsigned long long>(unread));
-    return exitCode::failed;
+    return reportProblem(sayCount(static_cast<std::int64_t>(unread),
+                                  "%1 file could not be read to its end; it is tried again next time",
+                                  "%1 files could not be read to their end; they are tried again next time"));
   }
   return exitCode::done;
 }

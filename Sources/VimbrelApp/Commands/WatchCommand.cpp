@@ -11,6 +11,7 @@
 #include "Commands/ControlSession.h"
 #include "Commands/ExitCode.h"
 #include "Control/ControlSocketPath.h"
+#include "Say.h"
 #include "Terminal/LiveScreen.h"
 
 namespace vimbrel {
@@ -81,7 +82,7 @@ class Watch {
     } else if (state.error().fault == ControlClientError::Fault::disconnected) {
       fail(state.error());
     } else {
-      screen_.setNotice(state.error().text);
+      screen_.setNotice(retell(state.error().text));
     }
   }
 
@@ -104,7 +105,7 @@ class Watch {
 
   ControlClient client_;
   Fd signals_;
-  LiveScreen screen_{"q quit"};
+  LiveScreen screen_{say("q quit")};
   std::optional<int> result_;
   std::optional<ControlClientError> failure_;
 };
@@ -115,8 +116,7 @@ int watchCommand() {
   auto client = ControlClient::connect(controlSocketPath());
   if (!client) return reportFailure(client.error());
   if (!FullScreen::isPossible()) {
-    std::fputs("vimbrel: watch needs a terminal; for scripts use: vimbrel status --json\n", stderr);
-    return exitCode::failed;
+    return reportProblem(say("watch needs a terminal; for scripts use: vimbrel status --json"));
   }
   auto signals = blockSignals();
   if (const auto subscribed = client->call("subscribe", json::object()); !subscribed) {
@@ -129,7 +129,7 @@ int watchCommand() {
     status = watch.run();
     failure = watch.failure();
   }
-  if (failure) std::fputs("vimbrel: Vimbrel has ended\n", stderr);
+  if (failure) (void)reportProblem(say("Vimbrel has ended"));
   return status;
 }
 

@@ -18,9 +18,11 @@
 #include "Control/SettingsMethods.h"
 #include "Control/StatusMethods.h"
 #include "Control/UsageMethods.h"
-#include "InstalledRelay.h"
+#include "InstalledPrograms.h"
 #include "Run/HostPlatform.h"
+#include "Run/SpokenNotifications.h"
 #include "Run/UsageWiring.h"
+#include "Say.h"
 #include "Support/Directories.h"
 
 namespace vimbrel {
@@ -68,6 +70,7 @@ BackgroundProcess::BackgroundProcess(const RunOptions& options, std::string vers
                   .lastHookEvents = lastHookEvents_.get(),
                   .shortcut = &application_.shortcut()},
       server_(loop_.mainQueue(), clock_) {
+  card_ = usage_.card;
   tokens_.push_back(addStatusMethods(server_, controlled_));
   tokens_.push_back(addDeepHoldMethods(server_, controlled_));
   addSettingsMethods(server_, controlled_);
@@ -83,12 +86,17 @@ BackgroundProcess::BackgroundProcess(const RunOptions& options, std::string vers
 BackgroundProcess::~BackgroundProcess() { platform_.assertions->onMechanismsChanged = nullptr; }
 
 PlatformServices BackgroundProcess::choosePlatform() {
+  PlatformServices platform = simulated_.services();
   if (!options_.worldFile.empty()) {
     worldFile_.emplace(options_.worldFile, simulated_);
     worldFile_->watch(*loop_.mainQueue());
-    return simulated_.services();
+  } else {
+    platform = makeHostPlatform(loop_, platform);
   }
-  return makeHostPlatform(loop_, simulated_.services());
+  if (platform.notificationCenter) {
+    platform.notificationCenter = std::make_shared<SpokenNotifications>(platform.notificationCenter);
+  }
+  return platform;
 }
 
 std::shared_ptr<HookEventReceiving> BackgroundProcess::makeHookReceiver() {
@@ -117,16 +125,19 @@ std::expected<void, std::string> BackgroundProcess::start(const std::string& con
   application_.start();
   if (const auto started = server_.start(controlSocket); !started) {
     application_.stop();
-    return std::unexpected("cannot serve " + controlSocket + ": " + started.error().text());
+    return std::unexpected(say("cannot serve %1: %2", {controlSocket, retell(started.error().text())}));
   }
   if (platform_.assertions->isSimulated()) {
     logger_.info("Simulated: nothing keeps this machine awake");
-    std::fputs(options_.worldFile.empty() ? "vimbrel: nothing here can keep this machine awake, so holding "
-                                            "is SIMULATED; why: vimbrel doctor\n"
-                                          : "vimbrel: SIMULATED machine; nothing keeps this one awake\n",
-               stderr);
+    const auto remark =
+        options_.worldFile.empty()
+            ? say("nothing here can keep this machine awake, so holding is SIMULATED; why: vimbrel doctor")
+            : say("SIMULATED machine; nothing keeps this one awake");
+    std::fprintf(stderr, "vimbrel: %s\n", remark.c_str());
   }
-  if (const auto problem = simulated_.problem()) std::fprintf(stderr, "vimbrel: %s\n", problem->c_str());
+  if (const auto problem = simulated_.problem()) {
+    std::fprintf(stderr, "vimbrel: %s\n", retell(*problem).c_str());
+  }
   followSignals();
   startOutput();
   serviceManager_.ready(*loop_.mainQueue());
@@ -145,7 +156,7 @@ void BackgroundProcess::followSignals() {
 void BackgroundProcess::startOutput() {
   tokens_.push_back(application_.coordinator().stateChanged().subscribe([this] { showChange(); }));
   if (!options_.linesOnly && FullScreen::isPossible()) {
-    screen_ = std::make_unique<LiveScreen>("q stop Vimbrel");
+    screen_ = std::make_unique<LiveScreen>(say("q stop Vimbrel"));
     keys_ = loop_.mainQueue()->watchReadable(STDIN_FILENO, [this] { takeKeys(); });
     tokens_.push_back(loop_.onSignal(SIGWINCH, [this] { draw(); }));
     tokens_.push_back(loop_.onSignal(SIGTSTP, [this] {
@@ -185,7 +196,7 @@ void BackgroundProcess::takeKeys() {
     if (key == 'p' || key == 'P')
       written = coordinator.settings().pause(Seconds(LiveScreen::pauseKeySeconds));
     if (key == 'r' || key == 'R') written = coordinator.settings().resume();
-    screen_->setNotice(written ? "" : written.error().text);
+    screen_->setNotice(written ? "" : retell(written.error().text));
   }
   coordinator.evaluate();
   draw();

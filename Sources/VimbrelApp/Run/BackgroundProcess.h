@@ -49,6 +49,8 @@ class BackgroundProcess {
   const RunOptions options_;
   const Logger logger_{"coordinator"};
   const SystemClock clock_;
+  /// Tasks of the loop's threads read the prices, and may do so until the loop is gone.
+  std::shared_ptr<const ModelRateCard> card_;
   EventLoop loop_;
   SimulatedMachine simulated_;
   std::optional<SimulatedWorldFile> worldFile_;

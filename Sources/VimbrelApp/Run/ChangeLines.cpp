@@ -5,6 +5,7 @@
 #include <nlohmann/json.hpp>
 
 #include "Domain/AgentType.h"
+#include "Say.h"
 #include "Terminal/DisplayText.h"
 #include "Terminal/StatusView.h"
 
@@ -29,6 +30,8 @@ std::string agentsOf(const json& state) {
 }  // namespace
 
 std::optional<std::string> ChangeLines::next(const json& state, Instant now) {
+  // A log: services keep these lines in the journal, and scripts read them.
+  const InEnglish english;
   const auto line = state.value("statusDescription", std::string{}) + "; agents: " + agentsOf(state) +
                     "; held: " + heldSentence(state);
   std::string comparable = line;

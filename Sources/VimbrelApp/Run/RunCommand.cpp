@@ -8,11 +8,13 @@
 #include <csignal>
 #include <cstdio>
 
+#include "Commands/ControlSession.h"
 #include "Commands/ExitCode.h"
 #include "Control/ControlSocketPath.h"
 #include "Run/BackgroundProcess.h"
 #include "Run/HostPlatform.h"
 #include "Run/InstanceLock.h"
+#include "Say.h"
 #include "Support/Directories.h"
 #include "Support/Log.h"
 
@@ -21,13 +23,10 @@ namespace {
 
 int reportSecondInstance(const InstanceLockError& error) {
   if (error.holder) {
-    std::fprintf(stderr,
-                 "vimbrel: Vimbrel is already running (process %ld). See what it does with: vimbrel watch\n",
-                 *error.holder);
-  } else {
-    std::fprintf(stderr, "vimbrel: cannot make sure that Vimbrel runs once only: %s\n", error.text.c_str());
+    return reportProblem(say("Vimbrel is already running (process %1). See what it does with: vimbrel watch",
+                             {std::to_string(*error.holder)}));
   }
-  return exitCode::failed;
+  return reportProblem(say("cannot make sure that Vimbrel runs once only: %1", {retell(error.text)}));
 }
 
 }  // namespace
@@ -52,8 +51,7 @@ int runCommand(const RunOptions& options, const std::string& version) {
                         options.logDetails ? LogLevel::debug : LogLevel::info);
   BackgroundProcess process(options, version);
   if (const auto started = process.start(controlSocketPath()); !started) {
-    std::fprintf(stderr, "vimbrel: %s\n", started.error().c_str());
-    return exitCode::failed;
+    return reportProblem(started.error());
   }
   ::malloc_trim(0);
   process.run();
@@ -63,14 +61,11 @@ int runCommand(const RunOptions& options, const std::string& version) {
 int installServiceCommand() {
   const auto installed = installUserService();
   if (!installed) {
-    std::fprintf(stderr, "vimbrel: the service could not be installed: %s\n", installed.error().c_str());
-    return exitCode::failed;
+    return reportProblem(say("the service could not be installed: %1", {retell(installed.error())}));
   }
-  std::printf(
-      "Installed %s\nIt starts at the next login. To start it now:\n"
-      "  systemctl --user daemon-reload && systemctl --user start com.vimbrel.app\n"
-      "To remove it, while Vimbrel runs: vimbrel settings set launchAtLogin off\n",
-      installed->c_str());
+  printLines({say("Installed %1", {*installed}), say("It starts at the next login. To start it now:"),
+              "  systemctl --user daemon-reload && systemctl --user start com.vimbrel.app",
+              say("To remove it, while Vimbrel runs: vimbrel settings set launchAtLogin off")});
   return exitCode::done;
 }
 

@@ -117,6 +117,7 @@ class Reading {
       worldDocument_.merge_patch(*world);
       add(at, ScenarioStep::World{worldOf(where), world->dump()}, false);
     }
+    if (problem_) return;  // A charge needs a world to be in.
     if (const auto* battery = object.member("battery")) readBattery(*battery, times, where);
     for (const auto& [key, value] : step.items()) {
       constexpr std::array known{"at",    "every", "until",   "say",   "vimbrel", "settings",

@@ -7,8 +7,10 @@
 #include <cstdio>
 #include <nlohmann/json.hpp>
 
+#include "DateWords.h"
 #include "Domain/AgentType.h"
 #include "Domain/ProtectionEpisode.h"
+#include "Say.h"
 #include "Support/CalendarDay.h"
 #include "Support/DurationText.h"
 #include "Terminal/DisplayText.h"
@@ -84,13 +86,11 @@ std::string drawn(const DayLine& line, const Palette& palette) {
 }
 
 std::string nameOf(sys_days day) {
-  static constexpr std::array names{"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
   const year_month_day date{day};
   char text[32];
-  std::snprintf(text, sizeof text, "%s %04d-%02u-%02u", names.at(std::chrono::weekday{day}.c_encoding()),
-                static_cast<int>(date.year()), static_cast<unsigned>(date.month()),
-                static_cast<unsigned>(date.day()));
-  return text;
+  std::snprintf(text, sizeof text, " %04d-%02u-%02u", static_cast<int>(date.year()),
+                static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()));
+  return weekdayName(std::chrono::weekday{day}) + text;
 }
 
 void addDays(std::vector<std::string>& lines, const std::vector<ProtectionEpisode>& episodes,
@@ -119,26 +119,26 @@ std::string agentsOf(const ProtectionEpisode& episode) {
   std::string text;
   for (const auto& [agent, seconds] : episode.workingSeconds) {
     if (!text.empty()) text += ", ";
-    text += std::string(displayName(agent)) + " " + formatDuration(Seconds{seconds});
+    text += retell(displayName(agent)) + " " + formatDuration(Seconds{seconds});
   }
   if (!text.empty()) return text;
-  return episode.reasons.empty() ? "" : episode.reasons.front();
+  return episode.reasons.empty() ? "" : retell(episode.reasons.front());
 }
 
 std::string endingOf(const ProtectionEpisode& episode) {
   switch (episode.ending) {
     case EpisodeEnding::ongoing:
-      return "goes on";
+      return say("goes on");
     case EpisodeEnding::finished:
-      return "agents finished";
+      return say("agents finished");
     case EpisodeEnding::blocked:
-      return episode.block ? std::string(rawValue(*episode.block)) : "blocked";
+      return episode.block ? retell(rawValue(*episode.block)) : say("blocked");
     case EpisodeEnding::stopped:
-      return "Vimbrel was stopped";
+      return say("Vimbrel was stopped");
     case EpisodeEnding::interrupted:
       break;
   }
-  return "Vimbrel or the machine ended";
+  return say("Vimbrel or the machine ended");
 }
 
 std::string batteryOf(const ProtectionEpisode& episode) {
@@ -151,8 +151,8 @@ std::string batteryOf(const ProtectionEpisode& episode) {
 }
 
 std::string lidOf(const ProtectionEpisode& episode) {
-  if (episode.wasLidCovered) return "covered";
-  return episode.wasDeepHoldWanted ? "not covered" : "";
+  if (episode.wasLidCovered) return say("covered");
+  return episode.wasDeepHoldWanted ? say("not covered") : "";
 }
 
 }  // namespace
@@ -160,17 +160,18 @@ std::string lidOf(const ProtectionEpisode& episode) {
 std::vector<std::string> historyLines(const json& history, std::size_t width, const Palette& palette,
                                       Instant now) {
   const auto episodes = episodesOf(history);
-  if (episodes.empty()) return {"Nothing was protected in this time"};
+  if (episodes.empty()) return {say("Nothing was protected in this time")};
   std::vector<std::string> lines;
   addDays(lines, episodes, width, palette);
   lines.emplace_back();
 
-  Table table({"FROM", "FOR", "ENDED BY", "AT WORK", "BATTERY", "LID"});
+  Table table({sayAs("history", "FROM"), sayAs("history", "FOR"), say("ENDED BY"), say("AT WORK"),
+               say("BATTERY"), say("LID")});
   for (const auto& episode : episodes) {
     const bool isGood = episode.ending == EpisodeEnding::finished || episode.ending == EpisodeEnding::ongoing;
     auto duration = formatDuration(Seconds{episode.seconds()});
     if (episode.unheldSeconds >= 1) {
-      duration += " (not held for " + formatDuration(Seconds{episode.unheldSeconds}) + ")";
+      duration = say("%1 (not held for %2)", {duration, formatDuration(Seconds{episode.unheldSeconds})});
     }
     table.addRow({{localTime(episode.startedAt, now)},
                   {duration, episode.unheldSeconds >= 1 ? Tone::bad : Tone::plain},
@@ -183,16 +184,15 @@ std::vector<std::string> historyLines(const json& history, std::size_t width, co
   lines.emplace_back();
 
   const auto totals = totalsOf(episodes);
-  lines.push_back("Protected for " + formatDuration(Seconds{totals.protectedSeconds}) + " in " +
-                  std::to_string(totals.episodes) + (totals.episodes == 1 ? " episode" : " episodes") + "; " +
-                  std::to_string(totals.safetyCutoffs) +
-                  (totals.safetyCutoffs == 1 ? " safety cut-off" : " safety cut-offs"));
+  lines.push_back(sayCount(totals.episodes, "Protected for %2 in %1 episode",
+                           "Protected for %2 in %1 episodes",
+                           {formatDuration(Seconds{totals.protectedSeconds})}) +
+                  "; " + sayCount(totals.safetyCutoffs, "%1 safety cut-off", "%1 safety cut-offs"));
   std::string prevented;
   for (const auto& [agent, count] : totals.sleepsPrevented) {
-    prevented +=
-        (prevented.empty() ? "" : ", ") + std::string(displayName(agent)) + " " + std::to_string(count);
+    prevented += (prevented.empty() ? "" : ", ") + retell(displayName(agent)) + " " + std::to_string(count);
   }
-  if (!prevented.empty()) lines.push_back("Sleeps prevented: " + prevented);
+  if (!prevented.empty()) lines.push_back(say("Sleeps prevented: %1", {prevented}));
   return lines;
 }
 

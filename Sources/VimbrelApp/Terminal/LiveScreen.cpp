@@ -5,12 +5,13 @@
 
 #include <nlohmann/json.hpp>
 
+#include "Say.h"
 #include "Terminal/StatusView.h"
 
 namespace vimbrel {
 
 LiveScreen::LiveScreen(std::string quitKey)
-    : footer_(std::move(quitKey) + "  p pause 45 min  r resume"),
+    : footer_(std::move(quitKey) + "  " + say("p pause 45 min  r resume")),
       palette_(Palette::forDescriptor(STDOUT_FILENO)),
       state_(std::make_unique<nlohmann::json>(nlohmann::json::object())) {}
 

@@ -7,6 +7,8 @@
 #include <utility>
 #include <vector>
 
+#include "Say.h"
+#include "Support/MarkupText.h"
 #include "Terminal/DisplayText.h"
 #include "Terminal/StatusView.h"
 
@@ -72,28 +74,29 @@ BarContent contentOf(const json& state, Instant now) {
     if (!family.is_object()) continue;
     working += number(family, "workingSessionCount");
     waiting += number(family, "waitingSessionCount");
-    content.tooltip.push_back(text(family, "displayName") + ": " + text(family, "budgetSummaryLine"));
+    content.tooltip.push_back(retell(text(family, "displayName")) + ": " +
+                              retell(text(family, "budgetSummaryLine")));
   }
 
   content.mood = mood.empty() ? "idle" : mood;
   std::string agents;
-  if (working > 0) agents = std::to_string(working) + " working";
-  if (waiting > 0) agents += (agents.empty() ? "" : ", ") + std::to_string(waiting) + " waiting";
+  if (working > 0) agents = sayCount(working, "%1 working", "%1 working");
+  if (waiting > 0) agents += (agents.empty() ? "" : ", ") + sayCount(waiting, "%1 waiting", "%1 waiting");
   content.shortText = working + waiting > 0 ? std::to_string(working + waiting) : "";
   if (isUnheld) {
     content.mood = "unheld";
-    content.text = "NOT HELD";
+    content.text = say("NOT HELD");
   } else if (const auto until = parseIso8601(text(state, "pauseUntil"))) {
     content.mood = "paused";
-    content.text = "paused until " + localTime(*until, now);
-    content.shortText = "paused";
+    content.text = say("paused until %1", {localTime(*until, now)});
+    content.shortText = say("paused");
   } else if (part(state, "decision").contains("blocked")) {
-    content.text = text(part(state, "decision").at("blocked"), "block");
-    content.shortText = "blocked";
+    content.text = retell(text(part(state, "decision").at("blocked"), "block"));
+    content.shortText = say("blocked");
   } else if (!agents.empty()) {
     content.text = agents;
   } else {
-    content.text = holds ? "awake" : "idle";
+    content.text = holds ? say("awake") : say("idle");
   }
   if (content.shortText.empty()) content.shortText = content.text;
 
@@ -107,32 +110,16 @@ BarContent contentOf(const json& state, Instant now) {
   if (const auto seconds = description.find(" ("); description.contains("Release debounce")) {
     if (const auto at = description.find(" (", seconds + 1); at != std::string::npos) description.resize(at);
   }
-  content.tooltip.insert(content.tooltip.begin(), description);
+  content.tooltip.insert(content.tooltip.begin(), retell(description));
   for (const auto& alert : alerts) {
-    if (alert.is_object()) content.tooltip.push_back("! " + text(alert, "message"));
+    if (alert.is_object()) content.tooltip.push_back("! " + retell(text(alert, "message")));
   }
-  if (holds) content.tooltip.push_back("Held: " + heldSentence(state));
+  if (holds) content.tooltip.push_back(say("Held: %1", {heldSentence(state)}));
   if (text(part(state, "closedLid"), "cover") == "covered")
-    content.tooltip.emplace_back("The lid may be closed");
+    content.tooltip.push_back(say("The lid may be closed"));
   const auto& percent = part(part(state, "power"), "batteryPercent");
   if (percent.is_number()) content.percentage = percent.get<std::int64_t>();
   return content;
-}
-
-std::string escapedForPango(std::string_view text) {
-  std::string result;
-  for (const char c : text) {
-    if (c == '&') {
-      result += "&amp;";
-    } else if (c == '<') {
-      result += "&lt;";
-    } else if (c == '>') {
-      result += "&gt;";
-    } else {
-      result += c;
-    }
-  }
-  return result;
 }
 
 /// A per cent sign before a brace would begin a tag.
@@ -149,8 +136,8 @@ std::string lineOf(const BarContent& content, StatusBarFormat format) {
     case StatusBarFormat::waybar: {
       std::string tooltip;
       for (const auto& line : content.tooltip)
-        tooltip += (tooltip.empty() ? "" : "\n") + escapedForPango(line);
-      json object{{"text", escapedForPango(content.text)},
+        tooltip += (tooltip.empty() ? "" : "\n") + escapedForMarkup(line);
+      json object{{"text", escapedForMarkup(content.text)},
                   {"alt", content.mood},
                   {"tooltip", tooltip},
                   {"class", content.classes}};
@@ -181,11 +168,11 @@ std::string statusBarLine(const json& state, StatusBarFormat format, Instant now
 }
 
 std::string stoppedBarLine(StatusBarFormat format) {
-  return lineOf({.text = "off",
-                 .shortText = "off",
+  return lineOf({.text = sayAs("application", "off"),
+                 .shortText = sayAs("application", "off"),
                  .mood = "stopped",
                  .classes = {"stopped"},
-                 .tooltip = {"Vimbrel is not running"},
+                 .tooltip = {say("Vimbrel is not running")},
                  .percentage = {}},
                 format);
 }

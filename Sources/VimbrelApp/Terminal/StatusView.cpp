@@ -7,6 +7,7 @@
 
 #include "Domain/AgentState.h"
 #include "Domain/AgentType.h"
+#include "Say.h"
 #include "Support/DurationText.h"
 #include "Terminal/DisplayText.h"
 #include "Terminal/Table.h"
@@ -55,15 +56,16 @@ Tone toneOfSession(const std::string& sessionState) {
 
 std::string powerSentence(const json& state) {
   const auto& power = part(state, "power");
-  std::string result = flag(power, "isOnAC") ? "AC" : "battery";
+  std::string result = flag(power, "isOnAC") ? say("AC") : say("battery");
+  const auto add = [&](const std::string& part) { result += ", " + part; };
   if (const auto percent = power.find("batteryPercent"); percent != power.end() && percent->is_number()) {
-    result += ", " + std::to_string(percent->get<std::int64_t>()) + " %";
-    if (flag(power, "isCharging")) result += ", charging";
+    add(std::to_string(percent->get<std::int64_t>()) + " %");
+    if (flag(power, "isCharging")) add(say("charging"));
   }
   if (const auto left = power.find("timeRemainingMinutes"); left != power.end() && left->is_number()) {
-    result += ", " + formatDuration(Seconds(60.0 * left->get<double>())) + " left";
+    add(say("%1 left", {formatDuration(Seconds(60.0 * left->get<double>()))}));
   }
-  if (flag(power, "isLowPowerMode")) result += ", low-power mode";
+  if (flag(power, "isLowPowerMode")) add(say("low-power mode"));
   return result;
 }
 
@@ -82,16 +84,28 @@ std::string notHeldReason(const json& assertions) {
   for (const auto& mechanism : part(assertions, "mechanismDetails")) {
     if (!mechanism.is_object() || text(mechanism, "state") == "granted") continue;
     if (!reason.empty()) reason += "; ";
-    reason += text(mechanism, "name") + " " + text(mechanism, "state");
-    if (const auto detail = text(mechanism, "detail"); !detail.empty()) reason += " (" + detail + ")";
+    reason += retell(text(mechanism, "name")) + " " + retell(text(mechanism, "state"));
+    if (const auto detail = text(mechanism, "detail"); !detail.empty()) {
+      reason += " (" + retell(detail) + ")";
+    }
   }
   return reason;
+}
+
+/// The widest label of the fields in the user's language, and a blank.
+std::size_t fieldLabelWidth() {
+  std::size_t width = 8;
+  for (const auto* label : {toSay("Held"), toSay("Power"), toSay("Heat"), toSay("Lid"), toSay("Paused"),
+                            toSay("Command"), toSay("Warning")}) {
+    width = std::max(width, displayWidth(say(label)));
+  }
+  return width + 1;
 }
 
 /// A label, and a text that goes on in its column.
 void addField(std::vector<std::string>& lines, std::string_view label, const std::string& value,
               std::size_t width, const Palette& palette, Tone tone = Tone::plain) {
-  constexpr std::size_t labelWidth = 9;
+  const auto labelWidth = fieldLabelWidth();
   const auto room = width == 0 ? 0 : std::max<std::size_t>(width - std::min(width, labelWidth), 8);
   bool isFirst = true;
   for (const auto& line : wrapped(displayable(value), room)) {
@@ -106,24 +120,27 @@ void addLid(std::vector<std::string>& lines, const json& state, std::size_t widt
             Instant now) {
   const auto& closedLid = part(state, "closedLid");
   const auto cover = text(closedLid, "cover");
-  std::string lid = flag(state, "lidClosed") ? "closed" : "open";
+  std::string lid = flag(state, "lidClosed") ? sayAs("lid", "closed") : sayAs("lid", "open");
   if (cover == "covered") {
-    lid += "; may be closed, covered by " + text(closedLid, "coveredBy");
-    if (const auto until = instant(closedLid, "until")) {
-      lid += " until " + localTime(*until, now) + " unless renewed";
-    }
+    const auto by = retell(text(closedLid, "coveredBy"));
+    const auto until = instant(closedLid, "until");
+    lid += "; " +
+           (until ? say("may be closed, covered by %1 until %2 unless renewed", {by, localTime(*until, now)})
+                  : say("may be closed, covered by %1", {by}));
   } else if (cover == "uncovered" || cover == "notNeeded") {
-    lid += "; " + text(closedLid, "explanation");
+    lid += "; " + retell(text(closedLid, "explanation"));
   }
   const bool fails = cover == "uncovered";
-  addField(lines, "Lid", lid, width, palette, fails ? Tone::bad : Tone::plain);
-  if (fails) addField(lines, "", "-> " + text(closedLid, "remedy"), width, palette);
+  addField(lines, say("Lid"), lid, width, palette, fails ? Tone::bad : Tone::plain);
+  if (fails) addField(lines, "", "-> " + retell(text(closedLid, "remedy")), width, palette);
   for (const auto& hold : part(state, "commandHolds")) {
     if (!hold.is_object()) continue;
     auto sentence = text(hold, "command");
-    if (const auto until = instant(hold, "until")) sentence += ", until " + localTime(*until, now);
-    if (flag(hold, "coversLid")) sentence += ", with the lid";
-    addField(lines, "Command", sentence, width, palette);
+    if (const auto until = instant(hold, "until")) {
+      sentence = say("%1, until %2", {sentence, localTime(*until, now)});
+    }
+    if (flag(hold, "coversLid")) sentence = say("%1, with the lid", {sentence});
+    addField(lines, say("Command"), sentence, width, palette);
   }
 }
 
@@ -148,20 +165,21 @@ std::string heldSentence(const json& state) {
   const auto& assertions = part(state, "assertions");
   const bool simulated = flag(assertions, "simulated");
   if (flag(assertions, "system")) {
-    std::string what = flag(assertions, "display") ? "system and display sleep" : "system sleep";
+    const auto what = flag(assertions, "display") ? say("system and display sleep") : say("system sleep");
     if (simulated) {
       const auto reason = notHeldReason(assertions);
-      return what + " of a simulated machine, nothing of this one" + (reason.empty() ? "" : ": " + reason);
+      return reason.empty() ? say("%1 of a simulated machine, nothing of this one", {what})
+                            : say("%1 of a simulated machine, nothing of this one: %2", {what, reason});
     }
-    return what + ", by " + joined(part(assertions, "mechanisms"), ", ");
+    return say("%1, by %2", {what, joined(part(assertions, "mechanisms"), ", ")});
   }
-  if (!flag(state, "isHolding")) return simulated ? "nothing (simulated)" : "nothing";
-  return "NOTHING: the machine can fall asleep. " + notHeldReason(assertions);
+  if (!flag(state, "isHolding")) return simulated ? say("nothing (simulated)") : say("nothing");
+  return say("NOTHING: the machine can fall asleep. %1", {notHeldReason(assertions)});
 }
 
 std::vector<std::string> sessionLines(const json& sessions, std::size_t width, const Palette& palette,
                                       Instant now) {
-  Table table({"AGENT", "STATE", "LAST EVENT", "PID", "DIRECTORY"});
+  Table table({say("AGENT"), say("STATE"), say("LAST EVENT"), say("PID"), say("DIRECTORY")});
   for (const auto& session : sessions) {
     if (!session.is_object()) continue;
     const auto state = text(session, "state");
@@ -169,9 +187,9 @@ std::vector<std::string> sessionLines(const json& sessions, std::size_t width, c
     const auto known = agentStateFromRawValue(state);
     const auto pid = session.find("pid");
     const auto last = since(instant(session, "lastEventAt"), now);
-    table.addRow({{agent ? std::string(displayName(*agent)) : text(session, "agentType"), Tone::strong},
-                  {known ? std::string(displayLabel(*known)) : state, toneOfSession(state)},
-                  {last.empty() ? "" : last + " ago"},
+    table.addRow({{agent ? retell(displayName(*agent)) : text(session, "agentType"), Tone::strong},
+                  {known ? retell(displayLabel(*known)) : state, toneOfSession(state)},
+                  {last.empty() ? "" : say("%1 ago", {last})},
                   {pid != session.end() && pid->is_number() ? pid->dump() : ""},
                   {text(session, "cwd"), Tone::dim}});
   }
@@ -184,12 +202,12 @@ std::vector<std::string> statusLines(const json& state, std::size_t width, const
   std::vector<std::string> lines;
   const auto& assertions = part(state, "assertions");
   if (flag(assertions, "simulated")) {
-    for (const auto& line : wrapped("SIMULATED: nothing keeps this machine awake", width)) {
+    for (const auto& line : wrapped(say("SIMULATED: nothing keeps this machine awake"), width)) {
       lines.push_back(palette.paint(Tone::warning, line));
     }
   }
   const auto tone = toneOfDecision(state);
-  for (const auto& line : wrapped(displayable(text(state, "statusDescription")), width)) {
+  for (const auto& line : wrapped(displayable(retell(text(state, "statusDescription"))), width)) {
     lines.push_back(palette.paint(tone == Tone::plain ? Tone::strong : tone, line));
   }
   lines.emplace_back();
@@ -197,22 +215,24 @@ std::vector<std::string> statusLines(const json& state, std::size_t width, const
   const bool fails = flag(state, "isHolding") && !flag(assertions, "system");
   auto held = heldSentence(state);
   if (const auto started = instant(state, "protectionStartedAt"); started && !fails) {
-    held += ", for " + since(started, now);
+    held = say("%1, for %2", {held, since(started, now)});
   }
-  addField(lines, "Held", held, width, palette, fails ? Tone::bad : Tone::plain);
-  addField(lines, "Power", powerSentence(state), width, palette);
+  addField(lines, say("Held"), held, width, palette, fails ? Tone::bad : Tone::plain);
+  addField(lines, say("Power"), powerSentence(state), width, palette);
   const auto thermal = text(state, "thermalState");
-  addField(lines, "Heat", thermal, width, palette, thermal == "critical" ? Tone::bad : Tone::plain);
+  addField(lines, say("Heat"), retell(thermal), width, palette,
+           thermal == "critical" ? Tone::bad : Tone::plain);
   addLid(lines, state, width, palette, now);
   if (const auto until = instant(state, "pauseUntil")) {
-    addField(lines, "Paused", "until " + localTime(*until, now), width, palette, Tone::warning);
+    addField(lines, say("Paused"), say("until %1", {localTime(*until, now)}), width, palette, Tone::warning);
   }
   for (const auto& warning : part(state, "warnings")) {
-    if (warning.is_string()) addField(lines, "Warning", warning, width, palette, Tone::warning);
+    if (!warning.is_string()) continue;
+    addField(lines, say("Warning"), retell(warning.get<std::string>()), width, palette, Tone::warning);
   }
   lines.emplace_back();
   const auto sessions = sessionLines(part(state, "sessions"), width, palette, now);
-  if (sessions.empty()) lines.push_back(palette.paint(Tone::dim, "No agents"));
+  if (sessions.empty()) lines.push_back(palette.paint(Tone::dim, say("No agents")));
   lines.insert(lines.end(), sessions.begin(), sessions.end());
   return lines;
 }
@@ -232,7 +252,8 @@ std::vector<std::string> statusScreen(const json& state, TerminalSize size, cons
     const auto hidden = lines.size() - room + 1;
     lines.resize(room);
     if (room > 0) {
-      lines.back() = palette.paint(Tone::dim, "… " + std::to_string(hidden) + " more lines");
+      lines.back() = palette.paint(
+          Tone::dim, sayCount(static_cast<std::int64_t>(hidden), "… %1 more line", "… %1 more lines"));
     }
   }
   lines.resize(room);
