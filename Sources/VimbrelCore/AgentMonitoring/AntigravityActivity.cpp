@@ -10,6 +10,8 @@
 #include <system_error>
 #include <vector>
 
+#include "Support/Sentence.h"
+
 namespace vimbrel {
 namespace {
 
@@ -20,10 +22,10 @@ constexpr Seconds activeFor{30};
 constexpr Seconds waitingFor{180};
 constexpr std::size_t examinedFolders = 5;
 
-constexpr AntigravityActivity notRunning{false, false, false, "Not running"};
-constexpr AntigravityActivity idle{true, false, false, "Antigravity IDE (Idle)"};
-constexpr AntigravityActivity waiting{true, false, true, "Antigravity IDE (Waiting)"};
-constexpr AntigravityActivity active{true, true, false, "Antigravity Agent (Active)"};
+constexpr AntigravityActivity notRunning{false, false, false, sentence("Not running")};
+constexpr AntigravityActivity idle{true, false, false, sentence("Antigravity IDE (Idle)")};
+constexpr AntigravityActivity waiting{true, false, true, sentence("Antigravity IDE (Waiting)")};
+constexpr AntigravityActivity active{true, true, false, sentence("Antigravity Agent (Active)")};
 
 std::optional<Instant> modificationTime(const std::string& path) {
   // The entry itself, not what a symbolic link points to.

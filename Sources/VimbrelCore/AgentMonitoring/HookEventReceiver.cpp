@@ -10,6 +10,7 @@
 
 #include "AgentMonitoring/HookIntake.h"
 #include "Support/AtomicFile.h"
+#include "Support/Sentence.h"
 #include "Support/UnixSocket.h"
 
 namespace vimbrel {
@@ -49,7 +50,7 @@ std::optional<HookEventReceiver::FileIdentity> HookEventReceiver::socketFile() c
 
 HookReceiverError HookEventReceiver::failure(HookReceiverError::Fault fault, int code,
                                              std::string text) const {
-  return {fault, code, "Cannot listen for hook events on " + socketPath_ + ": " + std::move(text)};
+  return {fault, code, sentence("Cannot listen for hook events on %1: %2", {socketPath_, text})};
 }
 
 std::expected<void, HookReceiverError> HookEventReceiver::start() {

@@ -10,6 +10,7 @@
 
 #include "Control/AgentDocuments.h"
 #include "Control/RpcResult.h"
+#include "Support/Sentence.h"
 #include "Support/StrictJson.h"
 
 namespace vimbrel {
@@ -99,10 +100,10 @@ RpcResult setup(const json& params, const std::string& relayPath) {
   if (!environment) return invalid(environment.error());
   const AgentRegistry registry(std::move(*environment));
   const auto adapter = agent ? registry.adapter(*agent) : nullptr;
-  if (!adapter) return invalid("there is no such agent");
+  if (!adapter) return invalid(sentence("there is no such agent"));
   if (relay.path.empty()) {
     return std::unexpected(
-        RpcError{RpcFault::operationFailed, "vimbrel-relay is not installed beside this Vimbrel"});
+        RpcError{RpcFault::operationFailed, sentence("vimbrel-relay is not installed beside this Vimbrel")});
   }
   return json(agentSetupDocument(*adapter, relay));
 }

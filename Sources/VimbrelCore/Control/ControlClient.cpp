@@ -11,6 +11,7 @@
 #include <nlohmann/json.hpp>
 #include <utility>
 
+#include "Support/Sentence.h"
 #include "Support/StrictJson.h"
 #include "Support/UnixSocket.h"
 
@@ -38,13 +39,13 @@ std::expected<void, ControlClientError> waitFor(int descriptor, short events,
     pollfd poll{descriptor, events, 0};
     const int ready = ::poll(&poll, 1, static_cast<int>(std::clamp<long long>(left, 0, INT_MAX)));
     if (ready > 0) return {};
-    if (ready == 0) return failure(Fault::timedOut, "Vimbrel did not answer in time");
+    if (ready == 0) return failure(Fault::timedOut, sentence("Vimbrel did not answer in time"));
     if (errno != EINTR) return failure(Fault::system, std::string("poll: ") + std::strerror(errno), errno);
   }
 }
 
 std::unexpected<ControlClientError> disconnected() {
-  return failure(Fault::disconnected, "Vimbrel closed the connection");
+  return failure(Fault::disconnected, sentence("Vimbrel closed the connection"));
 }
 
 }  // namespace
@@ -61,10 +62,10 @@ std::expected<ControlClient, ControlClientError> ControlClient::connect(const st
   if (socket) return ControlClient(std::move(*socket), path);
   const auto& error = socket.error();
   if (error.fault == SocketFault::system && (error.code == ENOENT || error.code == ECONNREFUSED)) {
-    return failure(Fault::notRunning, "Vimbrel is not running", error.code);
+    return failure(Fault::notRunning, sentence("Vimbrel is not running"), error.code);
   }
   if (error.fault == SocketFault::system && error.code == EAGAIN) {
-    return failure(Fault::timedOut, "Vimbrel did not accept the connection in time", error.code);
+    return failure(Fault::timedOut, sentence("Vimbrel did not accept the connection in time"), error.code);
   }
   return failure(Fault::system, path + ": " + error.text(), error.code);
 }
@@ -95,7 +96,8 @@ std::expected<std::string, ControlClientError> ControlClient::receiveLine(Deadli
       return line;
     }
     searched = incoming_.size();
-    if (searched > maximumMessageBytes) return failure(Fault::unreadable, "Vimbrel's answer is too long");
+    if (searched > maximumMessageBytes)
+      return failure(Fault::unreadable, sentence("Vimbrel's answer is too long"));
     char buffer[16384];
     const auto count = ::recv(socket_.get(), buffer, sizeof buffer, MSG_DONTWAIT);
     if (count > 0) {
@@ -115,7 +117,7 @@ std::expected<json, ControlClientError> ControlClient::receiveMessage(Deadline d
   if (!line) return std::unexpected(line.error());
   auto message = parseJson(*line);
   if (!message || !message->is_object()) {
-    return failure(Fault::unreadable, "Vimbrel's answer is not a JSON object");
+    return failure(Fault::unreadable, sentence("Vimbrel's answer is not a JSON object"));
   }
   return std::move(*message);
 }
@@ -146,7 +148,8 @@ std::expected<json, ControlClientError> ControlClient::call(std::string_view met
     StrictJsonObject error(given, "error");
     const auto code = error.integer("code");
     const auto text = error.string("message");
-    if (error.error()) return failure(Fault::unreadable, "Vimbrel's answer is unreadable: " + *error.error());
+    if (error.error())
+      return failure(Fault::unreadable, sentence("Vimbrel's answer is unreadable: %1", {*error.error()}));
     return failure(Fault::refused, text, static_cast<int>(code));
   }
 }

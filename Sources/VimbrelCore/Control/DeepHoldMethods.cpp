@@ -3,6 +3,7 @@
 
 #include "Control/RpcResult.h"
 #include "Control/StatusMethods.h"
+#include "Support/Sentence.h"
 #include "Support/StrictJson.h"
 
 namespace vimbrel {
@@ -35,12 +36,13 @@ RpcResult holdWhile(const ControlledApplication& application, const json& params
     return invalid("\"command\" must have 1 to 200 bytes");
   }
   if (!(seconds > 0 && seconds <= maximumHoldSeconds)) {
-    return invalid("\"seconds\" must be more than 0 and at most a week");
+    return invalid(sentence("\"seconds\" must be more than 0 and at most a week"));
   }
   hold.until = application.clock.now() + Seconds(seconds);
   auto held = application.commandHolds->add(std::move(hold));
   if (!held) {
-    return std::unexpected(RpcError{RpcFault::operationFailed, "too many commands run under a hold already"});
+    return std::unexpected(
+        RpcError{RpcFault::operationFailed, sentence("too many commands run under a hold already")});
   }
   // The end of the connection is the end of the command, however either came.
   peer.keep(Token([held = std::make_shared<Token>(std::move(held)), coordinator = &application.coordinator] {
@@ -86,7 +88,11 @@ Token addDeepHoldMethods(ControlServer& server, const ControlledApplication& app
   server.methods().addForPeer("holdWhile", [application](const json& params, RpcPeer& peer) -> RpcResult {
     return holdWhile(application, params, peer);
   });
-  return application.deepHold->helperStatus().subscribe([&server] { server.stateDidChange(); });
+  const auto changed = [&server] { server.stateDidChange(); };
+  auto tokens = std::make_shared<std::vector<Token>>();
+  tokens->push_back(application.deepHold->helperStatus().subscribe(changed));
+  tokens->push_back(application.deepHold->reportChanged().subscribe(changed));
+  return Token{[tokens] { tokens->clear(); }};
 }
 
 }  // namespace vimbrel

@@ -6,6 +6,7 @@
 #include <optional>
 
 #include "Control/RpcResult.h"
+#include "Support/Sentence.h"
 
 namespace vimbrel {
 
@@ -31,12 +32,14 @@ std::string_view rawValue(Verdict verdict) {
 
 DoctorFinding shortcutFinding(const GlobalShortcutController& shortcut) {
   if (shortcut.isMonitoring()) {
-    return {"global shortcut", Verdict::works, "Alt+Super+L switches protection on and off", ""};
+    return {sentence("global shortcut"), Verdict::works,
+            sentence("Alt+Super+L switches protection on and off"), ""};
   }
-  if (shortcut.refusal().empty()) return {"global shortcut", Verdict::missing, "it is not watched", ""};
-  return {"global shortcut", Verdict::missing, shortcut.refusal(),
-          "start Vimbrel in the desktop session with these keys free, or bind other keys there to: vimbrel "
-          "settings set masterEnabled off"};
+  if (shortcut.refusal().empty())
+    return {sentence("global shortcut"), Verdict::missing, sentence("it is not watched"), ""};
+  return {sentence("global shortcut"), Verdict::missing, shortcut.refusal(),
+          sentence("start Vimbrel in the desktop session with these keys free, or bind other keys there to: "
+                   "vimbrel settings set masterEnabled off")};
 }
 
 /// What the application knows of itself, beside what the platform finds out about the machine.
@@ -44,18 +47,19 @@ std::vector<DoctorFinding> ownFindings(const ControlledApplication& application)
   auto& coordinator = application.coordinator;
   std::vector<DoctorFinding> findings;
   if (const auto& error = coordinator.hookReceiverError()) {
-    findings.push_back({"hook socket", Verdict::warning, error->text,
-                        "end whatever else uses the socket, then start Vimbrel again"});
+    findings.push_back({sentence("hook socket"), Verdict::warning, error->text,
+                        sentence("end whatever else uses the socket, then start Vimbrel again")});
   } else {
-    findings.push_back({"hook socket", Verdict::works, "agents' hooks are heard", ""});
+    findings.push_back({sentence("hook socket"), Verdict::works, sentence("agents' hooks are heard"), ""});
   }
   if (application.shortcut != nullptr) findings.push_back(shortcutFinding(*application.shortcut));
   auto& settings = coordinator.settings();
   const auto warnings = settings.warnings();
   for (const auto& warning : warnings) {
-    findings.push_back({"settings", Verdict::warning, warning, "correct " + settings.location()});
+    findings.push_back(
+        {sentence("settings"), Verdict::warning, warning, sentence("correct %1", {settings.location()})});
   }
-  if (warnings.empty()) findings.push_back({"settings", Verdict::works, settings.location(), ""});
+  if (warnings.empty()) findings.push_back({sentence("settings"), Verdict::works, settings.location(), ""});
   return findings;
 }
 

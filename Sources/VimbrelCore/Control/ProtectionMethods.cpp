@@ -5,6 +5,7 @@
 #include "Control/RpcResult.h"
 #include "Control/StatusMethods.h"
 #include "Domain/WakeDecisionCodec.h"
+#include "Support/Sentence.h"
 #include "Support/StrictJson.h"
 
 namespace vimbrel {
@@ -35,7 +36,7 @@ RpcResult pause(const ControlledApplication& application, const json& params) {
   auto& settings = application.coordinator.settings();
   if (seconds) {
     if (!(*seconds > 0 && *seconds <= maximumPauseSeconds)) {
-      return invalid("\"seconds\" must be more than 0 and at most a year");
+      return invalid(sentence("\"seconds\" must be more than 0 and at most a year"));
     }
     return stateAfter(application, settings.pause(Seconds(*seconds)));
   }
@@ -43,7 +44,7 @@ RpcResult pause(const ControlledApplication& application, const json& params) {
   if (!end) return invalid("\"until\" must be an ISO 8601 time");
   const auto left = *end - application.clock.now();
   if (!(left > Seconds(0) && left <= Seconds(maximumPauseSeconds))) {
-    return invalid("\"until\" must be in the future, within a year");
+    return invalid(sentence("\"until\" must be in the future, within a year"));
   }
   return stateAfter(application, settings.setPauseUntil(end));
 }
@@ -58,7 +59,7 @@ RpcResult hold(const ControlledApplication& application, const json& params) {
 RpcResult why(const ControlledApplication& application) {
   auto context = application.coordinator.lastContext();
   if (!context) {
-    return std::unexpected(RpcError{RpcFault::operationFailed, "no decision has been made yet"});
+    return std::unexpected(RpcError{RpcFault::operationFailed, sentence("no decision has been made yet")});
   }
   context->now = application.clock.now();
   const auto explanation = WakePolicyEngine().explain(*context);

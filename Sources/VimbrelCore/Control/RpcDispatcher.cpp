@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "Control/RpcResult.h"
+#include "Support/Sentence.h"
 #include "Support/StrictJson.h"
 
 namespace vimbrel {
@@ -48,7 +49,8 @@ RpcReply::RpcReply(Send send) : send_(std::move(send)) {}
 RpcReply::RpcReply(RpcReply&& other) noexcept : send_(std::exchange(other.send_, nullptr)) {}
 
 RpcReply::~RpcReply() {
-  if (send_) send_(std::unexpected(RpcError{RpcFault::internalError, "the request was dropped unanswered"}));
+  if (send_)
+    send_(std::unexpected(RpcError{RpcFault::internalError, sentence("the request was dropped unanswered")}));
 }
 
 void RpcReply::operator()(const RpcResult& result) {
@@ -116,8 +118,8 @@ void RpcDispatcher::handle(std::string_view request, RpcPeer& peer,
   });
   const auto handler = handlers_.find(method->get_ref<const std::string&>());
   if (handler == handlers_.end()) {
-    return reply(std::unexpected(
-        RpcError{RpcFault::methodNotFound, "there is no method \"" + method->get<std::string>() + "\""}));
+    return reply(std::unexpected(RpcError{
+        RpcFault::methodNotFound, sentence("there is no method \"%1\"", {method->get<std::string>()})}));
   }
   const auto params = document->find("params");
   const json given = params == document->end() ? json::object() : *params;

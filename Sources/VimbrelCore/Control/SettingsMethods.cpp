@@ -7,6 +7,7 @@
 #include "Control/RpcResult.h"
 #include "Support/ClosestMatch.h"
 #include "Support/JsonWriter.h"
+#include "Support/Sentence.h"
 #include "System/SettingDescriptions.h"
 
 namespace vimbrel {
@@ -74,8 +75,8 @@ std::expected<const SettingDescription*, RpcError> settingOf(const json& params)
   std::vector<std::string_view> keys;
   for (const auto& setting : settingDescriptions()) keys.push_back(setting.key);
   const auto close = closestMatch(name, keys);
-  return invalid("there is no setting \"" + name + "\"" +
-                 (close ? "; did you mean \"" + std::string(*close) + "\"?" : ""));
+  return invalid(close ? sentence("there is no setting \"%1\"; did you mean \"%2\"?", {name, *close})
+                       : sentence("there is no setting \"%1\"", {name}));
 }
 
 /// The value as a person would type it, so that every way of giving one meets the same bounds.

@@ -11,6 +11,7 @@
 #include "Domain/AgentSessionCodec.h"
 #include "Domain/PowerSourceSnapshotCodec.h"
 #include "Domain/WakeDecisionCodec.h"
+#include "Support/Sentence.h"
 
 namespace vimbrel {
 
@@ -25,15 +26,15 @@ json dateOrNull(std::optional<Instant> instant) {
 std::string_view rawValue(MechanismState state) {
   switch (state) {
     case MechanismState::available:
-      return "available";
+      return sentence("available");
     case MechanismState::granted:
-      return "granted";
+      return sentence("granted");
     case MechanismState::refused:
-      return "refused";
+      return sentence("refused");
     case MechanismState::missing:
       break;
   }
-  return "missing";
+  return sentence("missing");
 }
 
 json assertionsOf(const ControlledApplication& application) {
@@ -63,7 +64,7 @@ json sessionsOf(AppCoordinator& coordinator) {
 json warningsOf(AppCoordinator& coordinator) {
   json warnings = coordinator.settings().warnings();
   if (const auto& error = coordinator.hookReceiverError()) {
-    warnings.push_back("agents' hooks are not heard: " + error->text);
+    warnings.push_back(sentence("agents' hooks are not heard: %1", {error->text}));
   }
   return warnings;
 }

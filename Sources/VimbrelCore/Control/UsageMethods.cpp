@@ -12,6 +12,7 @@
 #include "Domain/BudgetCodec.h"
 #include "Domain/RatesFile.h"
 #include "Domain/UsageCodec.h"
+#include "Support/Sentence.h"
 #include "Support/StrictJson.h"
 
 namespace vimbrel {
@@ -23,7 +24,7 @@ namespace {
 std::unexpected<RpcError> notRecorded() {
   return std::unexpected(
       RpcError{RpcFault::operationFailed,
-               "usage is not recorded: another Vimbrel may have the store open (see the log)"});
+               sentence("usage is not recorded: another Vimbrel may have the store open (see the log)")});
 }
 
 std::unexpected<RpcError> failed(std::string message) {
@@ -60,7 +61,8 @@ std::expected<UsageQuery, std::string> queryOf(const json& params) {
   query.grouping = *grouping;
   if (zone) {
     auto named = CalendarZone::named(*zone);
-    if (!named) return std::unexpected("there is no time zone " + *zone + "; names are like Europe/Berlin");
+    if (!named)
+      return std::unexpected(sentence("there is no time zone %1; names are like Europe/Berlin", {*zone}));
     query.zone = *std::move(named);
   }
   for (const auto& [text, target, isEnd] :
@@ -68,13 +70,13 @@ std::expected<UsageQuery, std::string> queryOf(const json& params) {
     if (!*text) continue;
     *target = momentOf(**text, isEnd, query.zone);
     if (!*target) {
-      return std::unexpected(std::string(isEnd ? "until" : "since") +
-                             " takes a day such as 2026-01-31, or an ISO 8601 time");
+      return std::unexpected(
+          sentence("%1 takes a day such as 2026-01-31, or an ISO 8601 time", {isEnd ? "until" : "since"}));
     }
   }
   if (agent) {
     query.agent = agentTypeFromRawValue(*agent);
-    if (!query.agent) return std::unexpected("there is no agent " + *agent);
+    if (!query.agent) return std::unexpected(sentence("there is no agent %1", {*agent}));
   }
   return query;
 }

@@ -10,6 +10,7 @@
 
 #include "DeepHold/HelperSocketPath.h"
 #include "Support/Log.h"
+#include "Support/Sentence.h"
 #include "Support/Uuid.h"
 
 namespace vimbrel {
@@ -45,8 +46,9 @@ struct DeepSleepController::State {
 
   /// What a missing answer means.
   [[nodiscard]] std::string silence() const {
-    return ::access(socketPath.c_str(), F_OK) == 0 ? "the helper at " + socketPath + " does not answer"
-                                                   : "no helper is installed";
+    return ::access(socketPath.c_str(), F_OK) == 0
+               ? sentence("the helper at %1 does not answer", {socketPath})
+               : sentence("no helper is installed");
   }
 
   std::string takeOrMakeLeaseId() {
@@ -72,7 +74,7 @@ struct DeepSleepController::State {
     const auto leaseId = takeOrMakeLeaseId();
     const auto response = exchange({HelperCommand::acquire, leaseId, ttlSeconds});
     if (!response || !response->ok) {
-      noteRefusal(response ? response->error.value_or("the helper gives no reason") : silence());
+      noteRefusal(response ? response->error.value_or(sentence("the helper gives no reason")) : silence());
       logger.error("Failed to acquire deep hold from helper");
       return false;
     }

@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <set>
 
+#include "Support/Sentence.h"
+
 namespace vimbrel {
 namespace {
 
@@ -84,17 +86,15 @@ bool AgentFamilyPresentation::operator==(const AgentFamilyPresentation& other) c
 }
 
 std::string AgentFamilyPresentation::summarySubtitle() const {
-  const auto processes = std::to_string(processCount);
+  const std::string idle = sentence("Idle");
   if (aggregateState == AgentState::idle) {
-    if (processCount == 1) return "1 process detected · Idle";
-    return processCount >= 2 ? processes + " processes detected · Idle" : "Idle";
+    if (processCount < 1) return idle;
+    return sentenceCount(processCount, "%1 process detected", "%1 processes detected") + " · " + idle;
   }
-  const auto suffix = " (" + processes + " processes)";
-  if (logicalSessionCount > 1) {
-    const auto active = std::to_string(logicalSessionCount) + " sessions active";
-    return logicalSessionCount >= processCount ? active : active + suffix;
-  }
-  return processCount < 2 ? "1 session active" : "1 session active" + suffix;
+  const auto sessionsShown = std::max<std::int64_t>(logicalSessionCount, 1);
+  auto active = sentenceCount(sessionsShown, "%1 session active", "%1 sessions active");
+  if (processCount < 2 || (logicalSessionCount > 1 && logicalSessionCount >= processCount)) return active;
+  return sentence("%1 (%2 processes)", {active, std::to_string(processCount)});
 }
 
 std::string AgentFamilyPresentation::budgetSummaryLine() const {

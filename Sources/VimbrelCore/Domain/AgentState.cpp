@@ -2,6 +2,7 @@
 #include "Domain/AgentState.h"
 
 #include "Domain/RawValueTable.h"
+#include "Support/Sentence.h"
 
 namespace vimbrel {
 namespace {
@@ -13,13 +14,13 @@ struct StateRow {
 };
 
 constexpr std::array<StateRow, 7> states{{
-    {AgentState::unknown, "unknown", "Unknown"},
-    {AgentState::idle, "idle", "Idle"},
-    {AgentState::working, "working", "Working"},
-    {AgentState::waiting, "waiting", "Waiting"},
-    {AgentState::completed, "completed", "Completed"},
-    {AgentState::error, "error", "Error"},
-    {AgentState::stale, "stale", "Stale"},
+    {AgentState::unknown, "unknown", sentence("Unknown")},
+    {AgentState::idle, "idle", sentence("Idle")},
+    {AgentState::working, "working", sentence("Working")},
+    {AgentState::waiting, "waiting", sentence("Waiting")},
+    {AgentState::completed, "completed", sentence("Completed")},
+    {AgentState::error, "error", sentence("Error")},
+    {AgentState::stale, "stale", sentence("Stale")},
 }};
 
 static_assert(rowsFollowDeclaration(states));

@@ -2,6 +2,7 @@
 #include "Domain/AgentType.h"
 
 #include "Domain/RawValueTable.h"
+#include "Support/Sentence.h"
 
 namespace vimbrel {
 namespace {
@@ -13,10 +14,10 @@ struct IntegrationRow {
 };
 
 constexpr std::array<IntegrationRow, 4> integrations{{
-    {IntegrationType::lifecycleHook, "lifecycle", "Lifecycle Hook"},
-    {IntegrationType::plugin, "plugin", "Plugin"},
-    {IntegrationType::process, "process", "Process Watcher"},
-    {IntegrationType::fallback, "fallback", "Fallback"},
+    {IntegrationType::lifecycleHook, "lifecycle", sentence("Lifecycle Hook")},
+    {IntegrationType::plugin, "plugin", sentence("Plugin")},
+    {IntegrationType::process, "process", sentence("Process Watcher")},
+    {IntegrationType::fallback, "fallback", sentence("Fallback")},
 }};
 
 struct AgentRow {
@@ -39,7 +40,7 @@ constexpr std::array<AgentRow, 9> agents{{
     {AgentType::cursor, "cursor", "Cursor", "cursorarrow.rays", IntegrationType::process, "Cursor"},
     {AgentType::windsurf, "windsurf", "Windsurf", "wind", IntegrationType::process, "Windsurf"},
     {AgentType::aider, "aider", "Aider", "wrench.and.screwdriver", IntegrationType::process, "Terminal"},
-    {AgentType::custom, "custom", "Custom Agent", "cpu", IntegrationType::process, "Terminal"},
+    {AgentType::custom, "custom", sentence("Custom Agent"), "cpu", IntegrationType::process, "Terminal"},
 }};
 
 static_assert(rowsFollowDeclaration(integrations));

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "Domain/RawValueTable.h"
+#include "Support/Sentence.h"
 
 namespace vimbrel {
 namespace {
@@ -19,9 +20,9 @@ struct LevelRow {
 };
 
 constexpr std::array<LevelRow, 3> levels{{
-    {LowBudgetLevel::warning, "warning", "Low", "low"},
-    {LowBudgetLevel::critical, "critical", "Critically Low", "critically low"},
-    {LowBudgetLevel::exhausted, "exhausted", "Exhausted", "exhausted"},
+    {LowBudgetLevel::warning, "warning", sentence("Low"), sentence("low")},
+    {LowBudgetLevel::critical, "critical", sentence("Critically Low"), sentence("critically low")},
+    {LowBudgetLevel::exhausted, "exhausted", sentence("Exhausted"), sentence("exhausted")},
 }};
 
 struct MetricTypeRow {
@@ -31,8 +32,8 @@ struct MetricTypeRow {
 };
 
 constexpr std::array<MetricTypeRow, 2> metricTypes{{
-    {LowBudgetMetricType::context, "context", "Context window"},
-    {LowBudgetMetricType::quota, "quota", "Account quota"},
+    {LowBudgetMetricType::context, "context", sentence("Context window")},
+    {LowBudgetMetricType::quota, "quota", sentence("Account quota")},
 }};
 
 static_assert(rowsFollowDeclaration(levels));
@@ -106,13 +107,12 @@ AccountQuotaBudget AccountQuotaBudget::create(AccountQuotaBudget fields) {
 }
 
 std::string AccountQuotaBudget::formattedQuotaRemaining() const {
-  return wholeNumber(percentageRemaining) + "% quota left";
+  return sentence("%1% quota left", {wholeNumber(percentageRemaining)});
 }
 
 std::string CostBudget::formattedCost() const {
   auto text = amountUSD > 0 && amountUSD < 0.005 ? std::string("<$0.01") : formatted("$%.2f", amountUSD);
-  if (isEstimated) text += " est.";
-  return text;
+  return isEstimated ? sentence("%1 est.", {text}) : text;
 }
 
 namespace LowBudgetThreshold {
@@ -124,10 +124,10 @@ std::optional<LowBudgetAlert> evaluate(std::optional<double> contextRemainingPer
     if (!percentage) return;
     const auto level = levelOf(*percentage);
     if (!level || (alert && *level <= alert->level)) return;
-    alert = LowBudgetAlert{*level, type, *percentage,
-                           std::string(rowOf(metricTypes, type).subject) + " is " +
-                               std::string(rowOf(levels, *level).phrase) + " (" + wholeNumber(*percentage) +
-                               "% remaining)"};
+    alert = LowBudgetAlert{
+        *level, type, *percentage,
+        sentence("%1 is %2 (%3% remaining)",
+                 {rowOf(metricTypes, type).subject, rowOf(levels, *level).phrase, wholeNumber(*percentage)})};
   };
   check(LowBudgetMetricType::quota, quotaRemainingPercent);
   check(LowBudgetMetricType::context, contextRemainingPercent);
@@ -155,29 +155,29 @@ std::string ProviderBudgetReport::actionableSummaryLine() const {
   const auto* left = quota.value();
   if (left != nullptr && left->isLow()) {
     parts.push_back(left->formattedQuotaRemaining());
-    parts.emplace_back(lowBudgetAlert ? displayLabel(lowBudgetAlert->level) : "Low");
+    parts.emplace_back(lowBudgetAlert ? displayLabel(lowBudgetAlert->level) : sentence("Low"));
     if (cost) parts.push_back(cost->formattedCost());
     return joined(parts);
   }
   if (const auto* budget = context.value()) {
-    parts.push_back(budget->formattedTokensRemaining() + " context left");
-    parts.push_back(wholeNumber(budget->percentageRemaining()) + "% remaining");
+    parts.push_back(sentence("%1 context left", {budget->formattedTokensRemaining()}));
+    parts.push_back(sentence("%1% remaining", {wholeNumber(budget->percentageRemaining())}));
   } else if (const auto total = sessionUsage.effectiveTotalTokens(); total.value_or(0) >= 1) {
-    parts.push_back(formatTokenCompact(*total) + " tokens");
+    parts.push_back(sentence("%1 tokens", {formatTokenCompact(*total)}));
   }
-  if (left != nullptr) parts.push_back("Quota " + wholeNumber(left->percentageRemaining) + "% left");
+  if (left != nullptr) parts.push_back(sentence("Quota %1% left", {wholeNumber(left->percentageRemaining)}));
   if (cost) parts.push_back(cost->formattedCost());
-  return parts.empty() ? "Budget telemetry unavailable" : joined(parts);
+  return parts.empty() ? sentence("Budget telemetry unavailable") : joined(parts);
 }
 
 std::string ProviderBudgetReport::idleSummaryLine() const {
   std::vector<std::string> parts;
   if (const auto* budget = context.value()) {
-    parts.push_back("Last session: " + budget->formattedTokensRemaining() + " context left");
+    parts.push_back(sentence("Last session: %1 context left", {budget->formattedTokensRemaining()}));
   } else {
     const auto total = sessionUsage.effectiveTotalTokens();
-    if (total.value_or(0) < 1) return "Idle" + std::string(separator) + "Ready for sessions";
-    parts.push_back("Last session: " + formatTokenCompact(*total) + " tokens");
+    if (total.value_or(0) < 1) return sentence("Idle · Ready for sessions");
+    parts.push_back(sentence("Last session: %1 tokens", {formatTokenCompact(*total)}));
   }
   if (cost) parts.push_back(cost->formattedCost());
   return joined(parts);

@@ -10,6 +10,7 @@
 #include "Domain/AgentType.h"
 #include "Domain/UsageMetrics.h"
 #include "Support/Instant.h"
+#include "Support/Sentence.h"
 
 namespace vimbrel {
 
@@ -140,8 +141,10 @@ struct ProviderBudgetReport {
   AgentType agentType = AgentType::custom;
   std::optional<std::string> sessionId{};
   std::optional<std::string> modelId{};
-  BudgetMetric<ContextBudget> context = BudgetMetric<ContextBudget>::unavailable("Context unavailable");
-  BudgetMetric<AccountQuotaBudget> quota = BudgetMetric<AccountQuotaBudget>::unavailable("Quota unavailable");
+  BudgetMetric<ContextBudget> context =
+      BudgetMetric<ContextBudget>::unavailable(sentence("Context unavailable"));
+  BudgetMetric<AccountQuotaBudget> quota =
+      BudgetMetric<AccountQuotaBudget>::unavailable(sentence("Quota unavailable"));
   UsageMetrics sessionUsage{};
   std::optional<CostBudget> cost{};
   std::optional<LowBudgetAlert> lowBudgetAlert{};

@@ -70,6 +70,7 @@ simdjson::simdjson_result<dom::element> parseDocument(std::string_view json) {
       static_cast<void>(allocate(maximumHookEventBytes, maximumDepth) == simdjson::SUCCESS);
     }
   };
+  if (json.empty()) return simdjson::EMPTY;  // The parser copies even from where nothing is.
   thread_local BoundedParser parser;
   auto document = parser.parse(json.data(), json.size());
   if (document.error() != simdjson::NUMBER_ERROR) return document;

@@ -6,6 +6,7 @@
 
 #include "Support/AtomicFile.h"
 #include "Support/Directories.h"
+#include "Support/Sentence.h"
 #include "Support/StrictJson.h"
 
 namespace vimbrel::ratesFile {
@@ -50,7 +51,7 @@ std::string defaultPath() { return directories::configuration() + "/com.vimbrel.
 
 std::expected<std::vector<ModelRateCard::Row>, std::string> parse(std::string_view text) {
   const auto document = parseJson(text);
-  if (!document || !document->is_object()) return std::unexpected("it is not a JSON object");
+  if (!document || !document->is_object()) return std::unexpected(sentence("it is not a JSON object"));
   const auto models = document->find("models");
   if (models == document->end() || !models->is_array()) {
     return std::unexpected("it has no list \"models\"");
@@ -66,7 +67,7 @@ std::expected<std::vector<ModelRateCard::Row>, std::string> parse(std::string_vi
 
 std::expected<ModelRateCard, std::string> load(const std::string& path) {
   const auto unusable = [&](const std::string& why) {
-    return std::unexpected("the prices in " + path + " cannot be used: " + why);
+    return std::unexpected(sentence("the prices in %1 cannot be used: %2", {path, why}));
   };
   const auto text = readFile(path, std::size_t{1} << 20U);
   if (!text) {

@@ -2,6 +2,7 @@
 #include "Domain/SafetyBlock.h"
 
 #include "Domain/RawValueTable.h"
+#include "Support/Sentence.h"
 
 namespace vimbrel {
 namespace {
@@ -13,12 +14,12 @@ struct BlockRow {
 };
 
 constexpr std::array<BlockRow, 6> blocks{{
-    {SafetyBlock::masterDisabled, "Master switch disabled", false},
-    {SafetyBlock::paused, "Protection paused", false},
-    {SafetyBlock::batteryBelowFloor, "Battery level below safety cutoff", true},
-    {SafetyBlock::acDisconnected, "AC power disconnected (AC-only mode)", false},
-    {SafetyBlock::thermalCritical, "Thermal critical safety cutoff", true},
-    {SafetyBlock::manualSleepRequested, "Manual system sleep requested", true},
+    {SafetyBlock::masterDisabled, sentence("Master switch disabled"), false},
+    {SafetyBlock::paused, sentence("Protection paused"), false},
+    {SafetyBlock::batteryBelowFloor, sentence("Battery level below safety cutoff"), true},
+    {SafetyBlock::acDisconnected, sentence("AC power disconnected (AC-only mode)"), false},
+    {SafetyBlock::thermalCritical, sentence("Thermal critical safety cutoff"), true},
+    {SafetyBlock::manualSleepRequested, sentence("Manual system sleep requested"), true},
 }};
 
 static_assert(rowsFollowDeclaration(blocks));

@@ -2,6 +2,7 @@
 #include "Domain/ThermalState.h"
 
 #include "Domain/RawValueTable.h"
+#include "Support/Sentence.h"
 
 namespace vimbrel {
 namespace {
@@ -12,10 +13,10 @@ struct ThermalRow {
 };
 
 constexpr std::array<ThermalRow, 4> states{{
-    {SystemThermalState::nominal, "nominal"},
-    {SystemThermalState::fair, "fair"},
-    {SystemThermalState::serious, "serious"},
-    {SystemThermalState::critical, "critical"},
+    {SystemThermalState::nominal, sentence("nominal")},
+    {SystemThermalState::fair, sentence("fair")},
+    {SystemThermalState::serious, sentence("serious")},
+    {SystemThermalState::critical, sentence("critical")},
 }};
 
 static_assert(rowsFollowDeclaration(states));

@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "Domain/RawValueTable.h"
+#include "Support/Sentence.h"
 
 namespace vimbrel {
 namespace {
@@ -17,11 +18,11 @@ struct VisualRow {
 };
 
 constexpr std::array<VisualRow, 5> states{{
-    {VimbrelVisualState::idle, "idle", "Idle", false, 1.0},
-    {VimbrelVisualState::working, "working", "Working", true, 0.22},
-    {VimbrelVisualState::waiting, "waiting", "Waiting", true, 0.45},
-    {VimbrelVisualState::completed, "completed", "Completed", true, 0.35},
-    {VimbrelVisualState::error, "error", "Error", false, 1.0},
+    {VimbrelVisualState::idle, "idle", sentence("Idle"), false, 1.0},
+    {VimbrelVisualState::working, "working", sentence("Working"), true, 0.22},
+    {VimbrelVisualState::waiting, "waiting", sentence("Waiting"), true, 0.45},
+    {VimbrelVisualState::completed, "completed", sentence("Completed"), true, 0.35},
+    {VimbrelVisualState::error, "error", sentence("Error"), false, 1.0},
 }};
 
 static_assert(rowsFollowDeclaration(states));

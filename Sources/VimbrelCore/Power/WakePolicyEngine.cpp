@@ -10,6 +10,7 @@
 #include "Domain/AgentType.h"
 #include "Domain/RawValueTable.h"
 #include "Support/DurationText.h"
+#include "Support/Sentence.h"
 
 namespace vimbrel {
 namespace {
@@ -50,7 +51,7 @@ struct Activity {
       if (!text.empty()) text += ", ";
       text += name;
     }
-    return text + " working";
+    return sentence("%1 working", {text});
   }
 };
 
@@ -77,7 +78,7 @@ class Inputs {
 using Verdict = std::optional<WakeDecision>;
 
 std::string text(std::int64_t number) { return std::to_string(number); }
-std::string_view onOff(bool value) { return value ? "on" : "off"; }
+std::string_view onOff(bool value) { return value ? sentence("on") : sentence("off"); }
 
 Verdict blockedIf(bool condition, SafetyBlock block) {
   if (!condition) return std::nullopt;
@@ -91,8 +92,9 @@ Verdict masterSwitch(const Inputs& in) {
 }
 
 void explainMasterSwitch(const Inputs& in, PolicyRuleTrace& trace) {
-  trace.saw = "the master switch is " + std::string(onOff(in.config.masterEnabled));
-  trace.wouldChange = in.config.masterEnabled ? "switching masterEnabled off" : "switching masterEnabled on";
+  trace.saw = sentence("the master switch is %1", {onOff(in.config.masterEnabled)});
+  trace.wouldChange = in.config.masterEnabled ? sentence("switching masterEnabled off")
+                                              : sentence("switching masterEnabled on");
 }
 
 // ---- Pause
@@ -105,11 +107,12 @@ Verdict pause(const Inputs& in) {
 void explainPause(const Inputs& in, PolicyRuleTrace& trace) {
   const auto& until = in.context.pauseUntil;
   if (!until) {
-    trace.saw = "no pause";
+    trace.saw = sentence("no pause");
   } else {
-    trace.saw = std::string(trace.says ? "paused until " : "a pause that ended at ") + formatIso8601(*until);
+    trace.saw = trace.says ? sentence("paused until %1", {formatIso8601(*until)})
+                           : sentence("a pause that ended at %1", {formatIso8601(*until)});
   }
-  trace.wouldChange = trace.says ? "the end of the pause, or resuming" : "pausing";
+  trace.wouldChange = trace.says ? sentence("the end of the pause, or resuming") : sentence("pausing");
   if (trace.says) trace.changesAt = until;
 }
 
@@ -120,8 +123,9 @@ Verdict heat(const Inputs& in) {
 }
 
 void explainHeat(const Inputs& in, PolicyRuleTrace& trace) {
-  trace.saw = "thermal pressure is " + std::string(rawValue(in.context.thermalState));
-  trace.wouldChange = trace.says ? "thermal pressure below critical" : "thermal pressure reaching critical";
+  trace.saw = sentence("thermal pressure is %1", {rawValue(in.context.thermalState)});
+  trace.wouldChange = trace.says ? sentence("thermal pressure below critical")
+                                 : sentence("thermal pressure reaching critical");
 }
 
 // ---- AC only
@@ -132,14 +136,15 @@ Verdict acOnly(const Inputs& in) {
 
 void explainAcOnly(const Inputs& in, PolicyRuleTrace& trace) {
   const bool isOnAC = in.context.powerSource.isOnAC;
-  trace.saw = "AC-only mode is " + std::string(onOff(in.config.onlyOnAC)) + ", running from " +
-              (isOnAC ? "AC power" : "the battery");
+  trace.saw = sentence("AC-only mode is %1, running from %2",
+                       {onOff(in.config.onlyOnAC), isOnAC ? sentence("AC power") : sentence("the battery")});
   if (trace.says) {
-    trace.wouldChange = "connecting AC power, or switching onlyOnAC off";
+    trace.wouldChange = sentence("connecting AC power, or switching onlyOnAC off");
   } else if (in.config.onlyOnAC) {
-    trace.wouldChange = "disconnecting AC power";
+    trace.wouldChange = sentence("disconnecting AC power");
   } else {
-    trace.wouldChange = isOnAC ? "switching onlyOnAC on and disconnecting AC power" : "switching onlyOnAC on";
+    trace.wouldChange = isOnAC ? sentence("switching onlyOnAC on and disconnecting AC power")
+                               : sentence("switching onlyOnAC on");
   }
 }
 
@@ -166,18 +171,20 @@ Verdict batteryFloor(const Inputs& in) {
 
 void explainBatteryFloor(const Inputs& in, PolicyRuleTrace& trace) {
   const auto& power = in.context.powerSource;
-  trace.saw = power.batteryPercent ? text(*power.batteryPercent) + " %" : "charge unknown";
-  trace.saw += power.isOnAC ? " on AC power" : " on battery";
-  if (power.isCharging) trace.saw += ", charging";
-  trace.saw += ", floor " + text(in.config.batteryFloorPercent) + " %";
+  const auto charge = power.batteryPercent ? text(*power.batteryPercent) + " %" : sentence("charge unknown");
+  trace.saw = power.isOnAC ? sentence("%1 on AC power", {charge}) : sentence("%1 on battery", {charge});
+  if (power.isCharging) trace.saw = sentence("%1, charging", {trace.saw});
+  trace.saw = sentence("%1, floor %2 %", {trace.saw, text(in.config.batteryFloorPercent)});
   const auto allowed = text(lowestAllowedCharge(in));
-  if (in.context.isCurrentlyBatteryBlocked) trace.saw += ", cut off until " + allowed + " %";
+  if (in.context.isCurrentlyBatteryBlocked) {
+    trace.saw = sentence("%1, cut off until %2 %", {trace.saw, allowed});
+  }
   if (trace.says) {
-    trace.wouldChange = "AC power, charging, or a charge of " + allowed + " %";
+    trace.wouldChange = sentence("AC power, charging, or a charge of %1 %", {allowed});
   } else if (!power.batteryPercent) {
-    trace.wouldChange = "nothing on a machine whose charge is unknown";
+    trace.wouldChange = sentence("nothing on a machine whose charge is unknown");
   } else {
-    trace.wouldChange = "a charge below " + allowed + " % on battery";
+    trace.wouldChange = sentence("a charge below %1 % on battery", {allowed});
   }
 }
 
@@ -186,41 +193,42 @@ void explainBatteryFloor(const Inputs& in, PolicyRuleTrace& trace) {
 Verdict longestHold(const Inputs& in) {
   // A command's hold has an end of its own.
   if (!in.context.holdExpiredAt || !in.context.commandHold.empty()) return std::nullopt;
-  return WakeDecision::release("Longest hold reached");
+  return WakeDecision::release(sentence("Longest hold reached"));
 }
 
 void explainLongestHold(const Inputs& in, PolicyRuleTrace& trace) {
   const auto& limit = in.config.maximumHoldSeconds;
   if (!limit) {
-    trace.saw = "no longest hold is set";
-    trace.wouldChange = "setting maximumHoldSeconds, and a hold that lasts as long";
+    trace.saw = sentence("no longest hold is set");
+    trace.wouldChange = sentence("setting maximumHoldSeconds, and a hold that lasts as long");
     return;
   }
-  trace.saw = "a hold may last " + formatDuration(Seconds{*limit}) + " without a fresh event";
+  trace.saw = sentence("a hold may last %1 without a fresh event", {formatDuration(Seconds{*limit})});
   if (const auto& expired = in.context.holdExpiredAt) {
-    trace.saw += ", reached at " + formatIso8601(*expired);
-    trace.wouldChange = "an agent's next event";
+    trace.saw = sentence("%1, reached at %2", {trace.saw, formatIso8601(*expired)});
+    trace.wouldChange = sentence("an agent's next event");
   } else {
-    trace.wouldChange = "a hold that lasts as long";
+    trace.wouldChange = sentence("a hold that lasts as long");
   }
 }
 
 // ---- Manual hold
 
 Verdict manualHold(const Inputs& in) {
-  if (in.config.manualHoldEnabled) return in.hold("Manual hold requested", in.activity().count);
+  if (in.config.manualHoldEnabled) return in.hold(sentence("Manual hold requested"), in.activity().count);
   if (!in.context.commandHold.empty()) {
-    return in.hold("Running " + in.context.commandHold, in.activity().count);
+    return in.hold(sentence("Running %1", {in.context.commandHold}), in.activity().count);
   }
   return std::nullopt;
 }
 
 void explainManualHold(const Inputs& in, PolicyRuleTrace& trace) {
-  trace.saw = "manual hold is " + std::string(onOff(in.config.manualHoldEnabled));
-  trace.wouldChange = in.config.manualHoldEnabled ? "switching manual hold off" : "switching manual hold on";
+  trace.saw = sentence("manual hold is %1", {onOff(in.config.manualHoldEnabled)});
+  trace.wouldChange = in.config.manualHoldEnabled ? sentence("switching manual hold off")
+                                                  : sentence("switching manual hold on");
   if (in.context.commandHold.empty()) return;
-  trace.saw += ", and a command runs under a hold: " + in.context.commandHold;
-  if (!in.config.manualHoldEnabled) trace.wouldChange = "the end of the command or of its hold";
+  trace.saw = sentence("%1, and a command runs under a hold: %2", {trace.saw, in.context.commandHold});
+  if (!in.config.manualHoldEnabled) trace.wouldChange = sentence("the end of the command or of its hold");
 }
 
 // ---- Agents at work
@@ -232,17 +240,20 @@ Verdict agentsAtWork(const Inputs& in) {
 
 void explainAgentsAtWork(const Inputs& in, PolicyRuleTrace& trace) {
   const auto total = static_cast<std::int64_t>(in.context.sessions.size());
-  trace.saw = text(in.activity().count) + " of " + text(total) + (total == 1 ? " session" : " sessions") +
-              " at work and heard of within " + formatDuration(Seconds{in.config.staleSessionTTLSeconds});
+  trace.saw =
+      sentenceCount(total, "%2 of %1 session at work and heard of within %3",
+                    "%2 of %1 sessions at work and heard of within %3",
+                    {text(in.activity().count), formatDuration(Seconds{in.config.staleSessionTTLSeconds})});
   if (in.activity().leftWaiting > 0) {
-    trace.saw += ", " + text(in.activity().leftWaiting) + " left waiting for longer than " +
-                 formatDuration(Seconds{in.config.waitingGraceSeconds.value_or(0)});
+    trace.saw = sentence("%1, %2 left waiting for longer than %3",
+                         {trace.saw, text(in.activity().leftWaiting),
+                          formatDuration(Seconds{in.config.waitingGraceSeconds.value_or(0)})});
   }
   if (trace.says) {
-    trace.wouldChange = "every agent stopping, or silence of them all until the time limit";
+    trace.wouldChange = sentence("every agent stopping, or silence of them all until the time limit");
     trace.changesAt = in.activity().lastEventAt + Seconds{in.config.staleSessionTTLSeconds};
   } else {
-    trace.wouldChange = "an agent starting to work";
+    trace.wouldChange = sentence("an agent starting to work");
   }
 }
 
@@ -261,39 +272,42 @@ Verdict releaseDebounce(const Inputs& in) {
   const double elapsed = (in.context.now - *stoppedAt).count();
   const double debounce = in.config.releaseDebounceSeconds;
   if (!(elapsed >= 0 && elapsed < debounce)) return std::nullopt;
-  return in.hold("Release debounce (" + text(wholeSecondsUp(debounce - elapsed)) + "s)", 0);
+  return in.hold(sentence("Release debounce (%1s)", {text(wholeSecondsUp(debounce - elapsed))}), 0);
 }
 
 void explainReleaseDebounce(const Inputs& in, PolicyRuleTrace& trace) {
   const auto& stoppedAt = in.context.lastActiveAgentStoppedAt;
   const Seconds debounce{in.config.releaseDebounceSeconds};
   if (in.activity().count != 0) {
-    trace.saw = "agents are at work";
-    trace.wouldChange = "every agent stopping";
+    trace.saw = sentence("agents are at work");
+    trace.wouldChange = sentence("every agent stopping");
     return;
   }
   if (!stoppedAt) {
-    trace.saw = "no agent has stopped yet";
-    trace.wouldChange = "an agent that works and then stops";
+    trace.saw = sentence("no agent has stopped yet");
+    trace.wouldChange = sentence("an agent that works and then stops");
     return;
   }
   const auto elapsed = in.context.now - *stoppedAt;
-  trace.saw = "the last agent " +
-              (elapsed < Seconds{0} ? std::string("stops in the future")
-                                    : "stopped " + formatDuration(elapsed) + " ago") +
-              ", release delay " + formatDuration(debounce);
-  trace.wouldChange = trace.says ? "the end of the delay" : "an agent that works and then stops";
+  trace.saw = elapsed < Seconds{0} ? sentence("the last agent stops in the future, release delay %1",
+                                              {formatDuration(debounce)})
+                                   : sentence("the last agent stopped %1 ago, release delay %2",
+                                              {formatDuration(elapsed), formatDuration(debounce)});
+  trace.wouldChange =
+      trace.says ? sentence("the end of the delay") : sentence("an agent that works and then stops");
   if (trace.says) trace.changesAt = *stoppedAt + debounce;
   if (elapsed < Seconds{0} && debounce > Seconds{0}) trace.changesAt = *stoppedAt;
 }
 
 // ---- No reason to hold
 
-Verdict noReasonToHold(const Inputs& /*in*/) { return WakeDecision::release("No active agent sessions"); }
+Verdict noReasonToHold(const Inputs& /*in*/) {
+  return WakeDecision::release(sentence("No active agent sessions"));
+}
 
 void explainNoReasonToHold(const Inputs& /*in*/, PolicyRuleTrace& trace) {
-  trace.saw = "nothing else";
-  trace.wouldChange = "any rule above";
+  trace.saw = sentence("nothing else");
+  trace.wouldChange = sentence("any rule above");
 }
 
 /// A rule's verdict, and its account. The account is given the trace with `says` filled in.
@@ -306,17 +320,18 @@ struct Rule {
 };
 
 constexpr std::array<Rule, 10> rules{{
-    {PolicyRule::masterSwitch, "masterSwitch", "Master switch", masterSwitch, explainMasterSwitch},
-    {PolicyRule::pause, "pause", "Pause", pause, explainPause},
-    {PolicyRule::heat, "heat", "Heat", heat, explainHeat},
-    {PolicyRule::acOnly, "acOnly", "AC only", acOnly, explainAcOnly},
-    {PolicyRule::batteryFloor, "batteryFloor", "Battery floor", batteryFloor, explainBatteryFloor},
-    {PolicyRule::longestHold, "longestHold", "Longest hold", longestHold, explainLongestHold},
-    {PolicyRule::manualHold, "manualHold", "Manual hold", manualHold, explainManualHold},
-    {PolicyRule::agentsAtWork, "agentsAtWork", "Agents at work", agentsAtWork, explainAgentsAtWork},
-    {PolicyRule::releaseDebounce, "releaseDebounce", "Release delay", releaseDebounce,
+    {PolicyRule::masterSwitch, "masterSwitch", sentence("Master switch"), masterSwitch, explainMasterSwitch},
+    {PolicyRule::pause, "pause", sentence("Pause"), pause, explainPause},
+    {PolicyRule::heat, "heat", sentence("Heat"), heat, explainHeat},
+    {PolicyRule::acOnly, "acOnly", sentence("AC only"), acOnly, explainAcOnly},
+    {PolicyRule::batteryFloor, "batteryFloor", sentence("Battery floor"), batteryFloor, explainBatteryFloor},
+    {PolicyRule::longestHold, "longestHold", sentence("Longest hold"), longestHold, explainLongestHold},
+    {PolicyRule::manualHold, "manualHold", sentence("Manual hold"), manualHold, explainManualHold},
+    {PolicyRule::agentsAtWork, "agentsAtWork", sentence("Agents at work"), agentsAtWork, explainAgentsAtWork},
+    {PolicyRule::releaseDebounce, "releaseDebounce", sentence("Release delay"), releaseDebounce,
      explainReleaseDebounce},
-    {PolicyRule::noReasonToHold, "noReasonToHold", "Otherwise", noReasonToHold, explainNoReasonToHold},
+    {PolicyRule::noReasonToHold, "noReasonToHold", sentence("Otherwise"), noReasonToHold,
+     explainNoReasonToHold},
 }};
 static_assert(rowsFollowDeclaration(rules));
 

@@ -5,6 +5,8 @@
 #include <cmath>
 #include <cstdint>
 
+#include "Support/Sentence.h"
+
 namespace vimbrel {
 namespace {
 
@@ -22,8 +24,7 @@ double unitSeconds(std::string_view unit) {
 bool isLetter(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
 
 std::unexpected<std::string> notADuration(std::string_view text) {
-  return std::unexpected("\"" + std::string(text) +
-                         "\" is not a duration; examples: 90, 90s, 45m, 1h30m, 2d");
+  return std::unexpected(sentence("\"%1\" is not a duration; examples: 90, 90s, 45m, 1h30m, 2d", {text}));
 }
 
 }  // namespace
@@ -47,15 +48,14 @@ std::expected<Seconds, std::string> parseDuration(std::string_view text) {
     rest.remove_prefix(letters);
     total += value * unit;
   }
-  if (!(total <= maximumSeconds))
-    return std::unexpected("\"" + std::string(text) + "\" is longer than 100 years");
+  if (!(total <= maximumSeconds)) return std::unexpected(sentence("\"%1\" is longer than 100 years", {text}));
   return Seconds{total};
 }
 
 std::string formatDuration(Seconds duration) {
-  if (std::isnan(duration.count())) return "an unknown time";
+  if (std::isnan(duration.count())) return sentence("an unknown time");
   if (duration.count() < 0) return "-" + formatDuration(-duration);
-  if (duration.count() > maximumSeconds) return "more than 100 years";
+  if (duration.count() > maximumSeconds) return sentence("more than 100 years");
   const auto seconds = static_cast<std::int64_t>(duration.count());
   const auto join = [](std::int64_t large, const char* largeUnit, std::int64_t small, const char* smallUnit) {
     auto result = std::to_string(large) + largeUnit;

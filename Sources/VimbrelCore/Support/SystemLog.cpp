@@ -1,5 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // Apart from Log.cpp: a program that logs to standard error links neither spdlog nor what that needs.
+// The journal would be told this file and line with every message, which says nothing, and the path would
+// differ with the place of the build.
+#define SD_JOURNAL_SUPPRESS_LOCATION
 #include <spdlog/sinks/rotating_file_sink.h>
 #include <spdlog/spdlog.h>
 #include <sys/stat.h>

@@ -11,6 +11,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include "Support/Sentence.h"
+
 namespace vimbrel {
 namespace {
 
@@ -36,9 +38,9 @@ std::unexpected<SocketError> failure(const char* operation, int code) {
 std::string SocketError::text() const {
   switch (fault) {
     case SocketFault::pathTooLong:
-      return "the socket's path is longer than 102 bytes";
+      return sentence("the socket's path is longer than 102 bytes");
     case SocketFault::alreadyServed:
-      return "another process serves this socket";
+      return sentence("another process serves this socket");
     case SocketFault::system:
       break;
   }

@@ -37,7 +37,13 @@ void AppCoordinator::subscribe() {
   parts_.batteryMonitor->setOnPowerSourceChanged(evaluateSoon);
   parts_.thermalMonitor->setOnThermalStateChanged(evaluateSoon);
   parts_.lidMonitor->setOnLidStateChanged(evaluateSoon);
-  settingsChanged_ = parts_.settings->objectWillChange().subscribe(evaluateSoon);
+  settingsChanged_ = parts_.settings->objectWillChange().subscribe([weak = weak_from_this()] {
+    const auto self = weak.lock();
+    if (!self) return;
+    // Surfaces show settings that no decision depends on, too.
+    self->settingsAreNews_ = true;
+    self->scheduleEvaluation();
+  });
 
   parts_.processMonitor->setOnProcessesUpdated(
       [weak = weak_from_this(), queue = parts_.mainQueue](std::vector<ProcessMatch> matches) {
@@ -117,6 +123,7 @@ PolicyEvaluationContext AppCoordinator::gatherContext() const {
 void AppCoordinator::evaluate() {
   // Cleared before the inputs are read: what changes from here on asks again.
   evaluationPending_ = false;
+  const bool settingsAreNews = settingsAreNews_.exchange(false);
   auto context = gatherContext();
   const auto decision = policyEngine_.evaluate(context);
   updateBatteryLatch(decision, context);
@@ -126,11 +133,16 @@ void AppCoordinator::evaluate() {
   }
 
   const auto previous = std::exchange(previousDecision_, decision);
-  const bool isNews = !lastContext_ || decision != previous || !sameInputs(*lastContext_, context);
+  const bool isNews =
+      settingsAreNews || !lastContext_ || decision != previous || !sameInputs(*lastContext_, context);
   lastContext_ = std::move(context);
   currentDecision_.set(decision);
   applyTransition(previous, decision);
-  if (isNews) stateChanged_.send();
+  const auto& assertions = *parts_.idleAssertionController;
+  const Surroundings around{parts_.lidMonitor->isLidClosed(), assertions.isActive(),
+                            assertions.isDisplayActive()};
+  const bool isElsewise = std::exchange(surroundings_, around) != around;
+  if (isNews || isElsewise) stateChanged_.send();
 }
 
 void AppCoordinator::updateBatteryLatch(const WakeDecision& decision,

@@ -73,8 +73,8 @@ class AppCoordinator final : public AgentStateCoordinatorDelegate,
   /// Seconds since `protectionStartedAt`; 0 while not holding.
   [[nodiscard]] double elapsedProtectionSeconds() const;
 
-  /// Sent at the end of an evaluation whose decision, sessions, power, heat, settings or pause differ from
-  /// the evaluation before. What a surface redraws on.
+  /// Sent at the end of an evaluation whose decision, sessions, power, heat, pause, lid or assertions differ
+  /// from the evaluation before, or before which any setting was written. What a surface redraws on.
   ChangeSignal& stateChanged() { return stateChanged_; }
 
   /// What the last evaluation decided upon; absent before the first. `WakePolicyEngine::explain` tells why.
@@ -108,8 +108,17 @@ class AppCoordinator final : public AgentStateCoordinatorDelegate,
   WakeDecision previousDecision_ = WakeDecision::release("Initializing");
   bool isBatteryBlocked_ = false;
   std::optional<PolicyEvaluationContext> lastContext_;
+  /// What surfaces show besides the context and the decision.
+  struct Surroundings {
+    bool isLidClosed = false;
+    bool isHeld = false;  ///< not so while the platform refuses, whatever the decision is
+    bool isDisplayHeld = false;
+    bool operator==(const Surroundings&) const = default;
+  };
+  Surroundings surroundings_;
   std::optional<HookReceiverError> hookReceiverError_;
   std::atomic<bool> evaluationPending_ = false;
+  std::atomic<bool> settingsAreNews_ = false;
   Token evalTimer_;
   Token settingsChanged_;
 };

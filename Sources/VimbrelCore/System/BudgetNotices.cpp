@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "System/BudgetNotices.h"
 
+#include "Support/Sentence.h"
+
 namespace vimbrel {
 
 bool BudgetNotices::isNew(const Key& key) {
@@ -19,8 +21,7 @@ void BudgetNotices::didApply(const WakeDecision& /*previous*/, const WakeDecisio
     if (!alert || !isNew({agent, report.sessionId.value_or(""), alert->level})) continue;
     if (!settings_->lowBudgetNotificationsEnabled()) continue;
     notifications_->notifyLowBudget(
-        rawValue(agent),
-        std::string(displayName(agent)) + " budget: " + std::string(displayLabel(alert->level)),
+        rawValue(agent), sentence("%1 budget: %2", {displayName(agent), displayLabel(alert->level)}),
         alert->message, alert->level != LowBudgetLevel::warning);
   }
 }

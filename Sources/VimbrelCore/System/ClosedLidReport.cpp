@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "System/ClosedLidReport.h"
 
+#include "Support/Sentence.h"
+
 namespace vimbrel {
 
 std::string_view rawValue(LidCover cover) {
@@ -19,20 +21,22 @@ std::string_view rawValue(LidCover cover) {
 
 std::string remedyForRefusal(std::string_view refusal, bool isHelperInstalled) {
   if (!isHelperInstalled) {
-    return "install the helper: systemctl enable --now vimbrel-helper.socket as root, or run "
-           "\"vimbrel-helper --user\"; then start Vimbrel again";
+    return sentence(
+        "install the helper: systemctl enable --now vimbrel-helper.socket as root, or run "
+        "\"vimbrel-helper --user\"; then start Vimbrel again");
   }
   if (refusal.find("polkit asks") != refusal.npos || refusal.find("polkit does not allow") != refusal.npos) {
-    return "use Vimbrel in the local session that is active, or let an administrator allow "
-           "com.vimbrel.helper.hold in a polkit rule";
+    return sentence(
+        "use Vimbrel in the local session that is active, or let an administrator allow "
+        "com.vimbrel.helper.hold in a polkit rule");
   }
   if (refusal.find("without polkit") != refusal.npos) {
-    return "join the group that owns the helper's socket, or install polkit";
+    return sentence("join the group that owns the helper's socket, or install polkit");
   }
   if (refusal.find("does not answer") != refusal.npos)
-    return "restart the helper: systemctl restart vimbrel-helper";
+    return sentence("restart the helper: systemctl restart vimbrel-helper");
   if (refusal.find("does not let the helper") != refusal.npos) {
-    return "see the helper's log: journalctl -u vimbrel-helper";
+    return sentence("see the helper's log: journalctl -u vimbrel-helper");
   }
   return {};
 }
@@ -46,29 +50,31 @@ ClosedLidReport describeClosedLid(const ClosedLidFacts& facts) {
 
   if (status && status->isDeepHoldActive && status->currentSystemSleepDisabled) {
     report.cover = LidCover::covered;
-    report.coveredBy = facts.isSystemHelper ? "the system's helper" : "your own helper";
-    if (status->activeLeaseId != facts.ownLease) *report.coveredBy += ", for somebody else";
+    report.coveredBy = facts.isSystemHelper ? sentence("the system's helper") : sentence("your own helper");
+    if (status->activeLeaseId != facts.ownLease)
+      report.coveredBy = sentence("%1, for somebody else", {*report.coveredBy});
     report.until = status->leaseExpiresAt;
-    report.explanation = "the lid may be closed";
+    report.explanation = sentence("the lid may be closed");
     return report;
   }
   if (isWanted) {
     report.cover = LidCover::uncovered;
     report.explanation = facts.refusal.empty()
-                             ? "closing the lid suspends the machine; the helper was not heard yet"
-                             : "closing the lid suspends the machine: " + facts.refusal;
+                             ? sentence("closing the lid suspends the machine; the helper was not heard yet")
+                             : sentence("closing the lid suspends the machine: %1", {facts.refusal});
     report.remedy = remedyForRefusal(facts.refusal, isInstalled || facts.refusal.empty());
     return report;
   }
   if (!facts.enabled) {
-    report.explanation = "closing the lid suspends the machine";
-    report.remedy = "switch deepLidProtectionEnabled on to keep working with the lid closed";
+    report.explanation = sentence("closing the lid suspends the machine");
+    report.remedy = sentence("switch deepLidProtectionEnabled on to keep working with the lid closed");
     return report;
   }
   report.cover = LidCover::notNeeded;
-  report.explanation = "nothing is held, so closing the lid suspends the machine";
+  report.explanation = sentence("nothing is held, so closing the lid suspends the machine");
   if (status && !isInstalled) {
-    report.explanation += "; no helper is installed to cover it later";
+    report.explanation = sentence(
+        "nothing is held, so closing the lid suspends the machine; no helper is installed to cover it later");
     report.remedy = remedyForRefusal("", false);
   }
   return report;

@@ -3,6 +3,8 @@
 
 #include <utility>
 
+#include "Support/Sentence.h"
+
 namespace vimbrel {
 
 using namespace std::chrono_literals;
@@ -38,6 +40,8 @@ void DeepHoldService::didApply(const WakeDecision& previous, const WakeDecision&
   const bool isActive = helperStatus_.get() && helperStatus_.get()->isDeepHoldActive;
   const auto age = covers_ || isActive ? 5s : 30s;
   if (!statusAskedAt_ || clock_.monotonic() - *statusAskedAt_ >= age) ask(Request::status);
+  // An examination may have been refused in the meantime.
+  announceRefusal();
 }
 
 void DeepHoldService::didStop() {
@@ -89,6 +93,7 @@ void DeepHoldService::finished() {
   const bool firstCover = underWay_ == Request::acquire && covers_ &&
                           !(helperStatus_.get() && helperStatus_.get()->isDeepHoldActive);
   underWay_ = Request::none;
+  announceRefusal();
   if (waiting_ != Request::none) return begin(std::exchange(waiting_, Request::none));
   if (firstCover && controller_->lastRefusal().empty()) begin(Request::status);
 }
@@ -96,6 +101,15 @@ void DeepHoldService::finished() {
 void DeepHoldService::publish(DeepSleepStatus status) {
   if (helperStatus_.get() == status) return;
   helperStatus_.set(std::move(status));
+}
+
+void DeepHoldService::announceRefusal() {
+  auto refusal = controller_->lastRefusal();
+  auto lease = controller_->leaseId();
+  if (refusal == announcedRefusal_ && lease == announcedLease_) return;
+  announcedRefusal_ = std::move(refusal);
+  announcedLease_ = std::move(lease);
+  reportChanged_.send();
 }
 
 ClosedLidReport DeepHoldService::report() const {
@@ -133,8 +147,8 @@ void DeepHoldService::examine(std::function<void(DoctorFinding)> done) {
 
 DoctorFinding DeepHoldService::findingOf(const DeepSleepStatus& status, Probe probe) const {
   using Verdict = DoctorFinding::Verdict;
-  DoctorFinding finding{"closed lid", Verdict::works, "", ""};
-  const std::string who = isSystemHelper_ ? "the system's helper" : "your own helper";
+  DoctorFinding finding{sentence("closed lid"), Verdict::works, "", ""};
+  const std::string who = isSystemHelper_ ? sentence("the system's helper") : sentence("your own helper");
   const auto refusal = controller_->lastRefusal();
   if (probe == Probe::refused || (probe == Probe::looked && !refusal.empty() && !status.isDeepHoldActive)) {
     finding.verdict = status.isHelperInstalled ? Verdict::refused : Verdict::missing;
@@ -142,13 +156,14 @@ DoctorFinding DeepHoldService::findingOf(const DeepSleepStatus& status, Probe pr
     finding.remedy = remedyForRefusal(refusal, status.isHelperInstalled);
   } else if (!status.currentSystemSleepDisabled) {
     finding.verdict = Verdict::refused;
-    finding.explanation = who + " took a lease and yet the lid is not covered";
+    finding.explanation = sentence("%1 took a lease and yet the lid is not covered", {who});
     finding.remedy = remedyForRefusal("does not let the helper", true);
   } else if (probe == Probe::held) {
-    finding.explanation = who + " covers the lid when it is asked to";
+    finding.explanation = sentence("%1 covers the lid when it is asked to", {who});
   } else {
-    finding.explanation = who + " covers the lid now" +
-                          (status.activeLeaseId == controller_->leaseId() ? "" : ", for somebody else");
+    finding.explanation = status.activeLeaseId == controller_->leaseId()
+                              ? sentence("%1 covers the lid now", {who})
+                              : sentence("%1 covers the lid now, for somebody else", {who});
   }
   return finding;
 }

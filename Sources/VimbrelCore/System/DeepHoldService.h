@@ -38,6 +38,9 @@ class DeepHoldService final : public CoordinatorService,
   /// 5 seconds while the lid is covered, or is to be, and every 30 otherwise; announced when it differs.
   Published<std::optional<DeepSleepStatus>>& helperStatus() { return helperStatus_; }
   [[nodiscard]] ClosedLidReport report() const;
+  /// Sent when `report` may say something else although neither the status nor the decision differs: a
+  /// request was refused, or no longer is.
+  ChangeSignal& reportChanged() { return reportChanged_; }
 
   /// Tests the helper end to end: takes a lease of two seconds, looks whether it holds and gives it back; a
   /// lease that is active is left alone and looked at only. `done` is called later on the main queue.
@@ -50,6 +53,7 @@ class DeepHoldService final : public CoordinatorService,
   void begin(Request request);
   void finished();
   void publish(DeepSleepStatus status);
+  void announceRefusal();
   enum class Probe { looked, refused, held };  // how far an examination came
   [[nodiscard]] DoctorFinding findingOf(const DeepSleepStatus& status, Probe probe) const;
 
@@ -59,6 +63,9 @@ class DeepHoldService final : public CoordinatorService,
   const bool isSystemHelper_;
 
   Published<std::optional<DeepSleepStatus>> helperStatus_{std::nullopt};
+  ChangeSignal reportChanged_;
+  std::string announcedRefusal_;
+  std::optional<std::string> announcedLease_;
   WakeDecision decision_ = WakeDecision::release("Initializing");
   bool enabled_ = false;
   bool covers_ = false;  // Acquires were sent and neither a release nor the wish to let the lease lapse.

@@ -12,6 +12,7 @@
 #include <nlohmann/json.hpp>
 
 #include "Support/AtomicFile.h"
+#include "Support/Sentence.h"
 #include "Support/VimbrelWritePolicy.h"
 
 namespace vimbrel {
@@ -77,15 +78,15 @@ std::string shortened(const ordered_json& json) {
 std::string_view expectation(PreferenceType type) {
   switch (type) {
     case PreferenceType::boolean:
-      return "true or false";
+      return sentence("true or false");
     case PreferenceType::integer:
-      return "a whole number";
+      return sentence("a whole number");
     case PreferenceType::number:
       return "a number";
     case PreferenceType::date:
       break;
   }
-  return "a time such as \"2026-01-31T10:00:00Z\"";
+  return sentence("a time such as \"2026-01-31T10:00:00Z\"");
 }
 
 std::string warningStart(const std::string& path, std::string_view key) {
@@ -128,9 +129,15 @@ void FilePreferences::reload() {
   bool changed = false;
   {
     const std::lock_guard guard(lock_);
-    changed = readFileLocked();
+    changed = rereadLocked();
   }
   if (changed) changedOutside_.send();
+}
+
+bool FilePreferences::rereadLocked() {
+  const auto told = warnings_;
+  const bool changed = readFileLocked();
+  return changed || warnings_ != told;
 }
 
 bool FilePreferences::readFileLocked() {
@@ -148,22 +155,23 @@ bool FilePreferences::readFileLocked() {
     document.exists = true;
     document.isUsable = false;
     document.text = contents.value_or(std::string());
-    noteWarningsLocked({problem + "; the settings stay as they were until it is repaired"});
+    noteWarningsLocked({sentence("%1; the settings stay as they were until it is repaired", {problem})});
     return false;
   };
   if (!contents) return refuse(contents.error().text());
-  if (isNestedTooDeeply(*contents)) return refuse(path_ + " is nested too deeply to be a settings file");
+  if (isNestedTooDeeply(*contents))
+    return refuse(sentence("%1 is nested too deeply to be a settings file", {path_}));
   auto values = ordered_json::parse(*contents, nullptr, false);
-  if (!values.is_object()) return refuse(path_ + " is not a JSON object");
+  if (!values.is_object()) return refuse(sentence("%1 is not a JSON object", {path_}));
 
   std::vector<std::string> warnings;
   for (const auto& setting : settings_) {
     const auto found = values.find(setting.key);
     if (found == values.end() || found->is_null()) continue;
     if (std::holds_alternative<std::monostate>(convertPreference(fromJson(*found), setting.type))) {
-      warnings.push_back(warningStart(path_, setting.key) + shortened(*found) + ", not " +
-                         std::string(expectation(setting.type)) + "; using " +
-                         shortened(toJson(setting.defaultValue)));
+      warnings.push_back(sentence("%1: \"%2\" is %3, not %4; using %5",
+                                  {path_, setting.key, shortened(*found), expectation(setting.type),
+                                   shortened(toJson(setting.defaultValue))}));
     }
   }
   const bool changed = values != document.values;
@@ -195,8 +203,9 @@ std::expected<void, PreferencesError> FilePreferences::keepAsideLocked(const std
     }
     if (errno != EEXIST) break;
   }
-  return std::unexpected(PreferencesError{path + " cannot be read as settings and cannot be kept aside (" +
-                                          std::strerror(errno) + "), so it was not replaced"});
+  return std::unexpected(PreferencesError{
+      sentence("%1 cannot be read as settings and cannot be kept aside (%2), so it was not replaced",
+               {path, std::strerror(errno)})});
 }
 
 std::expected<void, PreferencesError> FilePreferences::store(std::span<const Change> changes) {
@@ -205,7 +214,7 @@ std::expected<void, PreferencesError> FilePreferences::store(std::span<const Cha
   {
     const std::lock_guard guard(lock_);
     // An edit that has not been noticed yet must not be lost.
-    changedByOthers = readFileLocked();
+    changedByOthers = rereadLocked();
     result = storeLocked(changes);
   }
   if (changedByOthers) changedOutside_.send();

@@ -30,7 +30,8 @@ class FilePreferences final : public Preferences {
 
   /// Follows edits of the file: reads it again on `queue` when it changes.
   void watch(TaskQueue& queue);
-  /// Reads the file if it changed; announces `changedOutside` if values may have changed with it.
+  /// Reads the file if it changed; announces `changedOutside` if values or
+  /// warnings may have changed with it.
   void reload();
 
   [[nodiscard]] PreferenceValue value(std::string_view key, PreferenceType type) const override;
@@ -42,6 +43,8 @@ class FilePreferences final : public Preferences {
   struct Document;
   /// True when the values in force may have changed. Under the lock.
   bool readFileLocked();
+  /// As `readFileLocked`, and true when the warnings changed.
+  bool rereadLocked();
   void noteWarningsLocked(std::vector<std::string> warnings);
   [[nodiscard]] std::expected<void, PreferencesError> storeLocked(std::span<const Change> changes);
   [[nodiscard]] std::expected<void, PreferencesError> keepAsideLocked(const std::string& path);

@@ -1,13 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "System/GlobalShortcutController.h"
 
+#include "Support/Sentence.h"
+
 namespace vimbrel {
 
 void GlobalShortcutController::start() {
   stop();
   refusal_.clear();
   if (!shortcut_) {
-    refusal_ = "there is no desktop whose keys could be watched";
+    refusal_ = sentence("there is no desktop whose keys could be watched");
     return;
   }
   shortcut_->onRefused = [weak = weak_from_this()](const std::string& reason) {

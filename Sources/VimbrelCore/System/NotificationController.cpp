@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "System/NotificationController.h"
 
+#include "Support/Sentence.h"
+
 namespace vimbrel {
 namespace {
 
@@ -41,33 +43,33 @@ void NotificationController::requestAuthorization() {
 
 void NotificationController::notifyProtectionStarted(std::int64_t agentCount) {
   post({.identifier = "vimbrel.started",
-        .title = "Vimbrel is protecting this Mac",
-        .body =
-            std::to_string(agentCount) + " coding agent session" + (agentCount == 1 ? "" : "s") + " working.",
+        .title = sentence("Vimbrel is protecting this Mac"),
+        .body = sentenceCount(agentCount, "%1 coding agent session working.",
+                              "%1 coding agent sessions working."),
         .urgency = NotificationUrgency::low,
-        .actions = {{.key = pauseAction, .label = "Pause 1 h"}}});
+        .actions = {{.key = pauseAction, .label = sentence("Pause 1 h")}}});
 }
 
 void NotificationController::notifyBatteryCutoff(std::int64_t percent) {
   post({.identifier = "vimbrel.battery",
-        .title = "Battery limit reached",
-        .body = "Vimbrel released sleep protection at " + std::to_string(percent) + "%.",
+        .title = sentence("Battery limit reached"),
+        .body = sentence("Vimbrel released sleep protection at %1%.", {std::to_string(percent)}),
         .urgency = NotificationUrgency::critical,
         .actions = {}});
 }
 
 void NotificationController::notifyThermalCutoff() {
   post({.identifier = "vimbrel.thermal",
-        .title = "Thermal safety cutoff",
-        .body = "Vimbrel released sleep protection so macOS can cool down normally.",
+        .title = sentence("Thermal safety cutoff"),
+        .body = sentence("Vimbrel released sleep protection so macOS can cool down normally."),
         .urgency = NotificationUrgency::critical,
         .actions = {}});
 }
 
 void NotificationController::notifyProtectionFinished() {
   post({.identifier = "vimbrel.finished",
-        .title = "Coding agents finished",
-        .body = "Normal sleep behavior has been restored.",
+        .title = sentence("Coding agents finished"),
+        .body = sentence("Normal sleep behavior has been restored."),
         .urgency = NotificationUrgency::normal,
         .actions = {}});
 }

@@ -48,7 +48,8 @@ class Preferences {
   [[nodiscard]] virtual std::vector<std::string> warnings() const = 0;
   /// Where the data is, for people.
   [[nodiscard]] virtual std::string location() const = 0;
-  /// Sent when the data was changed from outside, not by `store`. On the thread that noticed.
+  /// Sent when the data, or what of it cannot be used, was changed from outside, not by `store`. On the
+  /// thread that noticed.
   ChangeSignal& changedOutside() { return changedOutside_; }
 
  protected:

@@ -8,6 +8,7 @@
 
 #include "Domain/RawValueTable.h"
 #include "Support/DurationText.h"
+#include "Support/Sentence.h"
 
 namespace vimbrel {
 namespace {
@@ -20,86 +21,89 @@ constexpr std::array<SettingDescription, 17> table{{
     {.key = "masterEnabled",
      .type = boolean,
      .defaultValue = true,
-     .help = "Protection is switched on at all"},
+     .help = sentence("Protection is switched on at all")},
     {.key = "manualHoldEnabled",
      .type = boolean,
      .defaultValue = false,
-     .help = "Keep the machine awake whatever agents do, safety limits excepted"},
+     .help = sentence("Keep the machine awake whatever agents do, safety limits excepted")},
     {.key = "releaseDelaySeconds",
      .type = number,
-     .unit = "seconds",
+     .unit = sentence("seconds"),
      .defaultValue = 30.0,
      .minimum = 0,
      .maximum = oneWeek,
-     .help = "How long to stay awake after the last agent stopped"},
+     .help = sentence("How long to stay awake after the last agent stopped")},
     {.key = "waitingGraceSeconds",
      .type = number,
-     .unit = "seconds",
+     .unit = sentence("seconds"),
      .defaultValue = std::monostate{},
      .minimum = 0,
      .maximum = oneWeek,
-     .help = "How long an agent may wait for its user and still count as working; none: without end"},
+     .help =
+         sentence("How long an agent may wait for its user and still count as working; none: without end")},
     {.key = "maximumHoldSeconds",
      .type = number,
-     .unit = "seconds",
+     .unit = sentence("seconds"),
      .defaultValue = std::monostate{},
      .minimum = 60,
      .maximum = oneWeek,
-     .help = "After how long a hold needs a fresh event from an agent; none: never"},
+     .help = sentence("After how long a hold needs a fresh event from an agent; none: never")},
     {.key = "batteryFloorPercent",
      .type = integer,
-     .unit = "percent",
+     .unit = sentence("percent"),
      .defaultValue = std::int64_t{15},
      .minimum = 5,
      .maximum = 50,
-     .help = "On battery, let the machine sleep at this charge and below"},
+     .help = sentence("On battery, let the machine sleep at this charge and below")},
     {.key = "onlyOnAC",
      .type = boolean,
      .defaultValue = false,
-     .help = "Keep the machine awake only while it runs from AC power"},
+     .help = sentence("Keep the machine awake only while it runs from AC power")},
     {.key = "deepLidProtectionEnabled",
      .type = boolean,
      .defaultValue = true,
-     .help = "Keep the machine awake with its lid closed too"},
+     .help = sentence("Keep the machine awake with its lid closed too")},
     {.key = "preventDisplaySleep",
      .type = boolean,
      .defaultValue = false,
-     .help = "Keep the display on too while agents work"},
+     .help = sentence("Keep the display on too while agents work")},
     {.key = "launchAtLogin",
      .type = boolean,
      .defaultValue = false,
      .resetWithOthers = false,
-     .help = "Start when you log in"},
+     .help = sentence("Start when you log in")},
     {.key = "notificationsEnabled",
      .type = boolean,
      .defaultValue = true,
-     .help = "Notify when protection starts, finishes or is cut for safety"},
+     .help = sentence("Notify when protection starts, finishes or is cut for safety")},
     {.key = "lowBudgetNotificationsEnabled",
      .type = boolean,
      .defaultValue = true,
-     .help = "Notify when an agent's context or quota runs low"},
-    {.key = "soundEnabled", .type = boolean, .defaultValue = true, .help = "Play a sound when agents finish"},
+     .help = sentence("Notify when an agent's context or quota runs low")},
+    {.key = "soundEnabled",
+     .type = boolean,
+     .defaultValue = true,
+     .help = sentence("Play a sound when agents finish")},
     {.key = "notchEnabled",
      .type = boolean,
      .defaultValue = true,
-     .help = "Show a pill at the top of the screen for a moment when something changes"},
+     .help = sentence("Show a pill at the top of the screen for a moment when something changes")},
     {.key = "notchAlwaysVisible",
      .type = boolean,
      .defaultValue = false,
-     .help = "Leave the pill at the top of the screen"},
+     .help = sentence("Leave the pill at the top of the screen")},
     {.key = "hasCompletedOnboarding",
      .type = boolean,
      .defaultValue = false,
-     .help = "The introduction has been seen"},
+     .help = sentence("The introduction has been seen")},
     {.key = "pauseUntil",
      .type = date,
      .defaultValue = std::monostate{},
-     .help = "Protection is paused until this time"},
+     .help = sentence("Protection is paused until this time")},
 }};
 
 std::string expects(const SettingDescription& setting, std::string_view text, std::string_view accepted) {
-  return std::string(setting.key) + " cannot be \"" + std::string(text) + "\": it takes " +
-         std::string(accepted);
+  return sentence("%1 cannot be \"%2\": it takes %3", {setting.key, text, accepted});
 }
 
 std::string trimmedNumber(double value) {
@@ -116,20 +120,32 @@ std::expected<PreferenceValue, std::string> parseBoolean(const SettingDescriptio
   for (const std::string_view no : {"off", "false", "no", "0"}) {
     if (equalIgnoringCase(text, no)) return false;
   }
-  return std::unexpected(expects(setting, text, "on or off"));
+  return std::unexpected(expects(setting, text, sentence("on or off")));
+}
+
+/// "a whole number from 5 to 50"
+std::string acceptedNumbers(const SettingDescription& setting) {
+  const bool isDuration = setting.unit == "seconds";
+  if (!setting.minimum || !setting.maximum) {
+    if (isDuration) return sentence("seconds, or a duration such as 45s, 10m or 1h30m,");
+    return setting.type == integer ? sentence("a whole number") : sentence("a number");
+  }
+  const auto least = trimmedNumber(*setting.minimum);
+  const auto most = trimmedNumber(*setting.maximum);
+  if (isDuration) {
+    return sentence("seconds, or a duration such as 45s, 10m or 1h30m, from %1 to %2", {least, most});
+  }
+  return setting.type == integer ? sentence("a whole number from %1 to %2", {least, most})
+                                 : sentence("a number from %1 to %2", {least, most});
 }
 
 std::expected<PreferenceValue, std::string> parseNumber(const SettingDescription& setting,
                                                         std::string_view text) {
   const bool isDuration = setting.unit == "seconds";
-  std::string accepted = setting.type == integer ? "a whole number" : "a number";
-  if (isDuration) accepted = "seconds, or a duration such as 45s, 10m or 1h30m,";
   const bool mayBeAbsent = std::holds_alternative<std::monostate>(setting.defaultValue);
   if (mayBeAbsent && equalIgnoringCase(text, "none")) return PreferenceValue{};
-  if (setting.minimum && setting.maximum) {
-    accepted += " from " + trimmedNumber(*setting.minimum) + " to " + trimmedNumber(*setting.maximum);
-  }
-  if (mayBeAbsent) accepted += ", or none";
+  auto accepted = acceptedNumbers(setting);
+  if (mayBeAbsent) accepted = sentence("%1, or none", {accepted});
   const auto refuse = [&] { return std::unexpected(expects(setting, text, accepted)); };
 
   PreferenceValue result;
@@ -162,8 +178,8 @@ std::expected<PreferenceValue, std::string> parseDate(const SettingDescription& 
   if (equalIgnoringCase(text, "none")) return PreferenceValue{};
   if (const auto instant = parseIso8601(text)) return *instant;
   if (const auto duration = parseDuration(text)) return now + *duration;
-  return std::unexpected(
-      expects(setting, text, "a time such as 2026-01-31T10:00:00Z, a duration such as 45m, or none"));
+  return std::unexpected(expects(
+      setting, text, sentence("a time such as 2026-01-31T10:00:00Z, a duration such as 45m, or none")));
 }
 
 }  // namespace

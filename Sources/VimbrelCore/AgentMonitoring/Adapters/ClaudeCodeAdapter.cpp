@@ -6,6 +6,7 @@
 
 #include "AgentMonitoring/Adapters/ExecutableDiscovery.h"
 #include "AgentMonitoring/Adapters/SnippetText.h"
+#include "Support/Sentence.h"
 
 namespace vimbrel {
 namespace {
@@ -87,9 +88,9 @@ IntegrationStatus ClaudeCodeAdapter::detect() const {
   status.isInstalled = isExecutableFile(executable);
   if (status.isInstalled) status.agentVersion = probeVersion(executable, environment_.probeBounds);
   status.isIntegrationActive = !configuredIn().empty();
-  status.statusMessage = !status.isInstalled          ? "Not installed"
-                         : status.isIntegrationActive ? "Hook active"
-                                                      : "Installed (Hooks not configured)";
+  status.statusMessage = !status.isInstalled          ? sentence("Not installed")
+                         : status.isIntegrationActive ? sentence("Hook active")
+                                                      : sentence("Installed (Hooks not configured)");
   return status;
 }
 
@@ -124,9 +125,10 @@ std::optional<std::string> ClaudeCodeAdapter::manualSetupSnippet(std::string_vie
 }
 
 std::optional<std::string> ClaudeCodeAdapter::manualSetupInstructions() const {
-  return "1. Open ~/.claude.json in your text editor.\n"
-         "2. Merge the \"hooks\" JSON snippet into your configuration.\n"
-         "3. Save the file. Vimbrel will automatically track Claude Code lifecycle events.";
+  return sentence(
+      "1. Open ~/.claude.json in your text editor.\n"
+      "2. Merge the \"hooks\" JSON snippet into your configuration.\n"
+      "3. Save the file. Vimbrel will automatically track Claude Code lifecycle events.");
 }
 
 }  // namespace vimbrel

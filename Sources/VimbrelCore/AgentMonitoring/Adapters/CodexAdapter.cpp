@@ -5,6 +5,7 @@
 
 #include "AgentMonitoring/Adapters/ExecutableDiscovery.h"
 #include "AgentMonitoring/Adapters/SnippetText.h"
+#include "Support/Sentence.h"
 
 namespace vimbrel {
 namespace {
@@ -31,11 +32,11 @@ IntegrationStatus CodexAdapter::detect() const {
                          return pathExists(each + "/config.toml");
                        });
   if (executable) status.agentVersion = probeVersion(*executable, environment_.probeBounds);
-  if (!status.agentVersion && status.isInstalled) status.agentVersion = "Config present";
+  if (!status.agentVersion && status.isInstalled) status.agentVersion = sentence("Config present");
   status.isIntegrationActive = !configuredIn().empty();
-  status.statusMessage = !status.isInstalled          ? "Not installed"
-                         : status.isIntegrationActive ? "Hook active"
-                                                      : "Installed (Hook not configured)";
+  status.statusMessage = !status.isInstalled          ? sentence("Not installed")
+                         : status.isIntegrationActive ? sentence("Hook active")
+                                                      : sentence("Installed (Hook not configured)");
   return status;
 }
 
@@ -60,10 +61,11 @@ std::optional<std::string> CodexAdapter::manualSetupSnippet(std::string_view rel
 }
 
 std::optional<std::string> CodexAdapter::manualSetupInstructions() const {
-  return "1. Open ~/.codex/config.toml in your text editor.\n"
-         "2. At the top (root level, before any [section] headers), add:\n"
-         "   notify = [\"vimbrel-relay\", \"--agent\", \"codex\", \"--state\", \"working\"]\n"
-         "3. Save the file. Vimbrel will automatically receive lifecycle events.";
+  return sentence(
+      "1. Open ~/.codex/config.toml in your text editor.\n"
+      "2. At the top (root level, before any [section] headers), add:\n"
+      "   notify = [\"vimbrel-relay\", \"--agent\", \"codex\", \"--state\", \"working\"]\n"
+      "3. Save the file. Vimbrel will automatically receive lifecycle events.");
 }
 
 }  // namespace vimbrel

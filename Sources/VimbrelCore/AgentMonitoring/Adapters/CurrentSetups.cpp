@@ -9,6 +9,7 @@
 #include "AgentMonitoring/Adapters/HookCommand.h"
 #include "AgentMonitoring/Adapters/OpenCodeAdapter.h"
 #include "AgentMonitoring/Adapters/ProcessAdapters.h"
+#include "Support/Sentence.h"
 
 namespace vimbrel {
 namespace {
@@ -34,8 +35,10 @@ Json nested(Json hook, const char* matcher = nullptr) {
 }
 
 std::string mergeInstructions(const std::string& path, const std::string& more) {
-  return "1. Open " + path + " in your text editor, or create it with exactly this text.\n" +
-         "2. If the file has hooks of its own, add these entries to them.\n" + more;
+  return sentence(
+      "1. Open %1 in your text editor, or create it with exactly this text.\n"
+      "2. If the file has hooks of its own, add these entries to them.\n%2",
+      {path, more});
 }
 
 }  // namespace
@@ -58,8 +61,9 @@ std::optional<CurrentSetup> ClaudeCodeAdapter::currentSetup(const RelayCall& rel
   setup.configPath = environment_.shown(environment_.claudeConfiguration + "/settings.json");
   setup.snippet = written(Json{{"hooks", hooks}});
   setup.format = "json";
-  setup.agentVersions = "every Claude Code that has the command /hooks";
-  setup.instructions = mergeInstructions(setup.configPath, "3. Save the file and start Claude Code anew.");
+  setup.agentVersions = sentence("every Claude Code that has the command /hooks");
+  setup.instructions =
+      mergeInstructions(setup.configPath, sentence("3. Save the file and start Claude Code anew."));
   command.describe(setup, {working, waiting, idle, completed});
   return setup;
 }
@@ -84,12 +88,11 @@ std::optional<CurrentSetup> CodexAdapter::currentSetup(const RelayCall& relay) c
   setup.snippet = written(Json{{"hooks", hooks}});
   setup.format = "json";
   setup.agentVersions =
-      "every Codex CLI that has the command /hooks; older ones have only the notify setting";
-  setup.instructions =
-      mergeInstructions(setup.configPath,
-                        "3. Start Codex and trust the hooks once with the command /hooks.\n"
-                        "4. Codex trusts the text as it is: after every change of this file it leaves "
-                        "the hooks out, without a word, until you trust them again.");
+      sentence("every Codex CLI that has the command /hooks; older ones have only the notify setting");
+  setup.instructions = mergeInstructions(
+      setup.configPath, sentence("3. Start Codex and trust the hooks once with the command /hooks.\n"
+                                 "4. Codex trusts the text as it is: after every change of this file it "
+                                 "leaves the hooks out, without a word, until you trust them again."));
   command.describe(setup, {working, waiting, idle, completed});
   return setup;
 }
@@ -117,8 +120,9 @@ std::optional<CurrentSetup> GeminiAdapter::currentSetup(const RelayCall& relay) 
   setup.configPath = "~/.gemini/settings.json";
   setup.snippet = written(Json{{"hooks", hooks}});
   setup.format = "json";
-  setup.agentVersions = "every Gemini CLI that has the command /hooks";
-  setup.instructions = mergeInstructions(setup.configPath, "3. Save the file and start Gemini CLI anew.");
+  setup.agentVersions = sentence("every Gemini CLI that has the command /hooks");
+  setup.instructions =
+      mergeInstructions(setup.configPath, sentence("3. Save the file and start Gemini CLI anew."));
   command.describe(setup, {working, waiting, idle, completed});
   return setup;
 }
@@ -203,10 +207,12 @@ export const Vimbrel = async ({ $ }) => {
   setup.configPath = environment_.shown(environment_.configurationHome + "/opencode/plugins/vimbrel.js");
   setup.snippet = plugin;
   setup.format = "javascript";
-  setup.agentVersions = "every OpenCode that loads plugins as functions and reports session.status";
+  setup.agentVersions = sentence("every OpenCode that loads plugins as functions and reports session.status");
   const auto directory = setup.configPath.substr(0, setup.configPath.rfind('/'));
-  setup.instructions = "1. Create the plugin directory if it does not exist:\n   mkdir -p " + directory +
-                       "\n2. Save this text as " + setup.configPath + "\n3. Start OpenCode anew.";
+  setup.instructions = sentence(
+      "1. Create the plugin directory if it does not exist:\n   mkdir -p %1\n2. Save this text as %2\n"
+      "3. Start OpenCode anew.",
+      {directory, setup.configPath});
   // The plugin names the session itself; as a command line without it, this is what it runs.
   HookCommand(relay, AgentType::opencode, "").describe(setup, {working, waiting, idle, completed});
   return setup;
@@ -227,11 +233,10 @@ std::optional<CurrentSetup> CursorAdapter::currentSetup(const RelayCall& relay) 
   setup.configPath = hooksPath();
   setup.snippet = written(Json{{"version", 1}, {"hooks", hooks}});
   setup.format = "json";
-  setup.agentVersions = "every Cursor that has hooks with the events postToolUse and sessionEnd";
-  setup.instructions =
-      mergeInstructions(setup.configPath,
-                        "3. Keep the names of the events as they are: one that Cursor does not know "
-                        "makes it leave out the whole file.");
+  setup.agentVersions = sentence("every Cursor that has hooks with the events postToolUse and sessionEnd");
+  setup.instructions = mergeInstructions(
+      setup.configPath, sentence("3. Keep the names of the events as they are: one that Cursor does not know "
+                                 "makes it leave out the whole file."));
   command.describe(setup, {working, idle, completed});
   return setup;
 }
@@ -250,8 +255,9 @@ std::optional<CurrentSetup> WindsurfAdapter::currentSetup(const RelayCall& relay
   setup.configPath = hooksPath();
   setup.snippet = written(Json{{"hooks", hooks}});
   setup.format = "json";
-  setup.agentVersions = "every Windsurf that has Cascade hooks";
-  setup.instructions = mergeInstructions(setup.configPath, "3. Save the file and start Windsurf anew.");
+  setup.agentVersions = sentence("every Windsurf that has Cascade hooks");
+  setup.instructions =
+      mergeInstructions(setup.configPath, sentence("3. Save the file and start Windsurf anew."));
   command.describe(setup, {working, idle});
   return setup;
 }
@@ -269,11 +275,10 @@ std::optional<CurrentSetup> AntigravityAdapter::currentSetup(const RelayCall& re
   setup.configPath = hooksPath();
   setup.snippet = written(Json{{"vimbrel", hooks}});
   setup.format = "json";
-  setup.agentVersions = "every Antigravity that has hooks";
-  setup.instructions =
-      mergeInstructions(setup.configPath,
-                        "3. Check the file with a JSON tool: Antigravity leaves out a file with any "
-                        "error, without a word.");
+  setup.agentVersions = sentence("every Antigravity that has hooks");
+  setup.instructions = mergeInstructions(
+      setup.configPath, sentence("3. Check the file with a JSON tool: Antigravity leaves out a file with any "
+                                 "error, without a word."));
   command.describe(setup, {working, idle});
   return setup;
 }
@@ -286,13 +291,13 @@ std::optional<CurrentSetup> AiderAdapter::currentSetup(const RelayCall& relay) c
   setup.configPath = "~/.aider.conf.yml";
   setup.snippet = "notifications: true\nnotifications-command: " + quoted(command.reporting(waiting)) + "\n";
   setup.format = "yaml";
-  setup.agentVersions = "every Aider that has the option --notifications-command";
-  setup.instructions =
-      "1. Open " + setup.configPath +
-      " in your text editor, or create it.\n"
+  setup.agentVersions = sentence("every Aider that has the option --notifications-command");
+  setup.instructions = sentence(
+      "1. Open %1 in your text editor, or create it.\n"
       "2. Add these two lines.\n"
       "3. Aider reports only that it is ready for your next prompt; that it works is seen from its "
-      "process.";
+      "process.",
+      {setup.configPath});
   command.describe(setup, {waiting});
   return setup;
 }

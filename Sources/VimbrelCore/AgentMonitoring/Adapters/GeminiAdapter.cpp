@@ -3,6 +3,7 @@
 
 #include "AgentMonitoring/Adapters/ExecutableDiscovery.h"
 #include "AgentMonitoring/Adapters/SnippetText.h"
+#include "Support/Sentence.h"
 
 namespace vimbrel {
 
@@ -14,9 +15,9 @@ IntegrationStatus GeminiAdapter::detect() const {
   status.isInstalled = isExecutableFile(executable);
   if (status.isInstalled) status.agentVersion = probeVersion(executable, environment_.probeBounds);
   status.isIntegrationActive = !configuredIn().empty();
-  status.statusMessage = !status.isInstalled          ? "Not installed"
-                         : status.isIntegrationActive ? "Hook active"
-                                                      : "Installed (Hooks not configured)";
+  status.statusMessage = !status.isInstalled          ? sentence("Not installed")
+                         : status.isIntegrationActive ? sentence("Hook active")
+                                                      : sentence("Installed (Hooks not configured)");
   return status;
 }
 
@@ -48,9 +49,10 @@ std::optional<std::string> GeminiAdapter::manualSetupSnippet(std::string_view re
 }
 
 std::optional<std::string> GeminiAdapter::manualSetupInstructions() const {
-  return "1. Open ~/.gemini/settings.json in your text editor.\n"
-         "2. Add the \"hooks\" configuration snippet.\n"
-         "3. Save the file. Vimbrel will automatically track Gemini CLI events.";
+  return sentence(
+      "1. Open ~/.gemini/settings.json in your text editor.\n"
+      "2. Add the \"hooks\" configuration snippet.\n"
+      "3. Save the file. Vimbrel will automatically track Gemini CLI events.");
 }
 
 }  // namespace vimbrel

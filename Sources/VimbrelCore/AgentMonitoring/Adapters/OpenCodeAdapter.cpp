@@ -5,6 +5,7 @@
 
 #include "AgentMonitoring/Adapters/ExecutableDiscovery.h"
 #include "AgentMonitoring/Adapters/SnippetText.h"
+#include "Support/Sentence.h"
 
 namespace vimbrel {
 
@@ -16,9 +17,9 @@ IntegrationStatus OpenCodeAdapter::detect() const {
   status.isInstalled = isExecutableFile(executable);
   if (status.isInstalled) status.agentVersion = probeVersion(executable, environment_.probeBounds);
   status.isIntegrationActive = !configuredIn().empty();
-  status.statusMessage = !status.isInstalled          ? "Not installed"
-                         : status.isIntegrationActive ? "Plugin active"
-                                                      : "Installed (Plugin not configured)";
+  status.statusMessage = !status.isInstalled          ? sentence("Not installed")
+                         : status.isIntegrationActive ? sentence("Plugin active")
+                                                      : sentence("Installed (Plugin not configured)");
   return status;
 }
 
@@ -59,10 +60,11 @@ std::optional<std::string> OpenCodeAdapter::manualSetupSnippet(std::string_view 
 }
 
 std::optional<std::string> OpenCodeAdapter::manualSetupInstructions() const {
-  return "1. Create the plugin directory if it does not exist:\n"
-         "   mkdir -p ~/.config/opencode/plugins\n"
-         "2. Save the plugin code snippet to ~/.config/opencode/plugins/vimbrel.js\n"
-         "3. Restart OpenCode to begin receiving lifecycle status events.";
+  return sentence(
+      "1. Create the plugin directory if it does not exist:\n"
+      "   mkdir -p ~/.config/opencode/plugins\n"
+      "2. Save the plugin code snippet to ~/.config/opencode/plugins/vimbrel.js\n"
+      "3. Restart OpenCode to begin receiving lifecycle status events.");
 }
 
 }  // namespace vimbrel

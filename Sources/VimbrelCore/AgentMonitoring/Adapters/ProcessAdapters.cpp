@@ -7,6 +7,7 @@
 #include <mutex>
 
 #include "AgentMonitoring/Adapters/ExecutableDiscovery.h"
+#include "Support/Sentence.h"
 
 namespace vimbrel {
 namespace {
@@ -78,7 +79,7 @@ IntegrationStatus DesktopAgentAdapter::detect() const {
                                                               : environment_.systemRoot + marker);
                   }) ||
       isInstalledOnLinux(environment_, program_);
-  if (status.isInstalled) status.agentVersion = "Detected";
+  if (status.isInstalled) status.agentVersion = sentence("Detected");
   if (environment_.runningApplications) {
     for (const auto& application : runningApplicationsOf(environment_)) {
       if (lowerCase(application.localizedName.value_or("")).find(program_) != std::string::npos) {
@@ -86,9 +87,9 @@ IntegrationStatus DesktopAgentAdapter::detect() const {
       }
     }
   }
-  status.statusMessage = status.isIntegrationActive ? "Running (Process signal)"
-                         : status.isInstalled       ? "Installed"
-                                                    : "Not installed";
+  status.statusMessage = status.isIntegrationActive ? sentence("Running (Process signal)")
+                         : status.isInstalled       ? sentence("Installed")
+                                                    : sentence("Not installed");
   return status;
 }
 
@@ -104,9 +105,9 @@ AntigravityAdapter::AntigravityAdapter(AgentEnvironment environment)
           "antigravity", ".gemini/config/hooks.json") {}
 
 std::optional<std::string> AntigravityAdapter::manualSetupInstructions() const {
-  return "Antigravity is monitored automatically via background process heuristics and system workspace "
-         "events. No "
-         "manual configuration required.";
+  return sentence(
+      "Antigravity is monitored automatically via background process heuristics and system workspace "
+      "events. No manual configuration required.");
 }
 
 CursorAdapter::CursorAdapter(AgentEnvironment environment)
@@ -114,8 +115,9 @@ CursorAdapter::CursorAdapter(AgentEnvironment environment)
                           {"/Applications/Cursor.app", "~/.cursor"}, "cursor", ".cursor/hooks.json") {}
 
 std::optional<std::string> CursorAdapter::manualSetupInstructions() const {
-  return "Cursor is monitored automatically via background process heuristics. No manual configuration "
-         "required.";
+  return sentence(
+      "Cursor is monitored automatically via background process heuristics. No manual configuration "
+      "required.");
 }
 
 WindsurfAdapter::WindsurfAdapter(AgentEnvironment environment)
@@ -124,16 +126,18 @@ WindsurfAdapter::WindsurfAdapter(AgentEnvironment environment)
                           ".codeium/windsurf/hooks.json") {}
 
 std::optional<std::string> WindsurfAdapter::manualSetupInstructions() const {
-  return "Windsurf is monitored automatically via background process heuristics. No manual configuration "
-         "required.";
+  return sentence(
+      "Windsurf is monitored automatically via background process heuristics. No manual configuration "
+      "required.");
 }
 
 IntegrationStatus AiderAdapter::detect() const {
   IntegrationStatus status;
   status.integrationType = integrationType();
   status.isInstalled = findExecutable(environment_.path, "aider").has_value();
-  if (status.isInstalled) status.agentVersion = "Installed";
-  status.statusMessage = status.isInstalled ? "Installed (CLI executable detected)" : "Not installed";
+  if (status.isInstalled) status.agentVersion = sentence("Installed");
+  status.statusMessage =
+      status.isInstalled ? sentence("Installed (CLI executable detected)") : sentence("Not installed");
   return status;
 }
 
@@ -143,7 +147,7 @@ std::vector<std::string> AiderAdapter::configuredIn() const {
 }
 
 std::optional<std::string> AiderAdapter::manualSetupInstructions() const {
-  return "Aider is monitored automatically when active in your terminal shell.";
+  return sentence("Aider is monitored automatically when active in your terminal shell.");
 }
 
 }  // namespace vimbrel

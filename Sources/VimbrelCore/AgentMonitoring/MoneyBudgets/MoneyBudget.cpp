@@ -7,6 +7,7 @@
 #include <nlohmann/json.hpp>
 
 #include "Support/SaturatingSum.h"
+#include "Support/Sentence.h"
 #include "Support/StrictJson.h"
 
 namespace vimbrel {
@@ -93,10 +94,28 @@ std::expected<MoneyBudget, std::string> moneyBudgetFromJson(const json& value) {
 }
 
 std::string describe(const BudgetScope& scope) {
-  std::string text(rawValue(scope.period));
-  if (scope.agent) text += " of " + std::string(displayName(*scope.agent));
-  if (scope.project) text += " in " + *scope.project;
-  return text;
+  // Whole phrases: put together from parts they could not be told in another language.
+  struct Phrases {
+    const char* all;
+    const char* agent;
+    const char* project;
+    const char* both;
+  };
+  static constexpr Phrases daily{sentence("daily"), sentence("daily of %1"), sentence("daily in %1"),
+                                 sentence("daily of %1 in %2")};
+  static constexpr Phrases weekly{sentence("weekly"), sentence("weekly of %1"), sentence("weekly in %1"),
+                                  sentence("weekly of %1 in %2")};
+  static constexpr Phrases monthly{sentence("monthly"), sentence("monthly of %1"), sentence("monthly in %1"),
+                                   sentence("monthly of %1 in %2")};
+  const auto& phrases = scope.period == BudgetPeriod::daily    ? daily
+                        : scope.period == BudgetPeriod::weekly ? weekly
+                                                               : monthly;
+  if (scope.agent && scope.project) {
+    return sentence(phrases.both, {displayName(*scope.agent), *scope.project});
+  }
+  if (scope.agent) return sentence(phrases.agent, {displayName(*scope.agent)});
+  if (scope.project) return sentence(phrases.project, {*scope.project});
+  return phrases.all;
 }
 
 json toJson(const BudgetStanding& standing) {

@@ -11,7 +11,7 @@
 #include <string_view>
 #include <vector>
 
-#include "AgentMonitoring/UsageStore.h"
+#include "AgentMonitoring/UsageStore/UsageStore.h"
 #include "Domain/AgentType.h"
 #include "Support/CalendarDay.h"
 

@@ -9,7 +9,9 @@
 
 #include "Support/AtomicFile.h"
 #include "Support/Directories.h"
+#include "Support/DollarText.h"
 #include "Support/OwnFile.h"
+#include "Support/Sentence.h"
 #include "Support/StrictJson.h"
 
 namespace vimbrel {
@@ -18,12 +20,6 @@ using nlohmann::json;
 
 namespace {
 
-std::string dollars(double amount) {
-  char text[48];
-  std::snprintf(text, sizeof text, "$%.2f", amount);
-  return text;
-}
-
 std::int64_t wholeStart(const BudgetStanding& standing) {
   return static_cast<std::int64_t>(std::floor(unixSeconds(standing.periodStart)));
 }
@@ -31,13 +27,13 @@ std::int64_t wholeStart(const BudgetStanding& standing) {
 }  // namespace
 
 std::string MoneyBudgetNotice::title() const {
-  return percent >= 100 ? "Budget spent" : "Budget " + std::to_string(percent) + " % spent";
+  return percent >= 100 ? sentence("Budget spent") : sentence("Budget %1 % spent", {std::to_string(percent)});
 }
 
 std::string MoneyBudgetNotice::message() const {
-  return dollars(standing.spentUSD) + " of the " + describe(standing.budget.scope) + " budget of " +
-         dollars(standing.budget.amountUSD) + " is spent; at this pace it will be " +
-         dollars(standing.forecastUSD);
+  return sentence("%1 of the %2 budget of %3 is spent; at this pace it will be %4",
+                  {dollarText(standing.spentUSD), describe(standing.budget.scope),
+                   dollarText(standing.budget.amountUSD), dollarText(standing.forecastUSD)});
 }
 
 std::string MoneyBudgetBook::defaultPath() {
@@ -52,7 +48,7 @@ MoneyBudgetBook::MoneyBudgetBook(std::string path) : path_(std::move(path)) {
 
 std::expected<void, std::string> MoneyBudgetBook::readLocked() {
   const auto unusable = [&](const std::string& why) {
-    return std::unexpected("the budgets in " + path_ + " cannot be used: " + why);
+    return std::unexpected(sentence("the budgets in %1 cannot be used: %2", {path_, why}));
   };
   auto text = readFile(path_);
   if (!text && text.error().code != ENOENT) return unusable(text.error().text());
@@ -65,7 +61,7 @@ std::expected<void, std::string> MoneyBudgetBook::readLocked() {
     return {};
   }
   const auto document = parseJson(text_);
-  if (!document || !document->is_object()) return unusable("it is not a JSON object");
+  if (!document || !document->is_object()) return unusable(sentence("it is not a JSON object"));
   std::vector<MoneyBudget> budgets;
   const auto& listed = document->contains("budgets") ? (*document)["budgets"] : json::array();
   if (!listed.is_array()) return unusable("\"budgets\" is not a list");
@@ -96,7 +92,7 @@ std::expected<void, std::string> MoneyBudgetBook::writeLocked() {
   }
   auto text = document.dump(2) + "\n";
   if (const auto written = replaceOwnFile(path_, text, 0600, Durability::machine); !written) {
-    return std::unexpected("the budgets were not saved: " + written.error().text());
+    return std::unexpected(sentence("the budgets were not saved: %1", {written.error().text()}));
   }
   text_ = std::move(text);
   return {};

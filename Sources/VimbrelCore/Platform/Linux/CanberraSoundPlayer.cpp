@@ -13,17 +13,16 @@ namespace vimbrel {
 
 struct CanberraSoundPlayer::Library {
   SharedLibrary library{"libcanberra.so.0"};
-  decltype(::ca_context_create)* create = nullptr;
-  decltype(::ca_context_destroy)* destroy = nullptr;
-  decltype(::ca_context_change_props)* changeProperties = nullptr;
-  decltype(::ca_context_play)* play = nullptr;
+  decltype(::ca_context_create)* const create =
+      library.function<decltype(::ca_context_create)>("ca_context_create");
+  decltype(::ca_context_destroy)* const destroy =
+      library.function<decltype(::ca_context_destroy)>("ca_context_destroy");
+  decltype(::ca_context_change_props)* const changeProperties =
+      library.function<decltype(::ca_context_change_props)>("ca_context_change_props");
+  decltype(::ca_context_play)* const play = library.function<decltype(::ca_context_play)>("ca_context_play");
   ca_context* context = nullptr;
 
   Library() {
-    library.load(create, "ca_context_create");
-    library.load(destroy, "ca_context_destroy");
-    library.load(changeProperties, "ca_context_change_props");
-    library.load(play, "ca_context_play");
     if (!library || create(&context) != CA_SUCCESS) {
       context = nullptr;
       return;

@@ -11,6 +11,7 @@
 #include "Platform/Linux/PortalKeyShortcut.h"
 #include "Platform/Linux/X11KeyShortcut.h"
 #include "Support/AtomicFile.h"
+#include "Support/Sentence.h"
 #include "Support/Subprocess.h"
 
 namespace vimbrel {
@@ -56,25 +57,29 @@ void addDesktopServices(PlatformServices& services, const std::shared_ptr<TaskQu
 std::vector<DoctorFinding> examineDesktop(const PlatformServices& services) {
   std::vector<DoctorFinding> findings;
   if (services.notificationCenter && services.notificationCenter->isAvailable()) {
-    findings.push_back({"notifications", Verdict::works, "the desktop shows notifications", ""});
+    findings.push_back(
+        {sentence("notifications"), Verdict::works, sentence("the desktop shows notifications"), ""});
   } else {
-    findings.push_back({"notifications", Verdict::missing,
-                        "nobody on the session bus shows notifications (org.freedesktop.Notifications)",
-                        "in a desktop without them, start a notification daemon such as dunst"});
+    findings.push_back(
+        {sentence("notifications"), Verdict::missing,
+         sentence("nobody on the session bus shows notifications (org.freedesktop.Notifications)"),
+         sentence("in a desktop without them, start a notification daemon such as dunst")});
   }
   if (services.loginItem) {
     const auto status = services.loginItem->status();
     if (status == LoginItemStatus::requiresApproval) {
-      findings.push_back({"start at login", Verdict::warning,
-                          "the autostart entry is there, but switched off in the desktop's settings",
-                          "switch it on there, or with: vimbrel settings set launchAtLogin off, then on"});
+      findings.push_back(
+          {sentence("start at login"), Verdict::warning,
+           sentence("the autostart entry is there, but switched off in the desktop's settings"),
+           sentence("switch it on there, or with: vimbrel settings set launchAtLogin off, then on")});
     } else if (status == LoginItemStatus::notFound) {
-      findings.push_back({"start at login", Verdict::warning,
-                          "the autostart entry names a program that is no longer there",
-                          "vimbrel settings set launchAtLogin off, then on"});
+      findings.push_back({sentence("start at login"), Verdict::warning,
+                          sentence("the autostart entry names a program that is no longer there"),
+                          sentence("vimbrel settings set launchAtLogin off, then on")});
     } else {
       const bool isOn = status == LoginItemStatus::enabled;
-      findings.push_back({"start at login", Verdict::works, isOn ? "it is on" : "it is off", ""});
+      findings.push_back({sentence("start at login"), Verdict::works,
+                          isOn ? sentence("it is on") : sentence("it is off"), ""});
     }
   }
   return findings;

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "Support/Published.h"
+#include "Support/Sentence.h"
 
 namespace vimbrel {
 
@@ -21,7 +22,11 @@ struct SimulatedMachine::State {
   std::vector<HeldAssertion> held;
   AssertionHandle lastHandle = 0;
   std::uint64_t granted = 0;
+  bool serviceRuns = true;
   std::optional<std::string> problem;
+
+  /// Told of the service's coming and going.
+  std::vector<std::weak_ptr<SleepAssertions>> ports;
 };
 
 namespace {
@@ -35,11 +40,15 @@ class Assertions final : public SleepAssertions {
 
   std::expected<AssertionHandle, AssertionError> create(AssertionType type, std::string_view name) override {
     const std::lock_guard guard(state_->lock);
+    if (!state_->serviceRuns) {
+      return std::unexpected(AssertionError{AssertionFault::unavailable, "the simulated service is away"});
+    }
     const bool works = type == AssertionType::preventUserIdleSystemSleep
                            ? state_->world.systemAssertionWorks
                            : state_->world.displayAssertionWorks;
     if (!works) {
-      return std::unexpected(AssertionError{AssertionFault::denied, "the simulated machine refuses"});
+      return std::unexpected(
+          AssertionError{AssertionFault::denied, sentence("the simulated machine refuses")});
     }
     if (++state_->lastHandle == 0) ++state_->lastHandle;  // 0 would mean "not held"
     state_->held.push_back({state_->lastHandle, type, std::string(name)});
@@ -55,12 +64,14 @@ class Assertions final : public SleepAssertions {
   std::vector<MechanismStatus> mechanisms() const override {
     const std::lock_guard guard(state_->lock);
     auto status = MechanismState::available;
-    if (!state_->held.empty()) {
+    if (!state_->serviceRuns) {
+      status = MechanismState::missing;
+    } else if (!state_->held.empty()) {
       status = MechanismState::granted;
     } else if (!state_->world.systemAssertionWorks) {
       status = MechanismState::refused;
     }
-    return {{"simulated", status, "nothing of the real machine is held"}};
+    return {{sentence("simulated"), status, sentence("nothing of the real machine is held")}};
   }
 
   bool isSimulated() const override { return true; }
@@ -179,11 +190,12 @@ void announce(const StatePointer& state, ChangeSignal State::* signal) {
 
 std::vector<DoctorFinding> examine(const State& state) {
   const std::lock_guard guard(state.lock);
-  std::vector<DoctorFinding> findings{{"machine", DoctorFinding::Verdict::warning,
-                                       "simulated: nothing of the real machine is held",
-                                       "run without --simulate to keep this machine awake"}};
+  std::vector<DoctorFinding> findings{{sentence("machine"), DoctorFinding::Verdict::warning,
+                                       sentence("simulated: nothing of the real machine is held"),
+                                       sentence("run without --simulate to keep this machine awake")}};
   if (state.problem) {
-    findings.push_back({"world file", DoctorFinding::Verdict::refused, *state.problem, "repair the file"});
+    findings.push_back({sentence("world file"), DoctorFinding::Verdict::refused, *state.problem,
+                        sentence("repair the file")});
   }
   return findings;
 }
@@ -198,7 +210,13 @@ SimulatedMachine::SimulatedMachine(std::shared_ptr<TaskQueue> mainQueue, Simulat
 }
 
 PlatformServices SimulatedMachine::services() const {
-  return {.assertions = std::make_shared<Assertions>(state_),
+  const auto assertions = std::make_shared<Assertions>(state_);
+  {
+    const std::lock_guard guard(state_->lock);
+    std::erase_if(state_->ports, [](const auto& port) { return port.expired(); });
+    state_->ports.push_back(assertions);
+  }
+  return {.assertions = assertions,
           .powerSources = std::make_shared<Power>(state_),
           .thermalPressure = std::make_shared<Thermal>(state_),
           .lidSwitch = std::make_shared<Lid>(state_),
@@ -236,7 +254,32 @@ std::vector<SimulatedMachine::HeldAssertion> SimulatedMachine::heldAssertions() 
 
 bool SimulatedMachine::isHeld(AssertionType type) const {
   const std::lock_guard guard(state_->lock);
-  return std::ranges::find(state_->held, type, &HeldAssertion::type) != state_->held.end();
+  return state_->serviceRuns &&
+         std::ranges::find(state_->held, type, &HeldAssertion::type) != state_->held.end();
+}
+
+bool SimulatedMachine::isServiceRunning() const {
+  const std::lock_guard guard(state_->lock);
+  return state_->serviceRuns;
+}
+
+void SimulatedMachine::setServiceRunning(bool runs) {
+  {
+    const std::lock_guard guard(state_->lock);
+    if (std::exchange(state_->serviceRuns, runs) == runs) return;
+  }
+  state_->mainQueue->post([weak = std::weak_ptr(state_)] {
+    const auto state = weak.lock();
+    if (!state) return;
+    std::vector<std::weak_ptr<SleepAssertions>> ports;
+    {
+      const std::lock_guard guard(state->lock);
+      ports = state->ports;
+    }
+    for (const auto& port : ports) {
+      if (const auto alive = port.lock(); alive && alive->onMechanismsChanged) alive->onMechanismsChanged();
+    }
+  });
 }
 
 std::uint64_t SimulatedMachine::grantedCount() const {

@@ -38,7 +38,13 @@ class SimulatedMachine {
 
   /// The assertions that are held now, oldest first.
   [[nodiscard]] std::vector<HeldAssertion> heldAssertions() const;
+  /// True when one is held, and in effect.
   [[nodiscard]] bool isHeld(AssertionType type) const;
+  /// The service behind the assertions dies or comes back, as with its bus. While it is away none can be
+  /// taken, and those that are held have no effect; their handles stay valid, and they hold again when it is
+  /// back.
+  void setServiceRunning(bool runs);
+  [[nodiscard]] bool isServiceRunning() const;
   /// How many assertions were ever granted.
   [[nodiscard]] std::uint64_t grantedCount() const;
 

@@ -14,6 +14,7 @@
 #include <utility>
 
 #include "Support/Log.h"
+#include "Support/Sentence.h"
 
 namespace vimbrel {
 namespace {
@@ -76,7 +77,7 @@ struct SystemPeerAuthority::State : std::enable_shared_from_this<State> {
 
   void withoutPolkit(Question& question) {
     if (question.inSocketGroup) return answer(question, std::nullopt);
-    answer(question, "without polkit only root and the group that owns the socket may ask");
+    answer(question, sentence("without polkit only root and the group that owns the socket may ask"));
   }
 
   static int onReply(sd_bus_message* reply, void* data, sd_bus_error* /*error*/) {
@@ -97,14 +98,16 @@ struct SystemPeerAuthority::State : std::enable_shared_from_this<State> {
     int challenge = 0;
     if (sd_bus_message_enter_container(reply, 'r', "bba{ss}") < 0 ||
         sd_bus_message_read(reply, "bb", &allowed, &challenge) < 0) {
-      state.answer(question, "polkit's answer cannot be read");
+      state.answer(question, sentence("polkit's answer cannot be read"));
     } else if (allowed != 0) {
       state.answer(question, std::nullopt);
     } else if (challenge != 0) {
-      state.answer(question, "polkit asks for an administrator's authentication of " + state.action +
-                                 " (this is not the active local session)");
+      state.answer(question,
+                   sentence("polkit asks for an administrator's authentication of %1 (this is not the active "
+                            "local session)",
+                            {state.action}));
     } else {
-      state.answer(question, "polkit does not allow " + state.action + " to this user");
+      state.answer(question, sentence("polkit does not allow %1 to this user", {state.action}));
     }
     return 0;
   }
@@ -165,7 +168,7 @@ struct SystemPeerAuthority::State : std::enable_shared_from_this<State> {
     const auto ofThisUser = std::count_if(questions.begin(), questions.end(),
                                           [&](const Question& other) { return other.peer.uid == peer.uid; });
     if (questions.size() >= maximumQuestions || ofThisUser >= maximumQuestionsOfOneUser) {
-      return verdict("too many requests are waiting for polkit");
+      return verdict(sentence("too many requests are waiting for polkit"));
     }
     auto& question = questions.emplace_back();
     question.state = this;
@@ -197,7 +200,7 @@ void SystemPeerAuthority::check(const PeerCredentials& peer, int connection, Ver
 
 void OwnerAuthority::check(const PeerCredentials& peer, int /*connection*/, Verdict verdict) {
   if (peer.uid == 0 || peer.uid == ::geteuid()) return verdict(std::nullopt);
-  verdict("this helper belongs to another user");
+  verdict(sentence("this helper belongs to another user"));
 }
 
 }  // namespace vimbrel
