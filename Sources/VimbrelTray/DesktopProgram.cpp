@@ -81,6 +81,7 @@ void DesktopProgram::start() {
 }
 
 void DesktopProgram::open(const QString& what) {
+  if (what == "introduction") return openIntroduction();
   if (const auto page = MainWindow::pageFromName(what)) return openPage(*page);
   showPopover();
 }
@@ -148,14 +149,20 @@ void DesktopProgram::choose(MenuAction action) {
       return openPage(MainWindow::Page::settings);
     case MenuAction::diagnostics:
       return openPage(MainWindow::Page::diagnostics);
+    case MenuAction::introduction:
+      return openIntroduction();
     default:
       model_.perform(action);
   }
 }
 
-void DesktopProgram::openPage(MainWindow::Page page) {
+MainWindow& DesktopProgram::window() {
   if (!window_) window_ = std::make_unique<MainWindow>(model_);
-  window_->openPage(page);
+  return *window_;
 }
+
+void DesktopProgram::openPage(MainWindow::Page page) { window().openPage(page); }
+
+void DesktopProgram::openIntroduction() { window().openIntroduction(); }
 
 }  // namespace vimbrel::desktop

@@ -19,7 +19,7 @@ namespace vimbrel::desktop {
 struct DesktopOptions {
   enum class Colours { asDesktop, light, dark } colours = Colours::asDesktop;
   bool reduceMotion = false;
-  QString open;  ///< "popover" or a page of the window; empty for neither
+  QString open;  ///< "popover", "introduction" or a page of the window; empty for neither
 };
 
 /// The wiring of the desktop's program: the surfaces, and what flows between them and the model.
@@ -29,7 +29,7 @@ class DesktopProgram final : public QObject {
  public:
   DesktopProgram(DesktopOptions options, std::string socketPath);
   void start();
-  /// Opens "popover" or a page of the window.
+  /// Opens "popover", "introduction" or a page of the window.
   void open(const QString& what);
 
  private:
@@ -39,7 +39,9 @@ class DesktopProgram final : public QObject {
   void refreshPopover();
   void fetchUsage();
   void choose(MenuAction action);
+  MainWindow& window();
   void openPage(MainWindow::Page page);
+  void openIntroduction();
   void applyPreferences();
 
   const DesktopOptions options_;

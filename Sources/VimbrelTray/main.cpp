@@ -6,15 +6,15 @@
 #include <QDBusConnection>
 #include <QDBusMessage>
 #include <QSocketNotifier>
-#include <QStyleFactory>
-#include <QTranslator>
 #include <csignal>
 #include <cstdio>
 
+#include "CatalogueTranslator.h"
 #include "Control/ControlSocketPath.h"
 #include "DesktopProgram.h"
-#include "Presentation/Text.h"
 #include "SingleInstance.h"
+#include "UserLanguage.h"
+#include "Views/VimbrelStyle.h"
 
 namespace {
 
@@ -38,7 +38,7 @@ void followSignals(QApplication& application) {
 }
 
 int fail(const QString& reason) {
-  std::fprintf(stderr, "vimbrel-tray: %s; see --help\n", qPrintable(reason));
+  std::fprintf(stderr, "vimbrel-tray: %s\n", qUtf8Printable(QObject::tr("%1; see --help").arg(reason)));
   return 2;
 }
 
@@ -52,24 +52,34 @@ int main(int argc, char** argv) {
   QApplication::setApplicationVersion(VIMBREL_VERSION);
   QApplication::setDesktopFileName("vimbrel-tray");
   QApplication::setQuitOnLastWindowClosed(false);
-  QApplication::setStyle(QStyleFactory::create("Fusion"));
+  QApplication::setStyle(new VimbrelStyle);
+
+  useUserLanguage();
+  translateProgram(application);
 
   QCommandLineParser parser;
   parser.setApplicationDescription(
-      "The desktop's view of Vimbrel: an item in the panel, a popover, and windows.");
+      QObject::tr("The desktop's view of Vimbrel: an item in the panel, a popover, and windows."));
   const auto help = parser.addHelpOption();
   const auto version = parser.addVersionOption();
-  const QCommandLineOption theme("theme", "Colours: \"light\", \"dark\", or as the desktop has them.",
-                                 "THEME");
-  const QCommandLineOption still("reduce-motion", "Show the avatar without animation.");
+  const QCommandLineOption theme(
+      "theme", QObject::tr("Colours: \"light\", \"dark\", or as the desktop has them."), "THEME");
+  const QCommandLineOption still("reduce-motion", QObject::tr("Show the avatar without animation."));
   const QCommandLineOption open(
-      "open", "Open the popover or a page: history, usage, agents, settings, diagnostics.", "WHAT");
+      "open",
+      QObject::tr(
+          "Open the popover, the introduction or a page: history, usage, agents, settings, diagnostics."),
+      "WHAT");
   parser.addOptions({theme, still, open});
-  if (!parser.parse(QApplication::arguments())) return fail(parser.errorText());
+  if (!parser.parse(QApplication::arguments())) {
+    auto reason = parser.errorText();
+    if (reason.endsWith('.')) reason.chop(1);
+    return fail(reason);
+  }
   if (parser.isSet(help)) parser.showHelp();
   if (parser.isSet(version)) parser.showVersion();
   if (!parser.positionalArguments().isEmpty()) {
-    return fail("\"" + parser.positionalArguments().first() + "\" is no option");
+    return fail(QObject::tr("\"%1\" is no option").arg(parser.positionalArguments().first()));
   }
 
   DesktopOptions options{.reduceMotion = parser.isSet(still), .open = parser.value(open)};
@@ -79,17 +89,12 @@ int main(int argc, char** argv) {
   } else if (colours == "dark") {
     options.colours = DesktopOptions::Colours::dark;
   } else if (!colours.isEmpty()) {
-    return fail("--theme takes \"light\" or \"dark\", not \"" + colours + "\"");
+    return fail(QObject::tr("--theme takes \"light\" or \"dark\", not \"%1\"").arg(colours));
   }
-  if (!options.open.isEmpty() && options.open != "popover" && !MainWindow::pageFromName(options.open)) {
-    return fail("--open does not know \"" + options.open + "\"");
+  if (!options.open.isEmpty() && options.open != "popover" && options.open != "introduction" &&
+      !MainWindow::pageFromName(options.open)) {
+    return fail(QObject::tr("--open does not know \"%1\"").arg(options.open));
   }
-
-  QTranslator translator;
-  if (translator.load(QLocale(), "vimbrel-tray", "_", ":/translations"))
-    QApplication::installTranslator(&translator);
-  setTranslator(
-      [](const char* english) { return QCoreApplication::translate("Presentation", english).toStdString(); });
 
   SingleInstance instance;
   if (!instance.isFirst()) {

@@ -3,13 +3,16 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdlib>
 
+#include "Avatar/Emblems.h"
 #include "DesktopWorld.h"
+#include "MadeCatalogue.h"
 #include "Presentation/NotchPill.h"
 #include "Presentation/PopoverContent.h"
-#include "Presentation/Text.h"
 #include "Presentation/TimeText.h"
 #include "Presentation/TrayItem.h"
+#include "Say.h"
 
 namespace vimbrel::desktop {
 namespace {
@@ -45,6 +48,38 @@ TEST(PublishedState, survivesWhateverIsMissingOrOfAnotherType) {
   EXPECT_FALSE(publishedStateFromJson(json::object()));
   EXPECT_FALSE(publishedStateFromJson(json::array()));
   EXPECT_FALSE(publishedStateFromJson(published({{"decision", {{"sleepwalk", 1}}}})));
+}
+
+TEST(Emblems, tellAgentsApartOnAnyTileAndKnowHosts) {
+  for (const PixelRGBA tile : {PixelRGBA{30, 30, 40, 255}, PixelRGBA{224, 165, 38, 255}}) {
+    std::vector<PixelSpriteFrame> seen;
+    for (const auto agent : allAgentTypes) {
+      const auto emblem = agentEmblem(agent, tile);
+      EXPECT_THAT(seen, Not(Contains(emblem))) << rawValue(agent);
+      seen.push_back(emblem);
+      int signPixels = 0;
+      for (int at = 0; at < 256; ++at) {
+        const auto pixel = emblem.at(at % 16, at / 16);
+        const int contrast = std::abs(pixel.red - tile.red) + std::abs(pixel.green - tile.green) +
+                             std::abs(pixel.blue - tile.blue);
+        if (pixel.alpha == 255 && contrast > 250) ++signPixels;
+      }
+      EXPECT_GT(signPixels, 20) << rawValue(agent) << ": the sign is seen on its tile";
+      EXPECT_EQ(emblem.at(0, 0).alpha, 0) << "stepped corners";
+    }
+  }
+  for (const auto& [name, kind] :
+       std::initializer_list<std::pair<const char*, HostKind>>{{"Terminal", HostKind::terminal},
+                                                               {"org.kde.konsole", HostKind::terminal},
+                                                               {"tmux", HostKind::panes},
+                                                               {"Visual Studio Code", HostKind::editor},
+                                                               {"ssh: Terminal", HostKind::remote},
+                                                               {"", HostKind::window},
+                                                               {"Spreadsheet", HostKind::window}}) {
+    EXPECT_EQ(hostKindOf(name), kind) << name;
+  }
+  EXPECT_EQ(agentOfHost("Cursor"), AgentType::cursor);
+  EXPECT_EQ(agentOfHost("Terminal"), std::nullopt);
 }
 
 TEST(PublishedState, oneUnreadableSessionCostsOnlyItself) {
@@ -296,15 +331,16 @@ TEST(TimeText, runningTime) {
 TEST(Text, valuesAreNeverTakenForMarks) {
   EXPECT_EQ(say("%1 and %2, 100 %", {"%2", "b"}), "%2 and b, 100 %");
   EXPECT_EQ(say("%9", {"a"}), "%9");
-  setTranslator([](const char* english) { return "<" + std::string(english) + ">"; });
-  EXPECT_EQ(sayCount(2, "%1 fish", "%1 fishes"), "<2 fishes>");
-  // Everything the tray shows of its own passes the translator.
-  const auto tray = makeTrayItem({LinkStatus::absent, {}}, noon);
-  for (const auto& entry : tray.menu) {
+  // Everything the tray shows of its own is looked up.
+  const Situation absent{LinkStatus::absent, {}};
+  CatalogueTexts texts;
+  for (const auto& entry : makeTrayItem(absent, noon).menu) texts[entry.text] = "<" + entry.text + ">";
+  speak(madeCatalogue(texts));
+  for (const auto& entry : makeTrayItem(absent, noon).menu) {
     if (entry.kind == MenuEntry::Kind::separator) continue;
     EXPECT_THAT(entry.text, testing::StartsWith("<"));
   }
-  setTranslator(nullptr);
+  speak(nullptr);
 }
 
 }  // namespace

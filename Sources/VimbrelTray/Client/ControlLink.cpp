@@ -13,6 +13,8 @@
 #include <nlohmann/json.hpp>
 #include <vector>
 
+#include "Say.h"
+
 namespace vimbrel::desktop {
 
 using nlohmann::json;
@@ -150,7 +152,7 @@ void ControlLink::handleLine(std::string_view line) {
   std::string reason = tr("Vimbrel gave an answer that cannot be read").toStdString();
   if (const auto error = message.find("error"); error != message.end() && error->is_object()) {
     if (const auto text = error->find("message"); text != error->end() && text->is_string()) {
-      reason = text->get<std::string>();
+      reason = retell(text->get<std::string>());
     }
   }
   found.mapped().handler(std::unexpected(reason));

@@ -5,6 +5,7 @@
 #include <QDBusMessage>
 #include <QDBusPendingCallWatcher>
 #include <QDBusPendingReply>
+#include <QDBusServiceWatcher>
 #include <QDBusVariant>
 
 namespace vimbrel::desktop {
@@ -29,8 +30,19 @@ DesktopPreferences::DesktopPreferences(QObject* parent) : QObject(parent) {}
 void DesktopPreferences::start() {
   auto bus = QDBusConnection::sessionBus();
   if (!bus.isConnected()) return;
-  bus.connect(service, path, interface, "SettingChanged", this,
-              SLOT(settingChanged(QString, QString, QDBusVariant)));
+  // The slot is found by the name of its argument's type, which Qt knows only once something else has used
+  // it.
+  qRegisterMetaType<QDBusVariant>();
+  const bool isHeard = bus.connect(service, path, interface, "SettingChanged", this,
+                                   SLOT(settingChanged(QString, QString, QDBusVariant)));
+  if (!isHeard) qWarning("Changes of the desktop's colours and motion are not heard");
+  // At login the portal may come after us, and it may be restarted.
+  auto* watcher = new QDBusServiceWatcher(service, bus, QDBusServiceWatcher::WatchForRegistration, this);
+  connect(watcher, &QDBusServiceWatcher::serviceRegistered, this, &DesktopPreferences::askAll);
+  askAll();
+}
+
+void DesktopPreferences::askAll() {
   ask(appearance, "color-scheme");
   ask(appearance, "reduced-motion");
   ask(gnome, "enable-animations");
@@ -56,9 +68,9 @@ void DesktopPreferences::take(const QString& group, const QString& key, const QV
     const auto scheme = value.toUInt();
     wantsDark_ = scheme == 0 ? std::nullopt : std::optional(scheme == 1);
   } else if (group == appearance && key == "reduced-motion") {
-    wantsLittleMotion_ = value.toUInt() == 1;
+    wantsReducedMotion_ = value.toUInt() == 1;
   } else if (group == gnome && key == "enable-animations") {
-    wantsLittleMotion_ = !value.toBool();
+    hasAnimationsOff_ = !value.toBool();
   } else {
     return;
   }

@@ -1,11 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <QDBusVariant>
 #include <QObject>
 #include <QString>
 #include <optional>
-
-class QDBusVariant;
 
 namespace vimbrel::desktop {
 
@@ -18,7 +17,7 @@ class DesktopPreferences final : public QObject {
   explicit DesktopPreferences(QObject* parent = nullptr);
   void start();
   [[nodiscard]] std::optional<bool> wantsDark() const { return wantsDark_; }
-  [[nodiscard]] bool wantsLittleMotion() const { return wantsLittleMotion_; }
+  [[nodiscard]] bool wantsLittleMotion() const { return wantsReducedMotion_ || hasAnimationsOff_; }
 
  Q_SIGNALS:
   void changed();
@@ -27,11 +26,13 @@ class DesktopPreferences final : public QObject {
   void settingChanged(const QString& group, const QString& key, const QDBusVariant& value);
 
  private:
+  void askAll();
   void ask(const QString& group, const QString& key);
   void take(const QString& group, const QString& key, const QVariant& value);
 
   std::optional<bool> wantsDark_;
-  bool wantsLittleMotion_ = false;
+  bool wantsReducedMotion_ = false;
+  bool hasAnimationsOff_ = false;
 };
 
 }  // namespace vimbrel::desktop

@@ -15,7 +15,9 @@ namespace {
 
 constexpr int padding = 10;
 constexpr int avatarSide = 32;
-constexpr int textLeft = padding + avatarSide + 10;
+constexpr int tileSide = 16;  ///< of agents' and hosts' signs
+constexpr int textLeft = padding + avatarSide + 14;
+constexpr int hostIndent = 18;
 constexpr int barHeight = 6;
 
 QString shown(const std::string& value) { return QString::fromStdString(value); }
@@ -27,7 +29,10 @@ QString spoken(const FamilyRow& row) {
   QStringList parts{shown(row.name), shown(row.state), shown(row.subtitle)};
   if (!row.budget.empty()) parts << shown(row.budget);
   if (!row.alert.empty()) parts << shown(row.alert);
-  for (const auto& bar : row.bars) parts << shown(bar.label) + " " + shown(bar.text);
+  for (const auto& bar : row.bars) {
+    parts << shown(bar.label) + " " + shown(bar.text);
+    if (!bar.detail.empty()) parts << shown(bar.detail);
+  }
   return parts.join(", ");
 }
 
@@ -95,28 +100,33 @@ int FamilyRowView::paintHeading(QPainter* painter, int y) const {
 
 int FamilyRowView::paintBars(QPainter* painter, int y) const {
   const auto& theme = Theme::current();
+  // The bars of a row begin and end at the same places.
   int labelWidth = 0;
+  int valueWidth = 0;
   for (const auto& bar : row_.bars) {
     labelWidth = std::max(labelWidth, fontMetrics().horizontalAdvance(shown(bar.label)));
+    valueWidth = std::max(valueWidth, fontMetrics().horizontalAdvance(shown(bar.text)) + 2);
   }
   for (const auto& bar : row_.bars) {
-    if (painter != nullptr) {
-      const auto area = QRect(textLeft, y, width() - textLeft - padding, lineHeight());
-      const auto value = shown(bar.text);
-      const int room = area.width() - labelWidth - 16;
-      const int valueWidth = std::min(fontMetrics().horizontalAdvance(value) + 2, room * 2 / 3);
-      const int barLeft = area.left() + labelWidth + 8;
-      const QRect barArea(barLeft, y + (lineHeight() - barHeight) / 2, room - valueWidth, barHeight);
-      paintLine(*painter, mirroredRect(QRect(area.left(), y, labelWidth + 1, lineHeight()), *this),
-                shown(bar.label), theme.dim);
-      const auto colour =
-          bar.isLow ? theme.of(bar.remainingPercent <= 10 ? Tone::bad : Tone::warning) : theme.good;
-      paintBar(*painter, mirroredRect(barArea, *this), bar.remainingPercent / 100, colour, isRightToLeft());
-      paintLine(*painter,
-                mirroredRect(QRect(area.right() - valueWidth + 1, y, valueWidth, lineHeight()), *this), value,
-                bar.isLow ? colour : theme.dim, Qt::AlignTrailing);
-    }
+    const auto area = QRect(textLeft, y, width() - textLeft - padding, lineHeight());
+    const int barLeft = area.left() + labelWidth + 8;
     y += lineHeight();
+    if (!bar.detail.empty()) y += lineHeight();
+    if (painter == nullptr) continue;
+    const int room = area.right() - barLeft - 8;
+    const int value = std::min(valueWidth, room * 2 / 3);
+    const QRect barArea(barLeft, area.top() + (lineHeight() - barHeight) / 2, room - value, barHeight);
+    paintLine(*painter, mirroredRect(QRect(area.left(), area.top(), labelWidth + 1, lineHeight()), *this),
+              shown(bar.label), theme.dim);
+    const auto colour =
+        bar.isLow ? theme.of(bar.remainingPercent <= 10 ? Tone::bad : Tone::warning) : theme.good;
+    paintBar(*painter, mirroredRect(barArea, *this), bar.remainingPercent / 100, colour, isRightToLeft());
+    paintLine(*painter, mirroredRect(QRect(area.right() - value + 1, area.top(), value, lineHeight()), *this),
+              shown(bar.text), bar.isLow ? colour : theme.dim, Qt::AlignTrailing);
+    paintLine(
+        *painter,
+        mirroredRect(QRect(barLeft, area.top() + lineHeight(), area.right() - barLeft, lineHeight()), *this),
+        shown(bar.detail), theme.dim);
   }
   return y;
 }
@@ -129,15 +139,22 @@ int FamilyRowView::paintHosts(QPainter* painter, int y) const {
   }
   for (const auto& host : row_.hosts) {
     y += 4;
-    if (painter != nullptr) paintLine(*painter, column(y, lineHeight()), shown(host.name), theme.text);
+    if (painter != nullptr) {
+      const QRect sign(textLeft - 3, y + (lineHeight() - tileSide) / 2, tileSide, tileSide);
+      painter->drawPixmap(mirroredRect(sign, *this).topLeft(),
+                          hostTile(host.name, tileSide, devicePixelRatioF()));
+      paintLine(*painter, column(y, lineHeight(), hostIndent), shown(host.name), theme.text);
+    }
     y += lineHeight();
     for (const auto& session : host.sessions) {
       if (painter != nullptr) {
         painter->setPen(Qt::NoPen);
         painter->setBrush(theme.of(session.visual));
         painter->drawEllipse(mirroredRect(QRect(textLeft + 2, y + lineHeight() / 2 - 3, 7, 7), *this));
-        paintLine(*painter, column(y, lineHeight(), 16), leftToRight(shown(session.title)), theme.text);
-        paintLine(*painter, column(y + lineHeight(), lineHeight(), 16), shown(session.detail), theme.dim);
+        paintLine(*painter, column(y, lineHeight(), hostIndent), leftToRight(shown(session.title)),
+                  theme.text);
+        paintLine(*painter, column(y + lineHeight(), lineHeight(), hostIndent), shown(session.detail),
+                  theme.dim);
       }
       y += 2 * lineHeight();
     }
@@ -161,11 +178,9 @@ void FamilyRowView::paintEvent(QPaintEvent* /*event*/) {
   const auto place = mirroredRect(QRect(padding, padding, avatarSide, avatarSide), *this);
   painter.drawImage(place, avatarImage(avatar_.frame(), qRound(avatarSide * devicePixelRatioF())));
   // Which agent it is, in the avatar's corner.
-  const int tile = 14;
-  painter.drawPixmap(
-      mirroredRect(QRect(padding + avatarSide - tile + 4, padding + avatarSide - tile + 4, tile, tile), *this)
-          .topLeft(),
-      agentTile(row_.agent, tile, devicePixelRatioF()));
+  const int corner = padding + avatarSide - tileSide + 5;
+  painter.drawPixmap(mirroredRect(QRect(corner, corner, tileSide, tileSide), *this).topLeft(),
+                     agentTile(row_.agent, tileSide, devicePixelRatioF()));
   layOut(&painter);
 }
 

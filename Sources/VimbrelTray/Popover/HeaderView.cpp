@@ -2,13 +2,12 @@
 #include "Popover/HeaderView.h"
 
 #include <QGridLayout>
-#include <QLabel>
 #include <QPainter>
 
 #include "Presentation/TimeText.h"
 #include "Views/AvatarPicture.h"
 #include "Views/Painting.h"
-#include "Views/Theme.h"
+#include "Views/ToneLabel.h"
 
 namespace vimbrel::desktop {
 namespace {
@@ -21,18 +20,14 @@ constexpr int padding = 10;
 HeaderView::HeaderView(QWidget* parent)
     : QWidget(parent),
       avatar_([this] { update(); }),
-      title_(new QLabel(this)),
-      elapsed_(new QLabel(this)),
-      reason_(new QLabel(this)) {
+      title_(new ToneLabel(Tone::plain, this)),
+      elapsed_(new ToneLabel(Tone::plain, this)),
+      reason_(new ToneLabel(Tone::dim, this)) {
   auto* layout = new QGridLayout(this);
   layout->setContentsMargins(padding + avatarSide + 12, padding, padding, padding);
   layout->setVerticalSpacing(2);
-  auto large = font();
-  large.setPointSizeF(large.pointSizeF() * 1.35);
-  large.setBold(true);
-  title_->setFont(large);
+  title_->setScale(1.4, true);
   reason_->setWordWrap(true);
-  for (auto* label : {title_, elapsed_, reason_}) label->setTextFormat(Qt::PlainText);
   layout->addWidget(title_, 0, 0);
   layout->addWidget(elapsed_, 0, 1, Qt::AlignTrailing | Qt::AlignVCenter);
   layout->addWidget(reason_, 1, 0, 1, 2);
@@ -45,17 +40,9 @@ void HeaderView::setContent(const PopoverContent& content) {
   avatar_.setMood({.state = content.display.visualState,
                    .isAbsent = content.isAbsent,
                    .isPaused = content.display.isPaused});
-  const auto& theme = Theme::current();
-  const auto paint = [](QLabel* label, const QColor& colour) {
-    auto palette = label->palette();
-    palette.setColor(QPalette::WindowText, colour);
-    label->setPalette(palette);
-  };
   title_->setText(QString::fromStdString(content.title));
-  paint(title_, theme.of(content.tone));
+  title_->setTone(content.tone);
   reason_->setText(QString::fromStdString(content.reason));
-  paint(reason_, theme.dim);
-  paint(elapsed_, theme.text);
   countsFrom_ = content.countsFrom;
   elapsed_->setVisible(countsFrom_.has_value());
 }

@@ -6,9 +6,9 @@
 #include "Presentation/PopoverContent.h"
 #include "Views/AvatarAnimation.h"
 
-class QLabel;
-
 namespace vimbrel::desktop {
+
+class ToneLabel;
 
 /// The avatar, what was decided and why, and for how long it holds.
 class HeaderView final : public QWidget {
@@ -26,9 +26,9 @@ class HeaderView final : public QWidget {
 
  private:
   AvatarAnimation avatar_;
-  QLabel* title_;
-  QLabel* elapsed_;
-  QLabel* reason_;
+  ToneLabel* title_;
+  ToneLabel* elapsed_;
+  ToneLabel* reason_;
   std::optional<Instant> countsFrom_;
 };
 

@@ -18,9 +18,12 @@
 #include "Popover/FamilyRowView.h"
 #include "Popover/HeaderView.h"
 #include "Popover/PowerView.h"
-#include "Popover/SwitchButton.h"
 #include "Popover/UsageView.h"
+#include "Views/Card.h"
+#include "Views/SwitchButton.h"
 #include "Views/Theme.h"
+#include "Views/ToneLabel.h"
+#include "Views/VimbrelStyle.h"
 #include "Views/WindowSystem.h"
 
 namespace vimbrel::desktop {
@@ -37,14 +40,6 @@ constexpr auto focusPatience = std::chrono::milliseconds(150);
 constexpr Qt::WindowFlags flags =
     Qt::Tool | Qt::FramelessWindowHint | Qt::WindowStaysOnTopHint | Qt::NoDropShadowWindowHint;
 
-QFrame* separator(QWidget* parent) {
-  auto* line = new QFrame(parent);
-  line->setFrameShape(QFrame::HLine);
-  line->setFrameShadow(QFrame::Plain);
-  line->setForegroundRole(QPalette::Mid);
-  return line;
-}
-
 }  // namespace
 
 PopoverWindow::PopoverWindow()
@@ -52,8 +47,9 @@ PopoverWindow::PopoverWindow()
       page_(new QWidget),
       scroll_(new QScrollArea(this)),
       header_(new HeaderView(page_)),
-      notices_(new QLabel(page_)),
-      offer_(new QPushButton(page_)),
+      notices_(new ToneLabel(Tone::warning, page_)),
+      offerBox_(new QWidget(page_)),
+      offer_(new QPushButton(offerBox_)),
       families_(new QVBoxLayout),
       power_(new PowerView(page_)),
       usage_(new UsageView(page_)),
@@ -62,7 +58,8 @@ PopoverWindow::PopoverWindow()
   setWindowTitle(tr("Vimbrel"));
   setObjectName("popover");
   auto* outer = new QVBoxLayout(this);
-  outer->setContentsMargins(6, 6, 6, 6);
+  outer->setContentsMargins(6, 8, 6, 6);
+  outer->setSpacing(4);
   outer->addWidget(scroll_);
   scroll_->setWidget(page_);
   scroll_->setWidgetResizable(true);
@@ -77,15 +74,15 @@ PopoverWindow::PopoverWindow()
   column->setSpacing(4);
   column->addWidget(header_);
   notices_->setWordWrap(true);
-  notices_->setTextFormat(Qt::PlainText);
   notices_->setContentsMargins(10, 0, 10, 4);
   column->addWidget(notices_);
   families_->setSpacing(2);
   column->addLayout(families_);
-  auto* offerRow = new QHBoxLayout;
+  VimbrelStyle::makePrimary(*offer_);
+  auto* offerRow = new QHBoxLayout(offerBox_);
   offerRow->setContentsMargins(10, 4, 10, 8);
   offerRow->addWidget(offer_);
-  column->addLayout(offerRow);
+  column->addWidget(offerBox_);
   connect(offer_, &QPushButton::clicked, this, [this] {
     const bool isStart = content_.offer == PopoverContent::Offer::start;
     Q_EMIT chosen(isStart ? MenuAction::startApplication : MenuAction::agents);
@@ -93,15 +90,16 @@ PopoverWindow::PopoverWindow()
 
   auto* inner = new QVBoxLayout(running_);
   inner->setContentsMargins(0, 0, 0, 0);
-  inner->setSpacing(2);
-  inner->addWidget(separator(running_));
+  inner->setSpacing(4);
+  inner->addWidget(new Divider(running_));
   inner->addWidget(power_);
-  inner->addWidget(separator(running_));
+  inner->addWidget(new Divider(running_));
   inner->addWidget(usage_);
-  inner->addWidget(separator(running_));
+  inner->addWidget(new Divider(running_));
   inner->addWidget(makeSwitches());
   column->addWidget(running_);
   column->addStretch(1);
+  outer->addWidget(new Divider(this));
   outer->addWidget(makeFooter());
   sinceClosed_.start();
 }
@@ -150,7 +148,7 @@ QWidget* PopoverWindow::makeSwitches() {
 QWidget* PopoverWindow::makeFooter() {
   auto* footer = new QWidget(this);
   auto* row = new QHBoxLayout(footer);
-  row->setContentsMargins(4, 4, 4, 2);
+  row->setContentsMargins(0, 0, 0, 0);
   row->setSpacing(2);
   const auto add = [&](const QString& text, MenuAction action) {
     auto* button = new QPushButton(text, footer);
@@ -175,7 +173,7 @@ void PopoverWindow::setContent(const PopoverContent& content, Instant now) {
     header_->setContent(content);
     showNotices();
     showFamilies(content.families);
-    offer_->setVisible(content.offer != PopoverContent::Offer::nothing);
+    offerBox_->setVisible(content.offer != PopoverContent::Offer::nothing);
     offer_->setEnabled(content.offer != PopoverContent::Offer::waitForStart);
     offer_->setText(QString::fromStdString(content.offerText));
     running_->setVisible(!content.isAbsent);
@@ -211,9 +209,6 @@ void PopoverWindow::showNotices() {
   for (const auto& notice : content_.notices) lines << QString::fromStdString(notice);
   notices_->setText(lines.join("\n"));
   notices_->setVisible(!lines.isEmpty());
-  auto palette = notices_->palette();
-  palette.setColor(QPalette::WindowText, Theme::current().warning);
-  notices_->setPalette(palette);
 }
 
 /// A row that stays keeps its place, its focus and whether it is open.
@@ -255,15 +250,15 @@ QRect PopoverWindow::screenArea() const {
 void PopoverWindow::fit() {
   if (!isVisible() && !testAttribute(Qt::WA_WState_ExplicitShowHide)) return;
   const auto area = screenArea();
-  const int width = std::min(std::max(fontMetrics().averageCharWidth() * 52, 360), area.width() - 16);
+  const int width = std::min(std::max(fontMetrics().averageCharWidth() * 56, 384), area.width() - 16);
   layout()->activate();
   page_->layout()->activate();
   const auto margins = layout()->contentsMargins();
   const int inner = width - margins.left() - margins.right();
   const int page = page_->layout()->hasHeightForWidth() ? page_->layout()->totalHeightForWidth(inner)
                                                         : page_->sizeHint().height();
-  const int footer = layout()->itemAt(1)->sizeHint().height();
-  const int wanted = page + footer + margins.top() + margins.bottom() + layout()->spacing();
+  const int footer = layout()->itemAt(1)->sizeHint().height() + layout()->itemAt(2)->sizeHint().height();
+  const int wanted = page + footer + margins.top() + margins.bottom() + 2 * layout()->spacing();
   const int height = std::min(wanted, area.height() - 16);
   const QRect anchor = item_.isValid() ? item_ : QRect(QCursor::pos(), QSize(1, 1));
   const bool isBelow = anchor.center().y() < area.center().y();

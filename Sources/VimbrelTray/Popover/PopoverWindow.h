@@ -10,7 +10,6 @@
 #include "Presentation/TrayItem.h"
 #include "Presentation/UsageSummaries.h"
 
-class QLabel;
 class QPushButton;
 class QScrollArea;
 class QVBoxLayout;
@@ -21,6 +20,7 @@ class FamilyRowView;
 class HeaderView;
 class PowerView;
 class SwitchButton;
+class ToneLabel;
 class UsageView;
 
 /// The panel that opens at the menu-bar item. It closes when something else is clicked or gets the focus, and
@@ -70,7 +70,8 @@ class PopoverWindow final : public QWidget, public PopoverStatusSurface {
   QWidget* page_;
   QScrollArea* scroll_;
   HeaderView* header_;
-  QLabel* notices_;
+  ToneLabel* notices_;
+  QWidget* offerBox_;
   QPushButton* offer_;
   QVBoxLayout* families_;
   std::vector<FamilyRowView*> rows_;

@@ -3,9 +3,13 @@
 
 #include <QHelpEvent>
 #include <QPainter>
+#include <QPainterPath>
 #include <QToolTip>
 #include <algorithm>
+#include <utility>
+#include <vector>
 
+#include "Say.h"
 #include "Views/Painting.h"
 #include "Views/Theme.h"
 
@@ -55,8 +59,7 @@ void UsageView::paintLegend(QPainter& painter, int y) const {
   const int height = fontMetrics().height() + 2;
   int x = padding;
   for (const auto agent : chart_.agents) {
-    const auto name =
-        QString::fromUtf8(displayName(agent).data(), static_cast<qsizetype>(displayName(agent).size()));
+    const auto name = QString::fromStdString(retell(displayName(agent)));
     const int width = 12 + fontMetrics().horizontalAdvance(name) + 12;
     if (x + width > this->width() - padding + 12) break;
     painter.setPen(Qt::NoPen);
@@ -67,6 +70,39 @@ void UsageView::paintLegend(QPainter& painter, int y) const {
   }
 }
 
+/// Agents on top of each other, in a bar with a round top; a day without use has only its foot.
+void UsageView::paintDay(QPainter& painter, std::size_t index) const {
+  const auto& theme = Theme::current();
+  const auto area = barArea(index);
+  const auto& day = chart_.days[index];
+  painter.setPen(Qt::NoPen);
+  painter.setBrush(theme.track);
+  painter.drawRect(area.left(), area.bottom(), area.width(), 1);
+  double height = 0;
+  std::vector<std::pair<AgentType, double>> parts;
+  for (const auto& [agent, tokens] : day.tokens) {
+    if (tokens <= 0) continue;
+    const double share = static_cast<double>(tokens) / static_cast<double>(chart_.mostTokens);
+    // What was used is seen, however little beside the largest day.
+    parts.emplace_back(agent, std::max(share * area.height(), 2.0));
+    height += parts.back().second;
+  }
+  if (parts.empty()) return;
+  const double round = std::min(3.0, height);
+  QPainterPath bar;
+  bar.addRoundedRect(QRectF(area.left(), area.bottom() - height, area.width(), height + round), round, round);
+  painter.save();
+  painter.setClipRect(area.adjusted(0, -2, 0, 0));
+  double bottom = area.bottom();
+  for (const auto& [agent, part] : parts) {
+    QPainterPath box;
+    box.addRect(QRectF(area.left(), bottom - part, area.width(), part));
+    painter.fillPath(bar.intersected(box), theme.of(agent));
+    bottom -= part;
+  }
+  painter.restore();
+}
+
 void UsageView::paintEvent(QPaintEvent* /*event*/) {
   const auto& theme = Theme::current();
   QPainter painter(this);
@@ -74,22 +110,7 @@ void UsageView::paintEvent(QPaintEvent* /*event*/) {
   const auto title = QRect(padding, 4, width() - 2 * padding, fontMetrics().height() + 4);
   paintLine(painter, title, QString::fromStdString(chart_.today), theme.text);
   if (chart_.mostTokens == 0) return;
-  for (std::size_t i = 0; i < chart_.days.size(); ++i) {
-    const auto area = barArea(i);
-    const auto& day = chart_.days[i];
-    painter.setPen(Qt::NoPen);
-    painter.setBrush(theme.track);
-    painter.drawRect(area.left(), area.bottom(), area.width(), 1);
-    double bottom = area.bottom();
-    for (const auto& [agent, tokens] : day.tokens) {
-      const double share = static_cast<double>(tokens) / static_cast<double>(chart_.mostTokens);
-      // What was used is seen, however little beside the largest day.
-      const double height = tokens > 0 ? std::max(share * area.height(), 1.5) : 0;
-      painter.setBrush(theme.of(agent));
-      painter.drawRect(QRectF(area.left(), bottom - height, area.width(), height));
-      bottom -= height;
-    }
-  }
+  for (std::size_t i = 0; i < chart_.days.size(); ++i) paintDay(painter, i);
   paintLegend(painter, chartArea().bottom() + 4);
 }
 

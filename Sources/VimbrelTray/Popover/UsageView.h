@@ -23,6 +23,7 @@ class UsageView final : public QWidget {
  private:
   [[nodiscard]] QRect chartArea() const;
   [[nodiscard]] QRect barArea(std::size_t day) const;
+  void paintDay(QPainter& painter, std::size_t index) const;
   void paintLegend(QPainter& painter, int y) const;
   UsageChart chart_;
 };

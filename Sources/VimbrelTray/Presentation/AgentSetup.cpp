@@ -5,6 +5,7 @@
 #include <nlohmann/json.hpp>
 
 #include "Presentation/JsonFields.h"
+#include "Say.h"
 
 namespace vimbrel::desktop {
 
@@ -39,11 +40,11 @@ std::vector<AgentRow> makeAgentRows(const json& result) {
   for (const auto& each : memberOf(result, "agents")) {
     const auto agent = agentTypeFromRawValue(textOf(each, "agentType"));
     if (!agent) continue;
-    AgentRow row{.agent = *agent, .name = std::string(displayName(*agent))};
+    AgentRow row{.agent = *agent, .name = retell(displayName(*agent))};
     row.isInstalled = flagOf(each, "isInstalled");
     row.isConnected = flagOf(each, "isIntegrationActive");
-    row.status = textOf(each, "statusMessage");
-    row.version = textOf(each, "agentVersion");
+    row.status = retell(textOf(each, "statusMessage"));
+    row.version = retell(textOf(each, "agentVersion"));
     row.lastEventAt = instantOf(each, "lastEventAt");
     row.tone = row.isConnected ? Tone::good : row.isInstalled ? Tone::warning : Tone::dim;
     rows.push_back(std::move(row));
@@ -56,8 +57,8 @@ AgentInstructions makeAgentInstructions(const json& result) {
   AgentInstructions setup;
   setup.snippet = firstText(result, {"currentSetupSnippet", "manualSetupSnippet"});
   setup.configPath = firstText(result, {"currentConfigPath", "targetConfigPath"});
-  setup.instructions = firstText(result, {"currentSetupInstructions", "manualSetupInstructions"});
-  setup.versions = textOf(result, "currentAgentVersions");
+  setup.instructions = retell(firstText(result, {"currentSetupInstructions", "manualSetupInstructions"}));
+  setup.versions = retell(textOf(result, "currentAgentVersions"));
   return setup;
 }
 

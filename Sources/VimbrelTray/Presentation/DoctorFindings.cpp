@@ -5,7 +5,7 @@
 #include <nlohmann/json.hpp>
 
 #include "Presentation/JsonFields.h"
-#include "Presentation/Text.h"
+#include "Say.h"
 
 namespace vimbrel::desktop {
 namespace {
@@ -35,9 +35,9 @@ std::vector<FindingRow> makeFindingRows(const nlohmann::json& result) {
       row.tone = Tone::warning;
       row.verdict = say("Attention");
     }
-    row.subject = textOf(finding, "subject");
-    row.explanation = textOf(finding, "explanation");
-    row.remedy = textOf(finding, "remedy");
+    row.subject = retell(textOf(finding, "subject"));
+    row.explanation = retell(textOf(finding, "explanation"));
+    row.remedy = retell(textOf(finding, "remedy"));
     rows.push_back(std::move(row));
   }
   std::ranges::stable_sort(rows, {}, rankOf);

@@ -5,10 +5,11 @@
 #include <ctime>
 #include <nlohmann/json.hpp>
 
+#include "DateWords.h"
 #include "Domain/ProtectionEpisode.h"
 #include "Presentation/JsonFields.h"
-#include "Presentation/Text.h"
 #include "Presentation/TimeText.h"
+#include "Say.h"
 #include "Support/CalendarDay.h"
 #include "Support/DurationText.h"
 
@@ -18,12 +19,12 @@ using nlohmann::json;
 
 namespace {
 
-std::string clockText(Instant moment, const char* format = "%H:%M") {
+std::string clockText(Instant moment) {
   const auto seconds = static_cast<std::time_t>(unixSeconds(moment));
   std::tm fields{};
   ::localtime_r(&seconds, &fields);
   char buffer[64];
-  return {buffer, std::strftime(buffer, sizeof buffer, format, &fields)};
+  return {buffer, std::strftime(buffer, sizeof buffer, "%H:%M", &fields)};
 }
 
 std::string endingText(const ProtectionEpisode& episode) {
@@ -33,7 +34,7 @@ std::string endingText(const ProtectionEpisode& episode) {
     case EpisodeEnding::finished:
       return say("agents were done");
     case EpisodeEnding::blocked:
-      return episode.block ? std::string(rawValue(*episode.block)) : say("cut off");
+      return episode.block ? retell(rawValue(*episode.block)) : say("cut off");
     case EpisodeEnding::stopped:
       return say("Vimbrel was stopped");
     case EpisodeEnding::interrupted:
@@ -52,7 +53,7 @@ Tone toneOf(const ProtectionEpisode& episode) {
 
 std::string joined(const std::vector<std::string>& texts) {
   std::string result;
-  for (const auto& text : texts) result += (result.empty() ? "" : "; ") + text;
+  for (const auto& text : texts) result += (result.empty() ? "" : "; ") + retell(text);
   return result;
 }
 
@@ -89,12 +90,11 @@ EpisodeRow makeRow(const ProtectionEpisode& episode, Instant now) {
 
 std::string totalText(const ProtectionTotals& totals) {
   if (totals.episodes == 0) return say("Nothing has kept this machine awake yet.");
-  auto text = say("Kept awake for %1 in all, ", {formatDuration(Seconds(totals.protectedSeconds))}) +
-              sayCount(totals.episodes, "once", "%1 times");
-  if (totals.safetyCutoffs > 0) {
-    text += sayCount(totals.safetyCutoffs, "; cut off for safety once", "; cut off for safety %1 times");
-  }
-  return text;
+  const auto text = say("Kept awake for %1 in all, %2", {formatDuration(Seconds(totals.protectedSeconds)),
+                                                         sayCount(totals.episodes, "once", "%1 times")});
+  if (totals.safetyCutoffs == 0) return text;
+  return text + "; " +
+         sayCount(totals.safetyCutoffs, "cut off for safety once", "cut off for safety %1 times");
 }
 
 }  // namespace
@@ -114,7 +114,7 @@ EpisodeTimeline makeEpisodeTimeline(const json& result, Instant now) {
   const auto oldest = std::chrono::sys_days(localDay(episodes.back().startedAt));
   auto date = std::chrono::sys_days(localDay(now));
   for (int count = 0; count < EpisodeTimeline::mostDays && date >= oldest; ++count) {
-    TimelineDay day{.day = date, .name = clockText(startOfLocalDay(date), "%a %e %b")};
+    TimelineDay day{.day = date, .name = shortDate(date)};
     for (const auto& episode : episodes) addTo(day, episode);
     if (day.seconds > 0) day.protection = formatDuration(Seconds(day.seconds));
     timeline.days.push_back(std::move(day));

@@ -3,8 +3,8 @@
 #include <cstdlib>
 
 #include "Presentation/PopoverContent.h"
-#include "Presentation/Text.h"
 #include "Presentation/TimeText.h"
+#include "Say.h"
 
 namespace vimbrel::desktop {
 namespace {
@@ -24,8 +24,8 @@ std::string homeShortened(const std::string& directory) {
 
 SessionRow makeSessionRow(const AgentSession& session, Instant now) {
   SessionRow row{.id = session.id, .visual = visualStateFor(session.state)};
-  row.title = session.cwd ? homeShortened(*session.cwd) : std::string(displayName(session.integrationType));
-  row.detail = std::string(displayLabel(session.state)) + separator + agoText(session.lastEventAt, now);
+  row.title = session.cwd ? homeShortened(*session.cwd) : retell(displayName(session.integrationType));
+  row.detail = retell(displayLabel(session.state)) + separator + agoText(session.lastEventAt, now);
   if (session.pid) row.detail += separator + say("pid %1", {std::to_string(*session.pid)});
   return row;
 }
@@ -51,18 +51,18 @@ std::vector<BudgetBar> barsOf(const ProviderBudgetReport& report) {
 
 FamilyRow makeFamilyRow(const AgentFamilyPresentation& family, Instant now) {
   FamilyRow row{.agent = family.agentType, .visual = visualStateFor(family.aggregateState)};
-  row.name = family.displayName();
-  row.state = displayLabel(family.aggregateState);
-  row.subtitle = family.summarySubtitle();
-  if (const auto line = family.budgetSummaryLine(); line != row.subtitle) row.budget = line;
+  row.name = retell(family.displayName());
+  row.state = retell(displayLabel(family.aggregateState));
+  row.subtitle = retell(family.summarySubtitle());
+  if (const auto line = retell(family.budgetSummaryLine()); line != row.subtitle) row.budget = line;
   if (family.budgetReport) {
     row.bars = barsOf(*family.budgetReport);
     const auto& quota = family.budgetReport->quota;
     if (const auto* value = quota.value(); value != nullptr && value->resetsAt && *value->resetsAt > now) {
-      row.bars.back().text += separator + say("resets %1", {momentText(*value->resetsAt, now)});
+      row.bars.back().detail = say("resets %1", {momentText(*value->resetsAt, now)});
     }
   }
-  if (const auto alert = family.lowBudgetAlert()) row.alert = alert->message;
+  if (const auto alert = family.lowBudgetAlert()) row.alert = retell(alert->message);
   for (const auto& host : family.hosts) {
     HostRow hostRow{.name = host.hostAppName};
     for (const auto& session : host.sessions) hostRow.sessions.push_back(makeSessionRow(*session, now));

@@ -3,7 +3,7 @@
 
 #include <algorithm>
 
-#include "Presentation/Text.h"
+#include "Say.h"
 
 namespace vimbrel::desktop {
 namespace {
@@ -14,12 +14,12 @@ std::string onlyFamilyIn(const std::vector<AgentFamilyPresentation>& families, A
     return std::ranges::any_of(family.sessions, [&](const auto& session) { return session->state == state; });
   };
   if (std::ranges::count_if(families, isIn) != 1) return {};
-  return std::ranges::find_if(families, isIn)->displayName();
+  return retell(std::ranges::find_if(families, isIn)->displayName());
 }
 
 std::string pillText(const PublishedState& state, const NotchPill& pill, Instant now) {
   if (!failingHoldText(state).empty()) return say("Not held awake");
-  if (const auto* blocked = state.decision.asBlocked()) return std::string(rawValue(blocked->block));
+  if (const auto* blocked = state.decision.asBlocked()) return retell(rawValue(blocked->block));
   const auto families = familiesOf(state, now);
   if (pill.visual == VimbrelVisualState::waiting) {
     const auto name = onlyFamilyIn(families, AgentState::waiting);

@@ -3,8 +3,8 @@
 
 #include <algorithm>
 
-#include "Presentation/Text.h"
 #include "Presentation/TimeText.h"
+#include "Say.h"
 #include "Support/DurationText.h"
 
 namespace vimbrel::desktop {
@@ -15,14 +15,14 @@ void describePower(const PublishedState& state, PowerLine& line) {
   if (!power.batteryPercent) {
     line.power = power.isOnAC ? say("AC power") : say("Battery");
   } else {
-    line.power = say(power.isOnAC ? "AC power, battery %1 %" : "Battery %1 %",
-                     {std::to_string(*power.batteryPercent)});
+    const auto percent = std::to_string(*power.batteryPercent);
+    line.power = power.isOnAC ? say("AC power, battery %1 %", {percent}) : say("Battery %1 %", {percent});
   }
-  if (power.isCharging) line.power += say(", charging");
+  if (power.isCharging) line.power += ", " + say("charging");
   if (power.timeRemainingMinutes && !power.isOnAC) {
-    line.power += say(", %1 left", {formatDuration(Seconds(60.0 * *power.timeRemainingMinutes))});
+    line.power += ", " + say("%1 left", {formatDuration(Seconds(60.0 * *power.timeRemainingMinutes))});
   }
-  if (power.isLowPowerMode) line.power += say(", low-power mode");
+  if (power.isLowPowerMode) line.power += ", " + say("low-power mode");
   if (power.isOnAC || !power.batteryPercent) return;
   if (*power.batteryPercent <= state.batteryFloorPercent) {
     line.powerTone = Tone::bad;
@@ -61,7 +61,7 @@ void describeLid(const PublishedState& state, PowerLine& line) {
     case Cover::uncovered:
       line.lid = say("%1, do not close it", {place});
       line.lidTone = Tone::warning;
-      line.lidRemedy = state.lid.remedy.empty() ? state.lid.explanation : state.lid.remedy;
+      line.lidRemedy = retell(state.lid.remedy.empty() ? state.lid.explanation : state.lid.remedy);
       return;
     case Cover::off:
       line.lid = say("%1, not covered", {place});
@@ -77,24 +77,24 @@ void describeDecision(const PublishedState& state, PopoverContent& content, Inst
   if (const auto* hold = state.decision.asHold()) {
     content.title = state.isSystemHeld ? say("Awake") : say("Not held");
     content.tone = state.isSystemHeld ? Tone::good : Tone::bad;
-    content.reason = hold->reason;
+    content.reason = retell(hold->reason);
     content.countsFrom = state.protectionStartedAt;
   } else if (const auto* release = state.decision.asRelease()) {
     content.title = say("Sleep allowed");
-    content.reason = release->reason;
+    content.reason = retell(release->reason);
   } else if (const auto* blocked = state.decision.asBlocked()) {
     const bool isPaused = blocked->block == SafetyBlock::paused && content.display.isPaused;
     content.title = isPaused ? say("Paused") : say("Protection is off");
     content.tone = isCriticalSafety(blocked->block) ? Tone::bad : Tone::warning;
-    content.reason = isPaused ? say("Until %1", {momentText(*state.pauseUntil, now)})
-                              : std::string(rawValue(blocked->block));
+    content.reason =
+        isPaused ? say("Until %1", {momentText(*state.pauseUntil, now)}) : retell(rawValue(blocked->block));
   }
 }
 
 void addNotices(const PublishedState& state, PopoverContent& content) {
   if (auto failing = failingHoldText(state); !failing.empty()) content.notices.push_back(std::move(failing));
   if (state.isSimulated) content.notices.push_back(say("Simulated: nothing keeps this machine awake"));
-  content.notices.insert(content.notices.end(), state.warnings.begin(), state.warnings.end());
+  for (const auto& warning : state.warnings) content.notices.push_back(retell(warning));
 }
 
 PopoverContent absentContent(LinkStatus link) {

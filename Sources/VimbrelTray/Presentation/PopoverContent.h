@@ -14,6 +14,7 @@ namespace vimbrel::desktop {
 struct BudgetBar {
   std::string label;            ///< "Context", "Quota"
   std::string text;             ///< "60 % left"
+  std::string detail;           ///< "resets Sat 31 Jan, 06:00"; empty when there is nothing to add
   double remainingPercent = 0;  ///< 0 to 100
   bool isLow = false;           ///< carries the low-budget mark
   bool operator==(const BudgetBar&) const = default;

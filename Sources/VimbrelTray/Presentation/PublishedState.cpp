@@ -10,7 +10,7 @@
 #include "Domain/PowerSourceSnapshotCodec.h"
 #include "Domain/WakeDecisionCodec.h"
 #include "Presentation/JsonFields.h"
-#include "Presentation/Text.h"
+#include "Say.h"
 
 namespace vimbrel::desktop {
 
@@ -59,7 +59,7 @@ std::string notHeldReason(const json& mechanisms) {
     const auto state = textOf(mechanism, "state");
     if (state != "refused" && state != "missing") continue;
     if (!reason.empty()) reason += "; ";
-    reason += textOf(mechanism, "name") + ": " + textOf(mechanism, "detail");
+    reason += retell(textOf(mechanism, "name")) + ": " + retell(textOf(mechanism, "detail"));
   }
   return reason;
 }
@@ -93,7 +93,7 @@ bool PublishedState::operator==(const PublishedState& other) const {
 
 std::expected<PublishedState, std::string> publishedStateFromJson(const json& value) {
   auto decision = wakeDecisionFromJson(memberOf(value, "decision"));
-  if (!decision) return std::unexpected("the state has no decision that can be read");
+  if (!decision) return std::unexpected(say("the state has no decision that can be read"));
   PublishedState state;
   state.decision = std::move(*decision);
   state.statusDescription = textOf(value, "statusDescription");

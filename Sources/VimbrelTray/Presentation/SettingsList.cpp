@@ -7,7 +7,7 @@
 #include <nlohmann/json.hpp>
 
 #include "Presentation/JsonFields.h"
-#include "Presentation/Text.h"
+#include "Say.h"
 #include "Support/DurationText.h"
 
 namespace vimbrel::desktop {
@@ -24,23 +24,22 @@ struct KnownSetting {
 
 /// In the order in which the window shows them.
 constexpr std::array known{
-    KnownSetting{"masterEnabled", "Protection", "Protection"},
-    KnownSetting{"manualHoldEnabled", "Protection", "Keep awake now"},
-    KnownSetting{"releaseDelaySeconds", "Protection", "Release delay"},
-    KnownSetting{"waitingGraceSeconds", "Protection", "Longest wait for an answer"},
-    KnownSetting{"maximumHoldSeconds", "Protection", "Longest hold without news"},
-    KnownSetting{"preventDisplaySleep", "Protection", "Keep the display on"},
-    KnownSetting{"deepLidProtectionEnabled", "Protection", "Closed lid"},
-    KnownSetting{"onlyOnAC", "Safety", "Only on AC power"},
-    KnownSetting{"batteryFloorPercent", "Safety", "Battery floor"},
-    KnownSetting{"notificationsEnabled", "Notices", "Notifications"},
-    KnownSetting{"lowBudgetNotificationsEnabled", "Notices", "Low budgets"},
-    KnownSetting{"soundEnabled", "Notices", "Sound"},
-    KnownSetting{"notchEnabled", "Desktop", "Pill at the top of the screen"},
-    KnownSetting{"notchAlwaysVisible", "Desktop", "Keep the pill there"},
-    KnownSetting{"launchAtLogin", "Desktop", "Start at login"},
+    KnownSetting{"masterEnabled", toSay("Protection"), toSay("Protection")},
+    KnownSetting{"manualHoldEnabled", toSay("Protection"), toSay("Keep awake now")},
+    KnownSetting{"releaseDelaySeconds", toSay("Protection"), toSay("Release delay")},
+    KnownSetting{"waitingGraceSeconds", toSay("Protection"), toSay("Longest wait for an answer")},
+    KnownSetting{"maximumHoldSeconds", toSay("Protection"), toSay("Longest hold without news")},
+    KnownSetting{"preventDisplaySleep", toSay("Protection"), toSay("Keep the display on")},
+    KnownSetting{"deepLidProtectionEnabled", toSay("Protection"), toSay("Closed lid")},
+    KnownSetting{"onlyOnAC", toSay("Safety"), toSay("Only on AC power")},
+    KnownSetting{"batteryFloorPercent", toSay("Safety"), toSay("Battery floor")},
+    KnownSetting{"notificationsEnabled", toSay("Notices"), toSay("Notifications")},
+    KnownSetting{"lowBudgetNotificationsEnabled", toSay("Notices"), toSay("Low budgets")},
+    KnownSetting{"soundEnabled", toSay("Notices"), toSay("Sound")},
+    KnownSetting{"notchEnabled", toSay("Desktop"), toSay("Pill at the top of the screen")},
+    KnownSetting{"notchAlwaysVisible", toSay("Desktop"), toSay("Keep the pill there")},
+    KnownSetting{"launchAtLogin", toSay("Desktop"), toSay("Start at login")},
 };
-constexpr const char* otherSection = "More";
 
 /// What the desktop handles elsewhere.
 constexpr std::array<std::string_view, 2> elsewhere{"hasCompletedOnboarding", "pauseUntil"};
@@ -100,14 +99,14 @@ std::optional<SettingRow> makeSettingRow(const json& setting) {
   } else {
     row.control = type == "integer" ? Control::wholeNumber : Control::number;
   }
-  row.section = say(otherSection);
-  row.help = textOf(setting, "help");
+  row.section = say("More");
+  row.help = retell(textOf(setting, "help"));
   row.title = row.help;
   if (const auto rank = rankOf(row); rank < known.size()) {
     row.section = say(known[rank].section);
     row.title = say(known[rank].title);
   }
-  row.unit = unit == "percent" ? "%" : unit == "seconds" ? "s" : unit;
+  row.unit = unit == "percent" ? "%" : unit == "seconds" ? "s" : retell(unit);
   row.minimum = numberOf(setting, "minimum");
   row.maximum = numberOf(setting, "maximum");
   row.isOn = flagOf(setting, "value");
@@ -130,7 +129,7 @@ SettingsList makeSettingsList(const json& result) {
   std::ranges::stable_sort(list.rows, {}, rankOf);
   list.location = textOf(result, "location");
   for (const auto& warning : memberOf(result, "warnings")) {
-    if (warning.is_string()) list.warnings.push_back(warning.get<std::string>());
+    if (warning.is_string()) list.warnings.push_back(retell(warning.get<std::string>()));
   }
   return list;
 }

@@ -6,7 +6,8 @@
 #include <cstdio>
 #include <ctime>
 
-#include "Presentation/Text.h"
+#include "DateWords.h"
+#include "Say.h"
 #include "Support/CalendarDay.h"
 #include "Support/DurationText.h"
 
@@ -35,7 +36,7 @@ std::string momentText(Instant moment, Instant now) {
   if (days == std::chrono::days(0)) return clock;
   if (days == std::chrono::days(1)) return say("tomorrow, %1", {clock});
   if (days == std::chrono::days(-1)) return say("yesterday, %1", {clock});
-  return formatted(fields, "%a %e %b, ") + clock;
+  return shortDate(localDay(moment)) + ", " + clock;
 }
 
 std::string runningText(Seconds elapsed) {

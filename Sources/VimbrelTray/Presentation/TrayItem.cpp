@@ -3,8 +3,8 @@
 
 #include <algorithm>
 
-#include "Presentation/Text.h"
 #include "Presentation/TimeText.h"
+#include "Say.h"
 
 namespace vimbrel::desktop {
 namespace {
@@ -29,7 +29,7 @@ MenuEntry agentsMenu(const PublishedState& state, Instant now) {
     const auto label = visualStateFor(family.aggregateState) == VimbrelVisualState::idle
                            ? displayLabel(VimbrelVisualState::idle)
                            : displayLabel(family.aggregateState);
-    menu.children.push_back(line(say("%1: %2", {family.displayName(), label})));
+    menu.children.push_back(line(retell(family.displayName()) + ": " + retell(label)));
   }
   if (menu.children.empty()) menu.children.push_back(line(say("No agents")));
   menu.children.push_back(separator());
@@ -49,7 +49,7 @@ std::vector<MenuEntry> absentMenu(bool isStarting) {
 }
 
 std::vector<MenuEntry> connectedMenu(const PublishedState& state, bool isPaused, Instant now) {
-  std::vector<MenuEntry> menu{line(state.statusDescription)};
+  std::vector<MenuEntry> menu{line(retell(state.statusDescription))};
   if (isPaused) menu.push_back(line(say("Paused until %1", {momentText(*state.pauseUntil, now)})));
   menu.push_back(agentsMenu(state, now));
   menu.push_back(separator());
@@ -68,6 +68,7 @@ std::vector<MenuEntry> connectedMenu(const PublishedState& state, bool isPaused,
   menu.push_back(item(MenuAction::history, say("History and Usage…")));
   menu.push_back(item(MenuAction::settings, say("Settings…")));
   menu.push_back(item(MenuAction::diagnostics, say("Diagnostics…")));
+  menu.push_back(item(MenuAction::introduction, say("Introduction…")));
   menu.push_back(separator());
   menu.push_back(item(MenuAction::quit, say("Quit")));
   return menu;
@@ -91,13 +92,13 @@ TrayItem makeTrayItem(const Situation& situation, Instant now) {
   tray.visual = display.visualState;
   tray.isPaused = display.isPaused;
   tray.workingCount = display.activeWorkingAgentCount;
-  tray.title = state.statusDescription;
+  tray.title = retell(state.statusDescription);
   if (const auto failing = failingHoldText(state); !failing.empty()) {
     tray.detail = failing;
   } else if (display.isPaused) {
     tray.detail = say("Paused until %1", {momentText(*state.pauseUntil, now)});
   } else if (state.decision.isHolding() && state.lid.cover == LidCoverage::Cover::uncovered) {
-    tray.detail = say("Keep the lid open: %1", {state.lid.explanation});
+    tray.detail = say("Keep the lid open: %1", {retell(state.lid.explanation)});
   }
   tray.menu = connectedMenu(state, display.isPaused, now);
   return tray;

@@ -25,6 +25,7 @@ enum class MenuAction : std::uint8_t {
   agents,
   settings,
   diagnostics,
+  introduction,
   quit,
 };
 

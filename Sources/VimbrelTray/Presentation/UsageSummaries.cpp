@@ -5,9 +5,10 @@
 #include <cstdio>
 #include <nlohmann/json.hpp>
 
+#include "DateWords.h"
 #include "Domain/BudgetIntelligence.h"
 #include "Presentation/JsonFields.h"
-#include "Presentation/Text.h"
+#include "Say.h"
 #include "Support/CalendarDay.h"
 
 namespace vimbrel::desktop {
@@ -21,16 +22,6 @@ std::string dayKey(std::chrono::year_month_day day) {
   std::snprintf(text, sizeof text, "%04d-%02u-%02u", static_cast<int>(day.year()),
                 static_cast<unsigned>(day.month()), static_cast<unsigned>(day.day()));
   return text;
-}
-
-std::string dayName(std::chrono::year_month_day day) {
-  std::tm fields{};
-  fields.tm_year = static_cast<int>(day.year()) - 1900;
-  fields.tm_mon = static_cast<int>(static_cast<unsigned>(day.month())) - 1;
-  fields.tm_mday = static_cast<int>(static_cast<unsigned>(day.day()));
-  fields.tm_wday = static_cast<int>(std::chrono::weekday(std::chrono::sys_days(day)).c_encoding());
-  char text[64];
-  return {text, std::strftime(text, sizeof text, "%a %e %b", &fields)};
 }
 
 std::string amountText(std::int64_t tokens, const std::optional<double>& cost) {
@@ -63,7 +54,7 @@ UsageRow readRow(const json& value) {
   for (const auto& [name, summary] : byAgent.items()) {
     const auto agent = agentTypeFromRawValue(name);
     if (!row.agents.empty()) row.agents += ", ";
-    row.agents += agent ? std::string(displayName(*agent)) : name;
+    row.agents += agent ? retell(displayName(*agent)) : name;
   }
   return row;
 }
@@ -71,7 +62,7 @@ UsageRow readRow(const json& value) {
 }  // namespace
 
 std::string costText(const std::optional<double>& costUSD) {
-  return costUSD ? CostBudget{.amountUSD = *costUSD}.formattedCost() : say("no price");
+  return costUSD ? retell(CostBudget{.amountUSD = *costUSD}.formattedCost()) : say("no price");
 }
 
 Instant chartBegin(Instant now) {
@@ -87,7 +78,7 @@ UsageChart makeUsageChart(const json& report, Instant now) {
     for (const auto& row : memberOf(report, "rows")) {
       if (textOf(row, "key") == key) readDay(row, day);
     }
-    day.label = say("%1: %2", {dayName(day.day), amountText(day.totalTokens, day.costUSD)});
+    day.label = shortDate(day.day) + ": " + amountText(day.totalTokens, day.costUSD);
     chart.mostTokens = std::max(chart.mostTokens, day.totalTokens);
     chart.days.push_back(std::move(day));
   }

@@ -1,35 +1,21 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Views/AvatarPicture.h"
 
-#include <QPainter>
-
+#include "Avatar/Emblems.h"
 #include "Views/Theme.h"
 
 namespace vimbrel::desktop {
 namespace {
 
-QString lettersOf(AgentType agent) {
-  switch (agent) {
-    case AgentType::claude:
-      return "Cl";
-    case AgentType::codex:
-      return "Cx";
-    case AgentType::gemini:
-      return "Ge";
-    case AgentType::opencode:
-      return "Oc";
-    case AgentType::antigravity:
-      return "Ag";
-    case AgentType::cursor:
-      return "Cu";
-    case AgentType::windsurf:
-      return "Ws";
-    case AgentType::aider:
-      return "Ai";
-    case AgentType::custom:
-      break;
-  }
-  return "?";
+PixelRGBA pixelOf(const QColor& colour) {
+  return {static_cast<std::uint8_t>(colour.red()), static_cast<std::uint8_t>(colour.green()),
+          static_cast<std::uint8_t>(colour.blue()), 255};
+}
+
+QPixmap pixmapOf(const PixelSpriteFrame& frame, int side, qreal devicePixelRatio) {
+  auto picture = QPixmap::fromImage(avatarImage(frame, qRound(side * devicePixelRatio)));
+  picture.setDevicePixelRatio(devicePixelRatio);
+  return picture;
 }
 
 }  // namespace
@@ -57,21 +43,12 @@ QIcon avatarIcon(const PixelSpriteFrame& frame) {
 }
 
 QPixmap agentTile(AgentType agent, int side, qreal devicePixelRatio) {
-  QPixmap tile(QSize(side, side) * devicePixelRatio);
-  tile.setDevicePixelRatio(devicePixelRatio);
-  tile.fill(Qt::transparent);
-  QPainter painter(&tile);
-  painter.setRenderHint(QPainter::Antialiasing);
-  painter.setPen(Qt::NoPen);
-  painter.setBrush(Theme::current().of(agent));
-  painter.drawRoundedRect(QRectF(0, 0, side, side), side * 0.24, side * 0.24);
-  auto font = painter.font();
-  font.setPixelSize(std::max(side / 2, 6));
-  font.setBold(true);
-  painter.setFont(font);
-  painter.setPen(Qt::white);
-  painter.drawText(QRectF(0, 0, side, side), Qt::AlignCenter, lettersOf(agent));
-  return tile;
+  return pixmapOf(agentEmblem(agent, pixelOf(Theme::current().of(agent))), side, devicePixelRatio);
+}
+
+QPixmap hostTile(const std::string& hostAppName, int side, qreal devicePixelRatio) {
+  if (const auto agent = agentOfHost(hostAppName)) return agentTile(*agent, side, devicePixelRatio);
+  return pixmapOf(hostEmblem(hostKindOf(hostAppName), pixelOf(Theme::current().dim)), side, devicePixelRatio);
 }
 
 }  // namespace vimbrel::desktop

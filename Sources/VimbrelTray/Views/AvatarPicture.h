@@ -3,6 +3,7 @@
 
 #include <QIcon>
 #include <QPixmap>
+#include <string>
 
 #include "Avatar/VimbrelBlobAvatarProvider.h"
 #include "Domain/AgentType.h"
@@ -15,7 +16,10 @@ namespace vimbrel::desktop {
 /// The frame in the sizes that panels ask for.
 [[nodiscard]] QIcon avatarIcon(const PixelSpriteFrame& frame);
 
-/// A tile with the agent's letters and colour, `side` logical pixels wide.
+/// A tile with the agent's sign and colour, `side` logical pixels wide: multiples of 16 are crisp.
 [[nodiscard]] QPixmap agentTile(AgentType agent, int side, qreal devicePixelRatio);
+
+/// The same for the program in which an agent's session runs.
+[[nodiscard]] QPixmap hostTile(const std::string& hostAppName, int side, qreal devicePixelRatio);
 
 }  // namespace vimbrel::desktop

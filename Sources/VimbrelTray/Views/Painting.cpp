@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Views/Painting.h"
 
+#include <QStyle>
 #include <algorithm>
 
 #include "Views/Theme.h"
@@ -15,7 +16,8 @@ void paintRowBackground(QPainter& painter, const QWidget& row) {
     painter.setBrush(theme.hover);
     painter.drawRoundedRect(area, 7, 7);
   }
-  if (row.hasFocus()) {
+  // As with every control: once the keyboard was used.
+  if (row.hasFocus() && row.window()->testAttribute(Qt::WA_KeyboardFocusChange)) {
     painter.setPen(QPen(theme.accent, 2));
     painter.setBrush(Qt::NoBrush);
     painter.drawRoundedRect(area, 7, 7);
@@ -39,8 +41,13 @@ void paintBar(QPainter& painter, const QRect& area, double share, const QColor& 
 void paintLine(QPainter& painter, const QRect& area, const QString& text, const QColor& colour,
                Qt::Alignment alignment) {
   painter.setPen(colour);
-  painter.drawText(area, static_cast<int>(Qt::AlignVCenter | alignment) | Qt::TextSingleLine,
+  // Aligned as the layout runs, but spelled as the text itself does.
+  const auto layout = painter.layoutDirection();
+  const auto absolute = QStyle::visualAlignment(layout, alignment) | Qt::AlignAbsolute;
+  painter.setLayoutDirection(text.isRightToLeft() ? Qt::RightToLeft : Qt::LeftToRight);
+  painter.drawText(area, static_cast<int>(Qt::AlignVCenter | absolute) | Qt::TextSingleLine,
                    painter.fontMetrics().elidedText(text, Qt::ElideRight, area.width()));
+  painter.setLayoutDirection(layout);
 }
 
 }  // namespace vimbrel::desktop

@@ -18,6 +18,8 @@ const Theme& Theme::light() {
                            .bad = "#c0262c",
                            .track = "#e3e6ec",
                            .hover = "#eef1f5",
+                           .selection = "#d8efe6",
+                           .stripe = "#f5f7fa",
                            .isDark = false};
   return theme;
 }
@@ -35,6 +37,8 @@ const Theme& Theme::dark() {
                            .bad = "#ff7d82",
                            .track = "#3a404c",
                            .hover = "#2e333e",
+                           .selection = "#1f4d3f",
+                           .stripe = "#292e38",
                            .isDark = true};
   return theme;
 }
@@ -104,7 +108,7 @@ QPalette Theme::palette() const {
   palette.setColor(QPalette::Window, window);
   palette.setColor(QPalette::WindowText, text);
   palette.setColor(QPalette::Base, card);
-  palette.setColor(QPalette::AlternateBase, hover);
+  palette.setColor(QPalette::AlternateBase, stripe);
   palette.setColor(QPalette::Text, text);
   palette.setColor(QPalette::PlaceholderText, dim);
   palette.setColor(QPalette::Button, card);

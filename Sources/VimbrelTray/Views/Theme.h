@@ -24,6 +24,8 @@ struct Theme {
   QColor bad;
   QColor track;  ///< the empty part of a bar
   QColor hover;
+  QColor selection;  ///< behind what is chosen in a list; texts keep their colours on it
+  QColor stripe;     ///< every second row of a table
   bool isDark = false;
 
   [[nodiscard]] QColor of(Tone tone) const;

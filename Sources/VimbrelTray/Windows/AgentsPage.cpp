@@ -5,7 +5,6 @@
 #include <QClipboard>
 #include <QFontDatabase>
 #include <QGuiApplication>
-#include <QLabel>
 #include <QListWidget>
 #include <QPlainTextEdit>
 #include <QPushButton>
@@ -16,9 +15,13 @@
 #include <nlohmann/json.hpp>
 
 #include "Presentation/TimeText.h"
+#include "Say.h"
 #include "Support/Clock.h"
 #include "Views/AvatarPicture.h"
+#include "Views/AvatarView.h"
 #include "Views/Theme.h"
+#include "Views/ToneLabel.h"
+#include "Windows/IntroductionView.h"
 
 namespace vimbrel::desktop {
 
@@ -26,13 +29,10 @@ using nlohmann::json;
 
 namespace {
 
-QString text(const std::string& value) { return QString::fromStdString(value); }
+constexpr int listEmblem = 32;
+constexpr int headingEmblem = 48;
 
-void paintText(QLabel& label, const QColor& colour) {
-  auto palette = label.palette();
-  palette.setColor(QPalette::WindowText, colour);
-  label.setPalette(palette);
-}
+QString text(const std::string& value) { return QString::fromStdString(value); }
 
 QString statusLine(const AgentRow& row) {
   QStringList parts{text(row.status)};
@@ -46,27 +46,17 @@ QString statusLine(const AgentRow& row) {
 }  // namespace
 
 AgentsPage::AgentsPage(DesktopModel& model)
-    : Page(model), introduction_(new QWidget(this)), list_(new QListWidget) {
+    : Page(model), introduction_(new IntroductionView(this)), list_(new QListWidget) {
   auto* layout = new QVBoxLayout(this);
-  auto* introduction = new QHBoxLayout(introduction_);
-  introduction->setContentsMargins(4, 4, 4, 8);
-  auto* welcome = new QLabel(tr("Welcome. Vimbrel keeps this machine awake while your coding agents work, "
-                                "and lets it sleep when they "
-                                "stop. Agents tell it through a hook: choose one, paste what is shown into "
-                                "its configuration, and use "
-                                "it once. Vimbrel never writes into an agent's files itself."),
-                             introduction_);
-  welcome->setWordWrap(true);
-  auto* done = new QPushButton(tr("Done"), introduction_);
-  done->setAccessibleName(tr("Finish the introduction"));
-  introduction->addWidget(welcome, 1);
-  introduction->addWidget(done, 0, Qt::AlignTop);
-  connect(done, &QPushButton::clicked, this, [this] { model_.setSetting("hasCompletedOnboarding", true); });
+  layout->setSpacing(12);
   layout->addWidget(introduction_);
+  connect(introduction_, &IntroductionView::finished, this, &AgentsPage::finishIntroduction);
 
   auto* split = new QSplitter(this);
   list_->setAccessibleName(tr("Agents"));
-  list_->setIconSize(QSize(24, 24));
+  list_->setIconSize(QSize(listEmblem, listEmblem));
+  list_->setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
+  list_->setMinimumWidth(fontMetrics().averageCharWidth() * 30);
   split->addWidget(list_);
   split->addWidget(makeDetails());
   split->setStretchFactor(0, 2);
@@ -76,20 +66,34 @@ AgentsPage::AgentsPage(DesktopModel& model)
   connect(list_, &QListWidget::currentRowChanged, this, &AgentsPage::select);
 }
 
+QWidget* AgentsPage::makeHeading() {
+  auto* heading = new QWidget;
+  auto* row = new QHBoxLayout(heading);
+  row->setContentsMargins(0, 0, 0, 4);
+  row->setSpacing(12);
+  emblem_ = new QLabel(heading);
+  name_ = new ToneLabel(Tone::plain, heading);
+  name_->setScale(1.4, true);
+  status_ = new ToneLabel(Tone::dim, heading);
+  auto* texts = new QVBoxLayout;
+  texts->setSpacing(2);
+  texts->addWidget(name_);
+  texts->addWidget(status_);
+  row->addWidget(emblem_);
+  row->addLayout(texts, 1);
+  return heading;
+}
+
 QWidget* AgentsPage::makeDetails() {
   auto* details = new QWidget;
   auto* column = new QVBoxLayout(details);
-  name_ = new QLabel(details);
-  auto large = font();
-  large.setPointSizeF(large.pointSizeF() * 1.3);
-  large.setBold(true);
-  name_->setFont(large);
-  status_ = new QLabel(details);
-  waiting_ = new QLabel(details);
-  instructions_ = new QLabel(details);
-  place_ = new QLabel(details);
+  column->setContentsMargins(4, 0, 0, 0);
+  column->setSpacing(8);
+  auto* heading = makeHeading();
+  waiting_ = new ToneLabel(Tone::dim, details);
+  instructions_ = new ToneLabel(Tone::plain, details);
+  place_ = new ToneLabel(Tone::dim, details);
   for (auto* label : {name_, status_, waiting_, instructions_, place_}) {
-    label->setTextFormat(Qt::PlainText);
     label->setWordWrap(true);
     label->setTextInteractionFlags(Qt::TextSelectableByMouse);
   }
@@ -108,20 +112,40 @@ QWidget* AgentsPage::makeDetails() {
   });
   auto* placeRow = new QHBoxLayout;
   placeRow->addWidget(place_, 1);
-  placeRow->addWidget(copy_);
-  column->addWidget(name_);
-  column->addWidget(status_);
+  placeRow->addWidget(copy_, 0, Qt::AlignBottom);
+  waitingRow_ = new QWidget(details);
+  auto* waiting = new QHBoxLayout(waitingRow_);
+  waiting->setContentsMargins(0, 4, 0, 0);
+  waitingAvatar_ = new AvatarView(32, waitingRow_);
+  waiting->addWidget(waitingAvatar_);
+  waiting->addWidget(waiting_, 1);
+  column->addWidget(heading);
   column->addWidget(instructions_);
   column->addLayout(placeRow);
   column->addWidget(snippet_, 1);
-  column->addWidget(waiting_);
+  column->addWidget(waitingRow_);
   column->addStretch(0);
   return details;
 }
 
-void AgentsPage::refresh() {
+void AgentsPage::openIntroduction() {
+  isIntroductionAskedFor_ = true;
+  showIntroduction();
+}
+
+void AgentsPage::finishIntroduction() {
+  isIntroductionAskedFor_ = false;
+  model_.setSetting("hasCompletedOnboarding", true);
+  showIntroduction();
+}
+
+void AgentsPage::showIntroduction() {
   const auto& state = model_.situation().state;
-  introduction_->setVisible(state && !state->hasCompletedOnboarding);
+  introduction_->setVisible(isIntroductionAskedFor_ || (state && !state->hasCompletedOnboarding));
+}
+
+void AgentsPage::refresh() {
+  showIntroduction();
   if (rows_.empty()) status_->setText(tr("Looking for agents…"));
   // What the user's shell would find, as far as the session's environment tells.
   json environment = json::object();
@@ -132,28 +156,45 @@ void AgentsPage::refresh() {
       [this](const json& result) { showRows(makeAgentRows(result)); });
 }
 
+void AgentsPage::restyle() {
+  showList();
+  if (const int current = list_->currentRow(); current >= 0) {
+    emblem_->setPixmap(
+        agentTile(rows_[static_cast<std::size_t>(current)].agent, headingEmblem, devicePixelRatioF()));
+  }
+}
+
 void AgentsPage::showRows(const std::vector<AgentRow>& rows) {
   if (rows == rows_) return;
   const bool isFirst = rows_.empty();
   rows_ = rows;
-  {
-    const QSignalBlocker quiet(list_);
-    list_->clear();
-    for (const auto& row : rows) {
-      auto* item = new QListWidgetItem(QIcon(agentTile(row.agent, 24, devicePixelRatioF())),
-                                       text(row.name) + "\n" + text(row.status), list_);
-      item->setForeground(row.isInstalled || row.isConnected ? Theme::current().text : Theme::current().dim);
-    }
-    const auto found = std::ranges::find(rows, chosen_, &AgentRow::agent);
-    if (found != rows.end()) list_->setCurrentRow(static_cast<int>(found - rows.begin()));
-  }
+  showList();
   if (isFirst && !rows.empty()) {
     list_->setCurrentRow(0);
   } else if (const int current = list_->currentRow(); current >= 0) {
-    const auto& row = rows_[static_cast<std::size_t>(current)];
-    status_->setText(statusLine(row));
-    paintText(*status_, Theme::current().of(row.tone));
+    showStatus(rows_[static_cast<std::size_t>(current)]);
   }
+}
+
+void AgentsPage::showList() {
+  const QSignalBlocker quiet(list_);
+  list_->clear();
+  for (const auto& row : rows_) {
+    QIcon emblem(agentTile(row.agent, listEmblem, devicePixelRatioF()));
+    // By itself a list tints the picture of what is chosen.
+    emblem.addPixmap(agentTile(row.agent, listEmblem, devicePixelRatioF()), QIcon::Selected);
+    auto* item = new QListWidgetItem(emblem, text(row.name) + "\n" + text(row.status), list_);
+    item->setSizeHint(QSize(0, std::max(listEmblem, 2 * fontMetrics().height()) + 10));
+    item->setToolTip(text(row.status));
+    item->setForeground(row.isInstalled || row.isConnected ? Theme::current().text : Theme::current().dim);
+  }
+  const auto found = std::ranges::find(rows_, chosen_, &AgentRow::agent);
+  if (found != rows_.end()) list_->setCurrentRow(static_cast<int>(found - rows_.begin()));
+}
+
+void AgentsPage::showStatus(const AgentRow& row) {
+  status_->setText(statusLine(row));
+  status_->setTone(row.tone);
 }
 
 void AgentsPage::select(int index) {
@@ -161,8 +202,8 @@ void AgentsPage::select(int index) {
   const auto& row = rows_[static_cast<std::size_t>(index)];
   chosen_ = row.agent;
   name_->setText(text(row.name));
-  status_->setText(statusLine(row));
-  paintText(*status_, Theme::current().of(row.tone));
+  emblem_->setPixmap(agentTile(row.agent, headingEmblem, devicePixelRatioF()));
+  showStatus(row);
   isWatching_ = false;
   ask("agents.setup", {{"agent", rawValue(row.agent)}}, [this, agent = row.agent](const json& result) {
     if (agent == chosen_) showSetup(makeAgentInstructions(result));
@@ -176,7 +217,7 @@ void AgentsPage::showSetup(const AgentInstructions& setup) {
   if (!setup.versions.empty()) place += " · " + text(setup.versions);
   place_->setText(place);
   snippet_->setPlainText(text(setup.snippet));
-  for (auto* each : std::initializer_list<QWidget*>{place_, snippet_, copy_, waiting_})
+  for (auto* each : std::initializer_list<QWidget*>{place_, snippet_, copy_, waitingRow_})
     each->setVisible(hasSnippet);
   isWatching_ = hasSnippet && model_.situation().state;
   if (isWatching_) watch_.begin(chosen_, *model_.situation().state);
@@ -185,7 +226,7 @@ void AgentsPage::showSetup(const AgentInstructions& setup) {
 
 void AgentsPage::takeSituation() {
   const auto& state = model_.situation().state;
-  introduction_->setVisible(state && !state->hasCompletedOnboarding);
+  showIntroduction();
   if (!state || !isWatching_ || watch_.isReceived()) return;
   if (watch_.update(*state)) {
     showWaiting();
@@ -195,10 +236,12 @@ void AgentsPage::takeSituation() {
 
 void AgentsPage::showWaiting() {
   const bool isReceived = watch_.isReceived();
-  const auto name = text(std::string(displayName(chosen_)));
+  const auto name = text(retell(displayName(chosen_)));
   waiting_->setText(isReceived ? tr("✓ The first event of %1 was received. It is connected.").arg(name)
                                : tr("Waiting for the first event of %1…").arg(name));
-  paintText(*waiting_, Theme::current().of(isReceived ? Tone::good : Tone::dim));
+  waiting_->setTone(isReceived ? Tone::good : Tone::dim);
+  waitingAvatar_->setMood(
+      {.state = isReceived ? VimbrelVisualState::completed : VimbrelVisualState::waiting});
 }
 
 }  // namespace vimbrel::desktop

@@ -6,7 +6,6 @@
 #include <QFontDatabase>
 #include <QGridLayout>
 #include <QGuiApplication>
-#include <QLabel>
 #include <QPlainTextEdit>
 #include <QPushButton>
 #include <QScrollArea>
@@ -15,7 +14,9 @@
 
 #include "Presentation/DoctorFindings.h"
 #include "Presentation/JsonFields.h"
-#include "Views/Theme.h"
+#include "Say.h"
+#include "Views/Card.h"
+#include "Views/ToneLabel.h"
 #include "Windows/SaveFile.h"
 
 namespace vimbrel::desktop {
@@ -26,28 +27,27 @@ namespace {
 
 QString text(const std::string& value) { return QString::fromStdString(value); }
 
-QLabel* label(const QString& content, const QColor& colour, QWidget* parent) {
-  auto* made = new QLabel(content, parent);
-  made->setTextFormat(Qt::PlainText);
+ToneLabel* label(const QString& content, Tone tone, QWidget* parent) {
+  auto* made = new ToneLabel(tone, parent, content);
   made->setWordWrap(true);
   made->setTextInteractionFlags(Qt::TextSelectableByMouse);
-  auto palette = made->palette();
-  palette.setColor(QPalette::WindowText, colour);
-  made->setPalette(palette);
   return made;
 }
+
+QString capitalised(const QString& subject) { return subject.left(1).toUpper() + subject.mid(1); }
 
 }  // namespace
 
 DiagnosticsPage::DiagnosticsPage(DesktopModel& model)
     : Page(model),
-      state_(new QLabel(this)),
+      state_(new ToneLabel(Tone::plain, this)),
       findingsPlace_(new QVBoxLayout),
       document_(new QPlainTextEdit),
       copy_(new QPushButton(tr("Copy"))),
       save_(new QPushButton(tr("Save…"))) {
   auto* layout = new QVBoxLayout(this);
   auto* head = new QHBoxLayout;
+  state_->setScale(1.15, true);
   head->addWidget(state_, 1);
   auto* again = new QPushButton(tr("Examine Again"), this);
   connect(again, &QPushButton::clicked, this, &DiagnosticsPage::refresh);
@@ -59,6 +59,8 @@ DiagnosticsPage::DiagnosticsPage(DesktopModel& model)
   scroll->setWidgetResizable(true);
   scroll->setFrameShape(QFrame::NoFrame);
   auto* inside = new QWidget;
+  findingsPlace_->setContentsMargins(0, 0, 8, 0);
+  findingsPlace_->addStretch(1);
   inside->setLayout(findingsPlace_);
   scroll->setWidget(inside);
   split->addWidget(scroll);
@@ -67,9 +69,9 @@ DiagnosticsPage::DiagnosticsPage(DesktopModel& model)
   auto* column = new QVBoxLayout(report);
   column->setContentsMargins(0, 8, 0, 0);
   auto* reportHead = new QHBoxLayout;
-  reportHead->addWidget(label(tr("The report, as it would be sent: nothing leaves this machine by itself."),
-                              Theme::current().dim, report),
-                        1);
+  reportHead->addWidget(
+      label(tr("The report, as it would be sent: nothing leaves this machine by itself."), Tone::dim, report),
+      1);
   reportHead->addWidget(copy_);
   reportHead->addWidget(save_);
   column->addLayout(reportHead);
@@ -81,7 +83,7 @@ DiagnosticsPage::DiagnosticsPage(DesktopModel& model)
   column->addWidget(document_);
   split->addWidget(report);
   const int em = fontMetrics().height();
-  split->setSizes({em * 18, em * 14});
+  split->setSizes({em * 20, em * 16});
   split->setChildrenCollapsible(false);
   layout->addWidget(split, 1);
   copy_->setAccessibleName(tr("Copy the report"));
@@ -102,33 +104,38 @@ void DiagnosticsPage::refresh() {
 }
 
 void DiagnosticsPage::showFindings(const json& result) {
-  const auto& theme = Theme::current();
   const auto rows = makeFindingRows(result);
   int wanting = 0;
   delete findings_;
-  findings_ = new QWidget(this);
+  findings_ = new Card(this);
   auto* grid = new QGridLayout(findings_);
-  grid->setContentsMargins(4, 4, 12, 4);
-  grid->setHorizontalSpacing(16);
+  grid->setContentsMargins(14, 10, 14, 10);
+  grid->setHorizontalSpacing(18);
+  grid->setVerticalSpacing(9);
   grid->setColumnStretch(2, 1);
   int line = 0;
   for (const auto& row : rows) {
     if (row.tone != Tone::good) ++wanting;
-    grid->addWidget(label(text(row.verdict), theme.of(row.tone), findings_), line, 0, Qt::AlignTop);
-    grid->addWidget(label(text(row.subject), theme.text, findings_), line, 1, Qt::AlignTop);
-    auto explanation = text(row.explanation);
-    if (!row.remedy.empty()) explanation += "\n→ " + text(row.remedy);
-    grid->addWidget(label(explanation, row.remedy.empty() ? theme.dim : theme.text, findings_), line, 2);
+    if (line > 0) grid->addWidget(new Divider(findings_), line++, 0, 1, 3);
+    auto* verdict = label("●  " + text(row.verdict), row.tone, findings_);
+    verdict->setAccessibleName(text(row.verdict));
+    verdict->setWordWrap(false);
+    grid->addWidget(verdict, line, 0, Qt::AlignTop);
+    grid->addWidget(label(capitalised(text(row.subject)), Tone::plain, findings_), line, 1, Qt::AlignTop);
+    auto* texts = new QVBoxLayout;
+    texts->setSpacing(2);
+    texts->addWidget(label(text(row.explanation), row.remedy.empty() ? Tone::dim : Tone::plain, findings_));
+    if (!row.remedy.empty()) texts->addWidget(label("→ " + text(row.remedy), Tone::plain, findings_));
+    grid->addLayout(texts, line, 2);
     ++line;
   }
   grid->setColumnMinimumWidth(1, fontMetrics().averageCharWidth() * 18);
-  grid->setRowStretch(line, 1);
-  findingsPlace_->addWidget(findings_);
+  findingsPlace_->insertWidget(0, findings_);
+  state_->setTone(wanting == 0 ? Tone::good : Tone::plain);
   if (wanting == 0) {
     state_->setText(tr("Everything works."));
   } else {
-    state_->setText(wanting == 1 ? tr("One thing wants attention.")
-                                 : tr("%1 things want attention.").arg(wanting));
+    state_->setText(text(sayCount(wanting, "One thing wants attention.", "%1 things want attention.")));
   }
 }
 

@@ -3,12 +3,13 @@
 
 #include "Windows/Page.h"
 
-class QLabel;
 class QPlainTextEdit;
 class QPushButton;
 class QVBoxLayout;
 
 namespace vimbrel::desktop {
+
+class ToneLabel;
 
 /// What works on this machine and what to do about the rest, and the document for a report.
 class DiagnosticsPage final : public Page {
@@ -17,11 +18,12 @@ class DiagnosticsPage final : public Page {
  public:
   explicit DiagnosticsPage(DesktopModel& model);
   void refresh() override;
+  void restyle() override {}
 
  private:
   void showFindings(const nlohmann::json& result);
 
-  QLabel* state_;
+  ToneLabel* state_;
   QWidget* findings_ = nullptr;
   QVBoxLayout* findingsPlace_;
   QPlainTextEdit* document_;

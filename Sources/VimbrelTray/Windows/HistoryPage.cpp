@@ -3,31 +3,38 @@
 
 #include <QBoxLayout>
 #include <QHeaderView>
-#include <QLabel>
 #include <QScrollArea>
 #include <QTableWidget>
+#include <algorithm>
 #include <nlohmann/json.hpp>
 
 #include "Support/Clock.h"
 #include "Views/Theme.h"
+#include "Views/ToneLabel.h"
 #include "Windows/Tables.h"
 #include "Windows/TimelineView.h"
 
 namespace vimbrel::desktop {
 
 HistoryPage::HistoryPage(DesktopModel& model)
-    : Page(model), total_(new QLabel(this)), timeline_(new TimelineView), table_(new QTableWidget(this)) {
+    : Page(model),
+      total_(new ToneLabel(Tone::plain, this)),
+      timeline_(new TimelineView),
+      table_(new QTableWidget(this)) {
   auto* layout = new QVBoxLayout(this);
   total_->setWordWrap(true);
+  total_->setScale(1.15, true);
+  layout->setSpacing(10);
   layout->addWidget(total_);
-  auto* scroll = new QScrollArea(this);
+  timelineArea_ = new QScrollArea(this);
+  auto* scroll = timelineArea_;
   scroll->setWidget(timeline_);
   scroll->setWidgetResizable(true);
   scroll->setFrameShape(QFrame::NoFrame);
-  layout->addWidget(scroll, 2);
+  layout->addWidget(scroll);
   prepareTable(*table_, {tr("Began"), tr("Lasted"), tr("Because of"), tr("Ended"), tr("Battery")});
   table_->setAccessibleName(tr("Every time of protection"));
-  layout->addWidget(table_, 3);
+  layout->addWidget(table_, 1);
 }
 
 void HistoryPage::takeSituation() {
@@ -42,7 +49,9 @@ void HistoryPage::refresh() {
     const auto timeline = makeEpisodeTimeline(result, SystemClock().now());
     total_->setText(QString::fromStdString(timeline.total));
     timeline_->setTimeline(timeline);
-    timeline_->parentWidget()->parentWidget()->setVisible(!timeline.days.empty());
+    timelineArea_->setVisible(!timeline.days.empty());
+    // As high as its days, but never more than its share of the page; the table has the rest.
+    timelineArea_->setFixedHeight(std::min(timeline_->sizeHint().height(), height() / 2));
     table_->setVisible(!timeline.episodes.empty());
     table_->setRowCount(0);
     for (const auto& episode : timeline.episodes) {

@@ -3,12 +3,13 @@
 
 #include "Windows/Page.h"
 
-class QLabel;
+class QScrollArea;
 class QTableWidget;
 
 namespace vimbrel::desktop {
 
 class TimelineView;
+class ToneLabel;
 
 /// When the machine was kept awake, why, and how it ended.
 class HistoryPage final : public Page {
@@ -20,7 +21,8 @@ class HistoryPage final : public Page {
   void takeSituation() override;
 
  private:
-  QLabel* total_;
+  ToneLabel* total_;
+  QScrollArea* timelineArea_ = nullptr;
   TimelineView* timeline_;
   QTableWidget* table_;
   bool wasHolding_ = false;

@@ -4,14 +4,15 @@
 #include <QBoxLayout>
 #include <QGuiApplication>
 #include <QKeyEvent>
-#include <QLabel>
 #include <QScreen>
+#include <QStackedWidget>
 #include <QTabBar>
 #include <QTabWidget>
 #include <nlohmann/json.hpp>
 
 #include "Views/AvatarPicture.h"
-#include "Views/Theme.h"
+#include "Views/ToneLabel.h"
+#include "Windows/AbsentView.h"
 #include "Windows/AgentsPage.h"
 #include "Windows/DiagnosticsPage.h"
 #include "Windows/HistoryPage.h"
@@ -29,22 +30,33 @@ std::optional<MainWindow::Page> MainWindow::pageFromName(const QString& name) {
 }
 
 MainWindow::MainWindow(DesktopModel& model)
-    : model_(model), banner_(new QLabel(this)), tabs_(new QTabWidget(this)) {
+    : model_(model),
+      stack_(new QStackedWidget(this)),
+      absent_(new AbsentView(model)),
+      banner_(new ToneLabel(Tone::warning)),
+      tabs_(new QTabWidget) {
   setWindowTitle(tr("Vimbrel"));
   setObjectName("main");
   setWindowIcon(
       avatarIcon(VimbrelBlobAvatarProvider::frames({.state = VimbrelVisualState::working}).front()));
-  auto* layout = new QVBoxLayout(this);
-  layout->setContentsMargins(12, 12, 12, 12);
+  auto* outer = new QVBoxLayout(this);
+  outer->setContentsMargins(0, 0, 0, 0);
+  outer->addWidget(stack_);
+  auto* pages = new QWidget;
+  auto* layout = new QVBoxLayout(pages);
+  layout->setContentsMargins(12, 6, 12, 12);
+  layout->setSpacing(6);
   banner_->setWordWrap(true);
-  banner_->setTextFormat(Qt::PlainText);
   banner_->setTextInteractionFlags(Qt::TextSelectableByMouse);
-  banner_->setContentsMargins(8, 4, 8, 4);
+  banner_->setContentsMargins(8, 6, 8, 4);
   layout->addWidget(banner_);
   layout->addWidget(tabs_);
+  stack_->addWidget(pages);
+  stack_->addWidget(absent_);
   tabs_->setDocumentMode(true);
   const auto add = [this](desktop::Page* page, const QString& title) {
     tabs_->addTab(page, title);
+    page->layout()->setContentsMargins(6, 12, 6, 4);
     connect(page, &desktop::Page::problem, this, &MainWindow::showProblem);
   };
   add(new HistoryPage(model), tr("History"));
@@ -56,12 +68,14 @@ MainWindow::MainWindow(DesktopModel& model)
   wasConnected_ = model_.situation().state.has_value();
   showProblem({});
   const auto em = fontMetrics().height();
-  QSize size(em * 54, em * 42);
+  QSize size(em * 58, em * 44);
   if (const auto* screen = QGuiApplication::primaryScreen()) {
     size = size.boundedTo(screen->availableSize() - QSize(40, 60));
   }
   resize(size);
 }
+
+desktop::Page* MainWindow::currentPage() const { return static_cast<desktop::Page*>(tabs_->currentWidget()); }
 
 void MainWindow::openPage(Page page) {
   const bool isShownAnew = tabs_->currentIndex() == static_cast<int>(page);
@@ -72,31 +86,41 @@ void MainWindow::openPage(Page page) {
   activateWindow();
 }
 
+void MainWindow::openIntroduction() {
+  static_cast<AgentsPage*>(tabs_->widget(static_cast<int>(Page::agents)))->openIntroduction();
+  openPage(Page::agents);
+}
+
 void MainWindow::refreshCurrent() {
   showProblem({});
-  if (model_.situation().state) static_cast<desktop::Page*>(tabs_->currentWidget())->refresh();
+  if (model_.situation().state) currentPage()->refresh();
 }
 
 void MainWindow::takeSituation() {
   const bool isConnected = model_.situation().state.has_value();
   const bool hasChanged = isConnected != wasConnected_;
   wasConnected_ = isConnected;
+  absent_->takeSituation();
   if (hasChanged) showProblem({});
   if (!isVisible()) return;
   if (hasChanged) refreshCurrent();
-  static_cast<desktop::Page*>(tabs_->currentWidget())->takeSituation();
+  currentPage()->takeSituation();
 }
 
 void MainWindow::showProblem(const QString& problem) {
-  auto text = problem;
-  if (!model_.situation().state) text = tr("Vimbrel is not running. What is shown here may be out of date.");
-  banner_->setText(text);
-  banner_->setVisible(!text.isEmpty());
-  auto palette = banner_->palette();
-  palette.setColor(QPalette::WindowText, Theme::current().warning);
-  banner_->setPalette(palette);
-  // The pages need the application for everything they do.
-  for (int i = 0; i < tabs_->count(); ++i) tabs_->widget(i)->setEnabled(model_.situation().state.has_value());
+  const bool isConnected = model_.situation().state.has_value();
+  stack_->setCurrentIndex(isConnected ? 0 : 1);
+  absent_->showProblem(isConnected ? QString() : problem);
+  banner_->setText(isConnected ? problem : QString());
+  banner_->setVisible(isConnected && !problem.isEmpty());
+}
+
+void MainWindow::changeEvent(QEvent* event) {
+  QWidget::changeEvent(event);
+  // The colours of what the pages have in their lists and tables.
+  if (event->type() == QEvent::PaletteChange && isVisible() && model_.situation().state) {
+    currentPage()->restyle();
+  }
 }
 
 void MainWindow::keyPressEvent(QKeyEvent* event) {

@@ -17,6 +17,8 @@ class Page : public QWidget {
   virtual void refresh() = 0;
   /// The situation has changed while the page is at the front.
   virtual void takeSituation() {}
+  /// The colours have changed while the page is at the front.
+  virtual void restyle() { refresh(); }
 
  Q_SIGNALS:
   /// A sentence for the window's head; empty takes it away.

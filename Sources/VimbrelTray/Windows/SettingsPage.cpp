@@ -2,11 +2,10 @@
 #include "Windows/SettingsPage.h"
 
 #include <QBoxLayout>
-#include <QCheckBox>
 #include <QDesktopServices>
+#include <QDir>
+#include <QEvent>
 #include <QFileInfo>
-#include <QGridLayout>
-#include <QLabel>
 #include <QLineEdit>
 #include <QMessageBox>
 #include <QPushButton>
@@ -17,7 +16,9 @@
 #include <algorithm>
 #include <nlohmann/json.hpp>
 
-#include "Views/Theme.h"
+#include "Views/Card.h"
+#include "Views/SwitchButton.h"
+#include "Views/ToneLabel.h"
 
 namespace vimbrel::desktop {
 
@@ -28,29 +29,31 @@ namespace {
 
 QString text(const std::string& value) { return QString::fromStdString(value); }
 
-void paintText(QLabel& label, const QColor& colour) {
-  auto palette = label.palette();
-  palette.setColor(QPalette::WindowText, colour);
-  label.setPalette(palette);
+/// A path as people write it.
+QString homeShortened(const QString& path) {
+  const auto home = QDir::homePath();
+  return path.startsWith(home + "/") ? "~" + path.mid(home.size()) : path;
 }
 
 }  // namespace
 
 SettingsPage::SettingsPage(DesktopModel& model)
-    : Page(model), formPlace_(new QVBoxLayout), location_(new QLabel(this)), warnings_(new QLabel(this)) {
+    : Page(model),
+      formPlace_(new QVBoxLayout),
+      location_(new ToneLabel(Tone::dim, this)),
+      warnings_(new ToneLabel(Tone::warning, this)) {
   auto* layout = new QVBoxLayout(this);
   warnings_->setWordWrap(true);
-  warnings_->setTextFormat(Qt::PlainText);
   layout->addWidget(warnings_);
   auto* scroll = new QScrollArea(this);
   scroll->setWidgetResizable(true);
   scroll->setFrameShape(QFrame::NoFrame);
   auto* inside = new QWidget;
+  formPlace_->setContentsMargins(0, 0, 8, 0);
   inside->setLayout(formPlace_);
   scroll->setWidget(inside);
   layout->addWidget(scroll, 1);
   auto* foot = new QHBoxLayout;
-  location_->setTextFormat(Qt::PlainText);
   location_->setTextInteractionFlags(Qt::TextSelectableByMouse);
   location_->setWordWrap(true);
   foot->addWidget(location_, 1);
@@ -88,66 +91,79 @@ void SettingsPage::show(const SettingsList& list) {
   list_ = list;
   if (!isSameForm) build(list);
   for (std::size_t i = 0; i < list.rows.size(); ++i) update(*controls_[i], list.rows[i]);
-  location_->setText(text(list.location));
-  paintText(*location_, Theme::current().dim);
+  location_->setText(homeShortened(text(list.location)));
   QStringList lines;
   for (const auto& warning : list.warnings) lines << text(warning);
   warnings_->setText(lines.join("\n"));
   warnings_->setVisible(!lines.isEmpty());
-  paintText(*warnings_, Theme::current().warning);
 }
 
 void SettingsPage::build(const SettingsList& list) {
   delete form_;
   controls_.clear();
   form_ = new QWidget(this);
-  auto* grid = new QGridLayout(form_);
-  grid->setContentsMargins(4, 4, 12, 4);
-  grid->setColumnStretch(0, 1);
-  grid->setHorizontalSpacing(24);
+  auto* column = new QVBoxLayout(form_);
+  column->setContentsMargins(0, 0, 0, 8);
+  column->setSpacing(6);
   std::string section;
-  int line = 0;
+  Card* card = nullptr;
   for (const auto& row : list.rows) {
-    if (row.section != section) {
+    if (card == nullptr || row.section != section) {
       section = row.section;
-      auto* heading = new QLabel(text(section), form_);
-      auto font = heading->font();
-      font.setBold(true);
-      heading->setFont(font);
-      heading->setContentsMargins(0, line == 0 ? 0 : 14, 0, 2);
-      paintText(*heading, Theme::current().accent);
-      grid->addWidget(heading, line++, 0, 1, 2);
+      auto* heading = new ToneLabel(Tone::dim, form_, text(section));
+      heading->setScale(1.0, true);
+      heading->setContentsMargins(4, card == nullptr ? 0 : 12, 0, 2);
+      column->addWidget(heading);
+      card = new Card(form_);
+      auto* lines = new QVBoxLayout(card);
+      lines->setContentsMargins(1, 1, 1, 1);
+      lines->setSpacing(0);
+      column->addWidget(card);
+    } else {
+      card->layout()->addWidget(new Divider(card));
     }
-    auto* control = makeControl(row);
-    auto* title = new QLabel(text(row.title), form_);
-    title->setBuddy(control);
-    auto* help = new QLabel(form_);
-    help->setWordWrap(true);
-    help->setText(row.range.empty() ? text(row.help) : tr("%1; %2").arg(text(row.help), text(row.range)));
-    auto small = help->font();
-    small.setPointSizeF(small.pointSizeF() * 0.9);
-    help->setFont(small);
-    paintText(*help, Theme::current().dim);
-    grid->addWidget(title, line, 0);
-    grid->addWidget(control, line, 1, 2, 1, Qt::AlignTrailing | Qt::AlignVCenter);
-    // A title that says the same as its explanation is said once.
-    help->setVisible(row.title != row.help || !row.range.empty());
-    if (row.title == row.help) help->setText(text(row.range));
-    grid->addWidget(help, line + 1, 0);
-    grid->setRowMinimumHeight(line + 1, fontMetrics().height());
-    controls_.push_back(control);
-    line += 2;
+    card->layout()->addWidget(makeLine(row, card));
   }
-  grid->setRowStretch(line, 1);
+  column->addStretch(1);
   formPlace_->addWidget(form_);
+}
+
+QWidget* SettingsPage::makeLine(const SettingRow& row, QWidget* card) {
+  auto* line = new QWidget(card);
+  auto* layout = new QHBoxLayout(line);
+  layout->setContentsMargins(14, 9, 14, 9);
+  layout->setSpacing(24);
+  auto* texts = new QVBoxLayout;
+  texts->setSpacing(1);
+  auto* control = makeControl(row);
+  auto* title = new ToneLabel(Tone::plain, line, text(row.title));
+  title->setBuddy(control);
+  texts->addStretch(1);
+  texts->addWidget(title);
+  // A title that says the same as its explanation is said once.
+  auto explanation = row.title == row.help ? QString() : text(row.help);
+  if (!row.range.empty()) {
+    explanation = explanation.isEmpty() ? text(row.range) : explanation + "; " + text(row.range);
+  }
+  if (!explanation.isEmpty()) {
+    auto* help = new ToneLabel(Tone::dim, line, explanation);
+    help->setWordWrap(true);
+    help->setScale(0.92);
+    texts->addWidget(help);
+  }
+  texts->addStretch(1);
+  layout->addLayout(texts, 1);
+  layout->addWidget(control, 0, Qt::AlignTrailing | Qt::AlignVCenter);
+  controls_.push_back(control);
+  return line;
 }
 
 QWidget* SettingsPage::makeControl(const SettingRow& row) {
   const auto key = text(row.key);
   QWidget* control = nullptr;
   if (row.control == Control::onOff) {
-    auto* box = new QCheckBox(form_);
-    connect(box, &QCheckBox::clicked, this, [this, key](bool on) { set(key, on); });
+    auto* box = new SwitchButton({}, form_);
+    connect(box, &SwitchButton::changeRequested, this, [this, key](bool on) { set(key, on); });
     control = box;
   } else if (row.control == Control::wholeNumber) {
     auto* box = new QSpinBox(form_);
@@ -155,12 +171,15 @@ QWidget* SettingsPage::makeControl(const SettingRow& row) {
     if (!row.unit.empty()) box->setSuffix(" " + text(row.unit));
     // Typing "50" must not set 5 first.
     box->setKeyboardTracking(false);
+    // Who scrolls the page with the wheel does not mean the number under the mouse.
+    box->setFocusPolicy(Qt::StrongFocus);
+    box->installEventFilter(this);
     connect(box, &QSpinBox::valueChanged, this, [this, key](int value) { set(key, value); });
     control = box;
   } else {
     // The application reads "45s", "10m", "1h30m" and says what it would take when it cannot.
     auto* edit = new QLineEdit(form_);
-    edit->setMaximumWidth(fontMetrics().averageCharWidth() * 16);
+    edit->setFixedWidth(fontMetrics().averageCharWidth() * 20);
     edit->setPlaceholderText(row.control == Control::duration ? tr("none, or 45s, 10m, 1h") : tr("none"));
     connect(edit, &QLineEdit::editingFinished, this, [this, edit, key] {
       if (!edit->isModified()) return;
@@ -175,9 +194,18 @@ QWidget* SettingsPage::makeControl(const SettingRow& row) {
   return control;
 }
 
+bool SettingsPage::eventFilter(QObject* watched, QEvent* event) {
+  auto* box = qobject_cast<QSpinBox*>(watched);
+  if (box != nullptr && event->type() == QEvent::Wheel && !box->hasFocus()) {
+    event->ignore();
+    return true;
+  }
+  return Page::eventFilter(watched, event);
+}
+
 void SettingsPage::update(QWidget& control, const SettingRow& row) {
   const QSignalBlocker quiet(control);
-  if (auto* box = qobject_cast<QCheckBox*>(&control)) {
+  if (auto* box = qobject_cast<SwitchButton*>(&control)) {
     box->setChecked(row.isOn);
   } else if (auto* spin = qobject_cast<QSpinBox*>(&control)) {
     if (!spin->hasFocus() || spin->value() != static_cast<int>(row.numberValue.value_or(0))) {

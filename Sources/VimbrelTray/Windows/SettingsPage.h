@@ -6,10 +6,11 @@
 #include "Presentation/SettingsList.h"
 #include "Windows/Page.h"
 
-class QLabel;
 class QVBoxLayout;
 
 namespace vimbrel::desktop {
+
+class ToneLabel;
 
 /// Every setting with its unit and bounds. A change is sent as it is made; what is shown is what the
 /// application has.
@@ -21,9 +22,13 @@ class SettingsPage final : public Page {
   void refresh() override;
   void takeSituation() override { refresh(); }
 
+ protected:
+  bool eventFilter(QObject* watched, QEvent* event) override;
+
  private:
   void show(const SettingsList& list);
   void build(const SettingsList& list);
+  QWidget* makeLine(const SettingRow& row, QWidget* card);
   QWidget* makeControl(const SettingRow& row);
   void update(QWidget& control, const SettingRow& row);
   void set(const QString& key, const nlohmann::json& value);
@@ -34,8 +39,8 @@ class SettingsPage final : public Page {
   std::vector<QWidget*> controls_;  ///< in the order of the rows
   QWidget* form_ = nullptr;
   QVBoxLayout* formPlace_;
-  QLabel* location_;
-  QLabel* warnings_;
+  ToneLabel* location_;
+  ToneLabel* warnings_;
 };
 
 }  // namespace vimbrel::desktop

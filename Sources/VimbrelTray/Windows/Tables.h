@@ -23,6 +23,13 @@ inline void prepareTable(QTableWidget& table, const QStringList& titles) {
   table.horizontalHeader()->setHighlightSections(false);
 }
 
+/// A column of numbers, under a title that stands where they do.
+inline void alignAsNumbers(QTableWidget& table, int column) {
+  const auto alignment = Qt::AlignTrailing | Qt::AlignVCenter;
+  if (auto* title = table.horizontalHeaderItem(column)) title->setTextAlignment(alignment);
+  for (int row = 0; row < table.rowCount(); ++row) table.item(row, column)->setTextAlignment(alignment);
+}
+
 /// One row's texts; what is cut off is read in the tooltip.
 inline void setCells(QTableWidget& table, int row, const std::vector<std::string>& texts) {
   for (int column = 0; column < static_cast<int>(texts.size()); ++column) {

@@ -69,10 +69,8 @@ void UsagePage::refresh() {
                {each.name, each.agents, formatTokenCompact(each.tokens), formatTokenCompact(each.input),
                 formatTokenCompact(each.output), formatTokenCompact(each.cached), costText(each.costUSD),
                 std::to_string(each.sessions)});
-      for (int column = 2; column < table_->columnCount(); ++column) {
-        table_->item(row, column)->setTextAlignment(Qt::AlignTrailing | Qt::AlignVCenter);
-      }
     }
+    for (int column = 2; column < table_->columnCount(); ++column) alignAsNumbers(*table_, column);
     fitColumns(*table_, isByTime ? 1 : 0);
   });
 }

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "Popover/SwitchButton.h"
+#include "Views/SwitchButton.h"
 
 #include <QPainter>
 
@@ -17,7 +17,9 @@ SwitchButton::SwitchButton(const QString& text, QWidget* parent) : QAbstractButt
 
 QSize SwitchButton::sizeHint() const {
   const auto metrics = fontMetrics();
-  return {metrics.horizontalAdvance(text()) + 80, metrics.height() + 14};
+  const int height = metrics.height() + 14;
+  if (text().isEmpty()) return {2 * metrics.height() + 12, height};
+  return {metrics.horizontalAdvance(text()) + 80, height};
 }
 
 void SwitchButton::nextCheckState() { Q_EMIT changeRequested(!isChecked()); }
@@ -32,7 +34,8 @@ void SwitchButton::paintEvent(QPaintEvent* /*event*/) {
   paintRowBackground(painter, *this);
   const int height = fontMetrics().height();
   const QSize trackSize(height * 2, height + 2);
-  const auto area = rect().adjusted(10, 0, -10, 0);
+  const int margin = text().isEmpty() ? 6 : 10;
+  const auto area = rect().adjusted(margin, 0, -margin, 0);
   const auto track = mirroredRect(
       QRect(QPoint(area.right() - trackSize.width() + 1, (this->height() - trackSize.height()) / 2),
             trackSize),

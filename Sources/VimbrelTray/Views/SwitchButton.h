@@ -5,8 +5,8 @@
 
 namespace vimbrel::desktop {
 
-/// A labelled switch as wide as its row. It shows what the application says: a click asks for a change and
-/// leaves the switch where it is until the application has made it.
+/// A labelled switch as wide as its row, or without a text only the switch. It shows what the application
+/// says: a click asks for a change and leaves the switch where it is until the application has made it.
 class SwitchButton final : public QAbstractButton {
   Q_OBJECT
 
