@@ -2,220 +2,16 @@
 # SPDX-License-Identifier: Apache-2.0
 """Clicks and types on the real desktop program, beside the real application on a simulated machine.
 
-Runs inside display.sh --accessible. What is on the screen is found by its accessible name, as a screen reader
-finds it, and clicked where it is; what came of it is asked of the application.
+Runs inside display.sh --accessible.
 """
 import json
 import os
-import pathlib
 import re
-import signal
 import subprocess
-import sys
 import time
 import unittest
 
-try:
-    import gi
-
-    gi.require_version("Atspi", "2.0")
-    from gi.repository import Atspi, GLib
-except (ImportError, ValueError) as problem:
-    print(f"SKIPPED: {problem}")
-    sys.exit(1 if os.environ.get("VIMBREL_REQUIRE_COMPONENTS") == "1" else 77)
-
-VIMBREL = os.environ["VIMBREL_PROGRAM"]
-RELAY = os.environ["VIMBREL_RELAY_PROGRAM"]
-TRAY = os.environ["VIMBREL_TRAY_PROGRAM"]
-HOST = os.environ.get("VIMBREL_TRAY_HOST", "trayer")
-HOME = pathlib.Path(os.environ["HOME"])
-PATIENCE = 30  # seconds, for any machine; nothing waits longer than what it waits for takes
-WORLD = {"power": {"batteryPercent": 71, "isCharging": False, "isOnAC": False, "isLowPowerMode": False}}
-
-
-def eventually(what, seconds=PATIENCE):
-    """The first true value of `what()`; fails with its last value."""
-    end = time.monotonic() + seconds
-    while True:
-        value = what()
-        if value:
-            return value
-        if time.monotonic() > end:
-            raise AssertionError(f"did not come true within {seconds} s")
-        time.sleep(0.02)
-
-
-def run(*command):
-    return subprocess.run(command, capture_output=True, text=True, timeout=PATIENCE)
-
-
-def keys(*names):
-    run("xdotool", "key", "--clearmodifiers", *names)
-
-
-def click(x, y, button=1):
-    run("xdotool", "mousemove", str(x), str(y), "click", str(button))
-
-
-def tree(node, depth=0):
-    """Everything that is showing below a node."""
-    try:
-        count = node.get_child_count()
-    except GLib.Error:
-        return
-    for index in range(min(count, 500)):
-        try:
-            child = node.get_child_at_index(index)
-            if child is None:
-                continue
-            showing = child.get_state_set().contains(Atspi.StateType.SHOWING)
-        except GLib.Error:
-            continue  # It went away while it was looked at.
-        if showing or depth < 1:
-            yield child
-        yield from tree(child, depth + 1)
-
-
-class Desktop(unittest.TestCase):
-    """Each test has a fresh home, application and desktop program."""
-
-    completed_onboarding = True
-
-    def setUp(self):
-        for name in (".local", ".config"):
-            run("rm", "-rf", str(HOME / name))
-        self.world = HOME / "world.json"
-        self.world.write_text(json.dumps(WORLD))
-        self.application = None
-        self.start_application()
-        if self.completed_onboarding:
-            self.vimbrel("settings", "set", "hasCompletedOnboarding", "on")
-        self.start_tray()
-
-    def tearDown(self):
-        for process in (self.tray, self.application):
-            if process and process.poll() is None:
-                process.terminate()
-                process.wait(PATIENCE)
-        # One that the desktop program started has no parent here.
-        version = self.rpc_pid()
-        if version:
-            os.kill(version, signal.SIGTERM)
-            eventually(lambda: self.rpc_pid() is None)
-
-    # What runs
-
-    def start_application(self):
-        self.application = subprocess.Popen([VIMBREL, "run", "--lines", "--simulate", str(self.world)],
-                                            stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        eventually(lambda: self.status() is not None)
-
-    def start_tray(self):
-        self.tray = subprocess.Popen([TRAY, "--reduce-motion"])
-        eventually(self.program)
-        if HOST == "trayer":
-            eventually(self.item_stands_still)
-
-    def vimbrel(self, *arguments):
-        result = run(VIMBREL, *arguments)
-        self.assertEqual(result.returncode, 0, result.stderr)
-        return result.stdout
-
-    def status(self):
-        result = run(VIMBREL, "status", "--json")
-        return json.loads(result.stdout) if result.returncode == 0 else None
-
-    def rpc_pid(self):
-        import socket
-
-        try:
-            with socket.socket(socket.AF_UNIX) as connection:
-                connection.connect(str(HOME / ".local/share/Vimbrel/run/control.sock"))
-                connection.sendall(b'{"jsonrpc":"2.0","id":1,"method":"version"}\n')
-                return json.loads(connection.makefile().readline())["result"]["pid"]
-        except OSError:
-            return None
-
-    def event(self, agent, state, session="one"):
-        result = run(RELAY, "--agent", agent, "--state", state, "--session-id", session)
-        self.assertEqual(result.returncode, 0)
-
-    # What is on the screen
-
-    def program(self):
-        # What is remembered of a tree is brought up to date by signals, which nobody takes here.
-        context = GLib.MainContext.default()
-        while context.pending():
-            context.iteration(False)
-        desktop = Atspi.get_desktop(0)
-        desktop.clear_cache()
-        for index in range(desktop.get_child_count()):
-            application = desktop.get_child_at_index(index)
-            if application is not None and application.get_process_id() == self.tray.pid:
-                application.set_cache_mask(Atspi.Cache.NONE)
-                application.clear_cache()
-                return application
-        return None
-
-    def find(self, name, role=None):
-        """The first thing on the screen with this name, or that begins with it where it ends in "…"; or None."""
-        for node in tree(self.program()):
-            try:
-                found = node.get_name()
-                if (found == name or found.startswith(name.removesuffix("…") if name.endswith("…") else name + ",")) and (role is None or node.get_role() == role):
-                    return node
-            except GLib.Error:
-                continue
-        return None
-
-    def see(self, name, role=None):
-        try:
-            return eventually(lambda: self.find(name, role))
-        except AssertionError:
-            names = [node.get_name() for node in tree(self.program())]
-            raise AssertionError(f"{name!r} is not on the screen; there are {names}") from None
-
-    def press(self, name, role=None):
-        """Clicks the middle of what has this name, once it stands still."""
-        node = self.see(name, role)
-        place = node.get_extents(Atspi.CoordType.SCREEN)
-        while True:
-            time.sleep(0.05)
-            now = node.get_extents(Atspi.CoordType.SCREEN)
-            if (now.x, now.y, now.width, now.height) == (place.x, place.y, place.width, place.height):
-                break
-            place = now
-        self.assertGreater(place.width * place.height, 0, name)
-        click(place.x + place.width // 2, place.y + place.height // 2)
-        return node
-
-    def item_place(self):
-        """The middle of the one item in the tray's window."""
-        found = run("xdotool", "search", "--onlyvisible", "--class", "vimbrel-tray").stdout.split()
-        for window in found:
-            geometry = dict(line.split("=") for line in
-                            run("xdotool", "getwindowgeometry", "--shell", window).stdout.split())
-            width, height = int(geometry["WIDTH"]), int(geometry["HEIGHT"])
-            if width <= 64 and height <= 64 and int(geometry["Y"]) > 600:
-                return int(geometry["X"]) + width // 2, int(geometry["Y"]) + height // 2
-        return None
-
-    def item_stands_still(self):
-        """A tray makes room for an item step by step."""
-        before = self.item_place()
-        time.sleep(0.3)
-        return before and before == self.item_place()
-
-    def open_popover(self):
-        click(*self.item_place())
-        self.see("Diagnostics", Atspi.Role.PUSH_BUTTON)
-        eventually(lambda: run("xdotool", "getwindowfocus", "getwindowname").stdout.strip() == "Vimbrel")
-
-    def height(self, name):
-        return self.see(name).get_extents(Atspi.CoordType.SCREEN).height
-
-    def is_open(self):
-        return self.find("Pause for 15 minutes") or self.find("Resume") or self.find("Start Vimbrel")
+from desktop_world import HOME, PATIENCE, TRAY, WORLD, Atspi, Desktop, click, eventually, keys, run, tree
 
 
 class Popover(Desktop):
@@ -281,21 +77,10 @@ class Popover(Desktop):
 
 
 class Menu(Desktop):
-    def choose_from_below(self, steps):
-        x, y = self.item_place()
-        before = self.windows()
-        click(x, y, button=3)
-        eventually(lambda: self.windows() - before)
-        keys(*["Up"] * steps, "Return")
-        eventually(lambda: self.windows() == before or self.tray.poll() is not None)
-
-    def windows(self):
-        return set(run("xdotool", "search", "--onlyvisible", "--class", "vimbrel-tray").stdout.split())
-
     def test_works_by_mouse_and_keyboard(self):
         # Menus show no tree to screen readers until one walks them, so they are walked: from the last entry up,
-        # past diagnostics, settings, history, the popover and the master switch.
-        self.choose_from_below(7)
+        # past the introduction, diagnostics, settings, history, the popover and the master switch.
+        self.choose_from_below(8)
         eventually(lambda: self.status()["isHolding"])
         self.choose_from_below(1)
         self.assertEqual(self.tray.wait(PATIENCE), 0)
@@ -392,7 +177,7 @@ class Introduction(Desktop):
     completed_onboarding = False
 
     def test_opens_by_itself_and_hears_the_first_event(self):
-        self.see("Welcome. …")
+        self.see("Welcome to Vimbrel")
         self.press("Codex CLI…", Atspi.Role.LIST_ITEM)
         self.press("Copy what to paste")
         self.see("Waiting for the first event of Codex CLI…")
@@ -401,7 +186,59 @@ class Introduction(Desktop):
         self.see("✓ The first event of Codex CLI was received…")
         self.press("Finish the introduction")
         eventually(lambda: self.status()["settings"]["hasCompletedOnboarding"])
-        eventually(lambda: not self.find("Welcome. …"))
+        eventually(lambda: not self.find("Welcome to Vimbrel"))
+
+    def test_opens_again_from_the_menu(self):
+        self.press("Finish the introduction")
+        eventually(lambda: not self.find("Welcome to Vimbrel"))
+        keys("Escape")
+        eventually(lambda: not self.windows_besides_the_item())
+        self.choose_from_below(2)
+        self.see("Welcome to Vimbrel")
+        self.press("Finish the introduction")
+        eventually(lambda: not self.find("Welcome to Vimbrel"))
+
+
+class German(Desktop):
+    """The same program in another language, in its direction and, as it would be for others, from right to left."""
+
+    tray_options = ("--reduce-motion",)
+
+    def start_tray(self):
+        self.tray = subprocess.Popen([TRAY, *self.tray_options],
+                                     env={**os.environ, "LC_ALL": "C.UTF-8", "LANGUAGE": "de"})
+        eventually(self.program)
+        eventually(self.item_stands_still)
+
+    def require_german(self):
+        names = [node.get_name() for node in tree(self.program())]
+        english = [name for name in names if re.search(r"\b(the|is|are|and|until|with|of|to|for|this|not)\b", name)]
+        self.assertEqual(english, [])
+        self.assertGreater(len(names), 10)
+
+    def test_is_operated_in_german(self):
+        self.event("claude", "working")
+        click(*self.item_place())
+        self.see("Diagnose", Atspi.Role.PUSH_BUTTON)
+        self.see("Claude Code, Arbeitet…")
+        self.see("Akku 71 %")
+        self.see("Claude Code bei der Arbeit")
+        self.require_german()
+        self.press("Jetzt wach halten")
+        eventually(lambda: self.status()["settings"]["manualHoldEnabled"])
+        self.press("15 Minuten Pause")
+        eventually(lambda: self.status()["pauseUntil"])
+        self.press("Fortsetzen", Atspi.Role.PUSH_BUTTON)
+        eventually(lambda: self.status()["pauseUntil"] is None)
+        self.assertEqual(self.status()["statusDescription"], "Active (1 working agent) — Manual hold requested")
+        self.press("Einstellungen", Atspi.Role.PUSH_BUTTON)
+        self.see("Nachlaufzeit")
+        self.see("Auf Vorgaben zurücksetzen …")
+        self.require_german()
+
+
+class GermanFromTheRight(German):
+    tray_options = ("--reduce-motion", "-reverse")
 
 
 class Application(Desktop):

@@ -3,12 +3,12 @@
 #
 # Runs a command on a virtual display of its own, with a session bus, a window manager, and a panel's tray.
 #
-#   display.sh [--size WxH] [--tray trayer|xfce4-panel|none] [--accessible] -- COMMAND [ARGUMENT…]
+#   display.sh [--size WxH] [--tray trayer|xfce4-panel|none] [--accessible] [--composited] -- COMMAND [ARGUMENT…]
 #
 # Everything ends with the command, whose status is this script's. 77 with one line when something is missing,
 # or 1 instead with VIMBREL_REQUIRE_COMPONENTS=1.
 set -u
-size=1280x800 tray=trayer accessible=
+size=1280x800 tray=trayer accessible= composited=
 skip() {
   echo "SKIPPED: $1"
   [ "${VIMBREL_REQUIRE_COMPONENTS:-}" = 1 ] && exit 1
@@ -20,6 +20,7 @@ while [ $# -gt 0 ]; do
     --size) size=$2; shift 2 ;;
     --tray) tray=$2; shift 2 ;;
     --accessible) accessible=1; shift ;;
+    --composited) composited=1; shift ;;
     --) shift; break ;;
     *) echo "display.sh: unknown option $1" >&2; exit 2 ;;
   esac
@@ -77,6 +78,15 @@ export DISPLAY=:$number
 openbox --sm-disable >"$here/openbox.log" 2>&1 &
 children+=($!)
 until xprop -root _NET_SUPPORTING_WM_CHECK 2>/dev/null | grep -q window; do sleep 0.05; done
+if [ -n "$composited" ]; then
+  [ -n "$(command -v picom)" ] || skip "picom is not installed"
+  picom --backend xrender --config /dev/null >"$here/picom.log" 2>&1 &
+  children+=($!)
+  until xprop -root -f _NET_WM_CM_S0 32x _NET_WM_CM_S0 >/dev/null 2>&1 && xwininfo -name picom >/dev/null 2>&1; do
+    kill -0 "${children[-1]}" 2>/dev/null || skip "picom does not start here"
+    sleep 0.05
+  done
+fi
 case $tray in
   trayer) trayer --edge bottom --align right --widthtype request --height 32 --transparent false >"$here/tray.log" 2>&1 &
     children+=($!) ;;
