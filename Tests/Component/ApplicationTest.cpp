@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <cstdlib>
 
 #include "Component/Rig.h"
 #include "EndToEnd/ProcessHarness.h"
@@ -71,6 +72,70 @@ TEST(Application, neitherLosesNorDoublesItWhenLogindRestarts) {
   }
   report(sandbox, "working");
   EXPECT_EQ(inhibitors(), 1);
+}
+
+bool isTold(const Sandbox& sandbox, const std::string& part) {
+  return sandbox.vimbrel({"status", "--json"}).output.find(part) != std::string::npos;
+}
+
+/// The bus dies, and with it whoever lives on it; `meanwhile` happens before all of them are back.
+void loseTheSystemBus(const std::string& how, const std::function<void()>& meanwhile) {
+  rig::order(how + " system-bus");
+  // These end by themselves when their bus does, or are ended now.
+  rig::order("kill logind");
+  rig::order("kill polkit");
+  meanwhile();
+  for (const char* order : {"start system-bus", "start polkit", "start logind"}) rig::order(order);
+}
+
+TEST(Application, livesThroughTheDeathOfTheWholeBusAndHoldsAgain) {
+  const Sandbox sandbox;
+  const auto application = start(sandbox);
+  EXPECT_EQ(sandbox.vimbrel({"settings", "set", "releaseDelaySeconds", "1"}).status, 0);
+  report(sandbox, "working");
+  ASSERT_TRUE(eventually([] { return inhibitors() == 1; }));
+  for (const std::string how : {"kill", "stop"}) {
+    loseTheSystemBus(how, [&] {
+      EXPECT_TRUE(eventually([&] { return isTold(sandbox, R"("mechanisms": [])"); })) << how;
+      report(sandbox, "working");
+      EXPECT_TRUE(isTold(sandbox, "\"isHolding\": true")) << "the decision does not depend on the bus";
+    });
+    EXPECT_TRUE(eventually([] { return inhibitors() == 1; })) << how;
+  }
+  // What ended while nobody could be told is not taken up again.
+  loseTheSystemBus("kill", [&] {
+    report(sandbox, "idle");
+    EXPECT_TRUE(eventually([&] { return isTold(sandbox, "\"isHolding\": false"); }));
+  });
+  report(sandbox, "working");
+  EXPECT_TRUE(eventually([] { return inhibitors() == 1; })) << "a first hold on the new bus";
+  report(sandbox, "idle");
+  EXPECT_TRUE(eventually([] { return inhibitors() == 0; }));
+  application->signal(SIGTERM);
+  EXPECT_EQ(application->wait(), 0) << application->errors();
+}
+
+TEST(SessionApplication, livesThroughTheDeathOfTheSessionBusAndHoldsAgain) {
+  const auto held = [] {
+    return rig::occurrences(
+        rig::busCall("session", "org.gnome.SessionManager", "/mock", "org.vimbrel.Mock.Held"), "Vimbrel");
+  };
+  Sandbox sandbox;
+  sandbox.environment["DBUS_SESSION_BUS_ADDRESS"] = std::getenv("DBUS_SESSION_BUS_ADDRESS");
+  const auto application = start(sandbox);
+  report(sandbox, "working");
+  ASSERT_TRUE(eventually([&] { return held() == 1; })) << sandbox.vimbrel({"doctor"}).output;
+  for (const std::string how : {"kill", "stop"}) {
+    rig::order(how + " session");
+    rig::order("kill gnome-session");
+    EXPECT_TRUE(eventually([&] { return isTold(sandbox, R"("mechanisms": [])"); })) << how;
+    rig::order("start session");
+    rig::order("start gnome-session");
+    EXPECT_TRUE(eventually([&] { return held() == 1; })) << how;
+  }
+  application->signal(SIGTERM);
+  EXPECT_EQ(application->wait(), 0) << application->errors();
+  EXPECT_EQ(held(), 0);
 }
 
 TEST(DeniedApplication, saysThatItWasRefusedAndHoldsNothing) {

@@ -112,6 +112,12 @@ class ScreenSaver(dbus.service.Object):
         release(cookie)
 
 
+class PortalSession(dbus.service.Object):
+    @dbus.service.method("org.freedesktop.impl.portal.Session")
+    def Close(self):
+        self.remove_from_connection()
+
+
 class PortalDesktop(dbus.service.Object):
     NAME = "org.freedesktop.impl.portal.GlobalShortcuts"
     bound = None
@@ -127,6 +133,7 @@ class PortalDesktop(dbus.service.Object):
 
     @dbus.service.method(NAME, in_signature="oosa{sv}", out_signature="ua{sv}")
     def CreateSession(self, handle, session, application, options):
+        PortalSession(bus, session)
         return dbus.UInt32(0), dbus.Dictionary({}, signature="sv")
 
     @dbus.service.method(NAME, in_signature="ooa(sa{sv})sa{sv}", out_signature="ua{sv}")
@@ -145,6 +152,8 @@ class PortalDesktop(dbus.service.Object):
 class PortalMock(Mock):
     @dbus.service.method("org.vimbrel.Mock", out_signature="s")
     def Press(self):
+        if PortalDesktop.bound is None:
+            return ""
         session, shortcut, trigger = PortalDesktop.bound
         service.Activated(session, shortcut, dbus.UInt64(1), dbus.Dictionary({}, signature="sv"))
         return trigger
@@ -173,6 +182,9 @@ services = {
 name, kind, path = services[part]
 if part == "screensaver-bare":
     ScreenSaver.first = 0
+if part == "portal-desktop":
+    # What was bound ends with the portal's process.
+    bus.watch_name_owner("org.freedesktop.portal.Desktop", lambda owner: owner or setattr(kind, "bound", None))
 service, mock = kind(bus, path), (PortalMock if part == "portal-desktop" else Mock)(bus, "/mock")
 owned = dbus.service.BusName(name, bus, do_not_queue=True)
 GLib.MainLoop().run()

@@ -126,10 +126,12 @@ start_part() {
   case $1 in
     system-bus)
       bus system /run/dbus/system_bus_socket
+      rm -f /run/dbus/system_bus_socket  # One that was killed leaves it.
       dbus-daemon --config-file=/run/rig/system.conf --nofork 2>>"$log" & process[$1]=$!
       for _ in $(seq 500); do [ -S /run/dbus/system_bus_socket ] && return; sleep 0.01; done; return 1 ;;
     session)
       bus session "$runtime/bus"
+      rm -f "$runtime/bus"
       execAsUser dbus-daemon --config-file=/run/rig/session.conf --nofork 2>>"$log" & process[$1]=$!
       for _ in $(seq 500); do [ -S "$runtime/bus" ] && return; sleep 0.01; done; return 1 ;;
     logind)

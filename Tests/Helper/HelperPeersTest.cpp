@@ -149,7 +149,9 @@ TEST(HelperPeers, ofAnotherUserAreRefusedUnlessTheirGroupOwnsTheSocket) {
 }
 
 TEST(HelperPeers, meetAProcessWithoutAnyPrivilegeToMisuse) {
-  const HelperProcess helper({"--user", "--simulate"});
+  HelperProcess helper({"--user", "--simulate"});
+  // Its socket is there before it drops its privileges; what it answers, it answers without them.
+  EXPECT_FALSE(isHeld(helper));
   std::ifstream file("/proc/" + std::to_string(helper.pid()) + "/status");
   std::map<std::string, std::string> status;
   for (std::string line; std::getline(file, line);) {
