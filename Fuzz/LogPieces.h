@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "AgentMonitoring/UsageProviders/JsonLines.h"
-#include "AgentMonitoring/UsageStoreFormat.h"
+#include "AgentMonitoring/UsageStore/UsageStoreFormat.h"
 #include "Domain/UsageEvent.h"
 
 namespace vimbrel {

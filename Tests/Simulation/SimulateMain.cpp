@@ -7,6 +7,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "Simulation/Days.h"
 #include "Simulation/Storm.h"
 
 namespace {
@@ -15,8 +16,9 @@ using namespace vimbrel;
 
 int usage() {
   std::fputs(
-      "usage: simulate [--seeds N] [--first SEED] [--steps N]\n"
-      "       simulate --seed SEED [--steps N] [--only STEP,STEP,…] [--trace]\n",
+      "usage: simulate [--seeds N] [--first SEED] [--steps N] [--followers]\n"
+      "       simulate --seed SEED [--steps N] [--only STEP,STEP,…] [--followers] [--trace]\n"
+      "       simulate --days N\n",
       stderr);
   return 2;
 }
@@ -53,6 +55,20 @@ int tellFailure(const StormPlan& plan, const StormResult& result) {
   return 1;
 }
 
+/// Days that are all alike, and what each night finds.
+int tellDays(std::uint32_t days) {
+  const auto lived = liveDays({.days = static_cast<int>(days)});
+  std::puts("night  allocated KiB  files KiB  tasks waiting  descriptors");
+  for (std::size_t night = 0; night < lived.nights.size(); ++night) {
+    const auto& reading = lived.nights[night];
+    std::printf("%5zu  %13zu  %9zu  %13zu  %11zu\n", night + 1, reading.allocatedBytes / 1024,
+                reading.fileBytes / 1024, reading.scheduled, reading.descriptors);
+  }
+  std::printf("%llu tasks checked\n", static_cast<unsigned long long>(lived.tasks));
+  if (lived.violation) std::printf("BROKEN %s\n", lived.violation->c_str());
+  return lived.violation ? 1 : 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -67,8 +83,13 @@ int main(int argc, char** argv) {
       isTraced = true;
       continue;
     }
+    if (option == "--followers") {
+      plan.comparesFollowers = true;
+      continue;
+    }
     if (i + 1 == argc) return usage();
     const std::string_view value = argv[++i];
+    if (std::uint32_t days = 0; option == "--days" && read(value, days)) return tellDays(days);
     if (option == "--seeds" && read(value, seeds)) continue;
     if (option == "--first" && read(value, first)) continue;
     if (option == "--steps" && read(value, plan.steps)) continue;

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Simulation/Storm.h"
 
+#include <malloc.h>
 #include <sys/resource.h>
 
 #include <algorithm>
@@ -9,6 +10,8 @@
 #include <fstream>
 
 #include "AgentMonitoring/UsageProviders/ClaudeUsageProvider.h"
+#include "Simulation/ControlPeers.h"
+#include "Simulation/Recomputation.h"
 #include "Support/CalendarDay.h"
 
 namespace vimbrel {
@@ -20,6 +23,8 @@ using std::chrono::nanoseconds;
 /// A lease, the helper's watchdog after it, and a second for the evaluation.
 constexpr nanoseconds longestCover = 60s + 5s + 1s;
 constexpr nanoseconds storeRetry = 11s;
+/// Ten thousand sessions, everything that was ever stored in a storm, and the storm's own trace.
+constexpr std::size_t mostMemory = 96U << 20U;
 
 /// While it lives, no file of this process can grow: what a full disk does to writes.
 class FullDisk {
@@ -58,7 +63,9 @@ class Storm {
                       .usage = [this](VirtualTime& time) { return makeUsage(time); },
                       .services = {}}),
         helper_(std::make_unique<SimulatedHelperProcess>(application_.time(), plan.flaw)),
-        life_(application_, plan.seed) {
+        life_(application_, plan.seed),
+        peers_(application_) {
+    peers_.comparesFollowers = plan.comparesFollowers;
     life_.onNote = [this](const std::string& what) { note(what); };
     application_.checkEveryTask([this] { return checkEveryTask(); });
     application_.alsoCheck([this] { return checkWhenSettled(); });
@@ -68,6 +75,7 @@ class Storm {
   StormResult run() {
     helper_->start();
     application_.start();
+    peers_.serve();
     if (!application_.app().settings().setDeepLidProtectionEnabled(true)) note("the lid cannot be asked for");
     std::uint32_t step = 0;
     for (; step < plan_.steps && !isOver(); ++step) {
@@ -80,6 +88,8 @@ class Storm {
       something(mixed(plan_.seed, step, 3));
     }
     if (!isOver()) calmDown();
+    peers_.end();
+    result_.counts["comparisons of followers"] = peers_.comparisons();
     result_.violation = application_.violation() ? application_.violation() : violation_;
     result_.lastStep = step;
     result_.tasks = application_.taskCount();
@@ -114,6 +124,8 @@ class Storm {
       auto next = std::min(end, uptime() + 1s);
       if (!due_.empty()) next = std::clamp(due_.begin()->first, uptime(), next);
       run(next - uptime());
+      peers_.look();
+      noticePeers();
       life_.passSecond(mixed(plan_.seed, static_cast<std::uint32_t>(++secondsPassed_), 4));
       while (!due_.empty() && due_.begin()->first <= uptime()) {
         const auto what = std::move(due_.begin()->second);
@@ -126,17 +138,26 @@ class Storm {
 
   void run(nanoseconds duration) {
     const auto full = isDiskFull_ ? std::make_unique<FullDisk>() : nullptr;
+    peers_.poll();
     application_.run(duration);
+  }
+  void noticePeers() {
+    if (!violation_) violation_ = peers_.violation();
   }
 
   // -- what happens
 
   void something(std::uint32_t seed) {
     const int kind = upTo(100);
-    if (kind < 40) {
+    if (kind < 33) {
       count("life");
       const auto full = isDiskFull_ ? std::make_unique<FullDisk>() : nullptr;
       life_.happen(seed);
+    } else if (kind < 38) {
+      count("clients of the control socket");
+      if (peers_.isServing()) note(peers_.happen([this](int bound) { return upTo(bound); }));
+    } else if (kind < 40) {
+      busDies();
     } else if (kind < 60) {
       agentWritesItsLog();
     } else if (kind < 64) {
@@ -224,6 +245,7 @@ class Storm {
     if (isOver()) return;
     note("the application crashes after " + std::to_string(tasks) + " tasks");
     rememberStored();
+    peers_.end();
     application_.crash();
     store_ = nullptr;
     commandHolds_.clear();
@@ -242,6 +264,7 @@ class Storm {
       application_.settle();
     }
     rememberStored();
+    peers_.end();
     const auto full = isDiskFull_ ? std::make_unique<FullDisk>() : nullptr;
     application_.kill();
     store_ = nullptr;
@@ -256,6 +279,19 @@ class Storm {
     const auto full = isDiskFull_ ? std::make_unique<FullDisk>() : nullptr;
     life_.applicationRestarted();
     application_.relaunch();
+    peers_.serve();
+  }
+
+  void busDies() {
+    count("restarts of the bus");
+    note("the bus dies");
+    application_.machine().setServiceRunning(false);
+    busFaults_++;
+    later(std::chrono::milliseconds(upTo(2) == 0 ? upTo(3000) : upTo(120'000)), [this] {
+      if (--busFaults_ > 0) return;
+      note("the bus is back");
+      application_.machine().setServiceRunning(true);
+    });
   }
 
   /// Half a line at the end of the journal, as a machine leaves it that loses its power while it writes.
@@ -391,8 +427,12 @@ class Storm {
     }
     due_.clear();
     faultAt_ = diskFreeAt_ = writtenAt_ = uptime();
-    lineFaults_ = refusals_ = 0;
+    lineFaults_ = refusals_ = busFaults_ = 0;
+    application_.machine().setServiceRunning(true);
     pass(180s);
+    peers_.everybodyLeaves();
+    pass(12s);
+    if (peers_.connectionCount() != 0) return broken("connections outlive their peers");
     if (isOver() || store_ == nullptr) return;
     for (const auto& [key, total] : expected_) {
       if (!isStored(key, total)) return broken("at the end, usage of the log is not stored: " + key);
@@ -509,9 +549,12 @@ class Storm {
     }
     if (application_.time().scheduledCount() > 200) return "timers pile up";
     // Looked at now and then, because it takes long.
-    if (store_ != nullptr && uptime() - usageCheckedAt_ > 60s) {
-      usageCheckedAt_ = uptime();
+    if (store_ != nullptr && uptime() - thoroughAt_ > 60s) {
+      thoroughAt_ = uptime();
       if (auto fault = checkUsage()) return fault;
+      if (auto fault = differenceFromScratch(application_)) return fault;
+      // Sanitizers keep books of their own, and this one at 0.
+      if (::mallinfo2().uordblks > memoryBefore_ + mostMemory) return "memory has no bound";
     }
     return std::nullopt;
   }
@@ -524,7 +567,9 @@ class Storm {
   SimulatedApplication application_;
   std::unique_ptr<SimulatedHelperProcess> helper_;
   RandomLife life_;
+  ControlPeers peers_;
   std::mt19937 random_;
+  const std::size_t memoryBefore_ = ::mallinfo2().uordblks;
   StormResult result_;
   std::optional<std::string> violation_;
   std::uint32_t step_ = 0;
@@ -534,11 +579,12 @@ class Storm {
   bool isDiskFull_ = false;
   int lineFaults_ = 0;
   int refusals_ = 0;
+  int busFaults_ = 0;
   nanoseconds faultAt_{0};
   nanoseconds diskFreeAt_{-1h};
   nanoseconds writtenAt_{0};
   nanoseconds launchedAt_{0};
-  nanoseconds usageCheckedAt_{0};
+  nanoseconds thoroughAt_{0};
   nanoseconds wantedAt_{0};
   std::optional<nanoseconds> wantedSince_;
   std::vector<Token> commandHolds_;
