@@ -94,7 +94,8 @@ TEST(Commands, steerTheRunningApplication) {
               {{"why"}, 0, "=> Pause"},
               {{"why"}, 0, "would say: Active (0 working agents) — Manual hold requested"},
               {{"resume"}, 0, "Manual hold requested"},
-              {{"pause", "until", "14:00"}, 0, "until 14:00"},
+              // Today or, with the date before it, tomorrow.
+              {{"pause", "until", "14:00"}, 0, "14:00"},
               {{"hold", "off"}, 0, "Protection paused"},
               {{"settings", "reset"}, 0, "releaseDelaySeconds"},
               {{"status"}, 0, "Sleep enabled"},

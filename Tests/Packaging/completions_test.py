@@ -3,9 +3,13 @@
 """The completions as the three shells really answer: completions_test.py COMPLETIONS-DIRECTORY"""
 import os
 import pathlib
+import pty
+import select
+import signal
 import subprocess
 import sys
 import tempfile
+import time
 import unittest
 
 DIRECTORY = pathlib.Path(sys.argv[1]).resolve()
@@ -22,6 +26,15 @@ CASES = {
     "vimbrel usage daily --s": ({"--since"}, {"--until"}),
     "vimbrel hold ": ({"on", "off"}, {"status"}),
     "vimbrel status --j": ({"--json"}, set()),
+    "vimbrel agents setup ": ({"claude", "codex", "gemini", "opencode", "antigravity", "cursor", "windsurf", "aider"}, {"custom"}),
+    "vimbrel agents test wind": ({"windsurf"}, {"claude"}),
+    "vimbrel settings get notch": ({"notchEnabled", "notchAlwaysVisible"}, {"onlyOnAC"}),
+    "vimbrel settings set releaseDelaySeconds ": ({"30"}, {"on"}),
+    "vimbrel status --format ": ({"plain", "waybar", "i3blocks", "polybar"}, {"--json"}),
+    "vimbrel usage export --format ": ({"json", "prometheus", "otlp-json"}, set()),
+    "vimbrel budgets set ": ({"daily", "weekly", "monthly"}, {"claude"}),
+    "vimbrel budgets set daily --agent ": ({"claude", "aider"}, {"daily"}),
+    "vimbrel setup --": ({"--yes", "--dry-run"}, {"--json"}),
     "vimbrel-relay --state ": ({"working", "idle"}, {"claude"}),
     "vimbrel-relay --agent c": ({"claude", "codex", "cursor"}, {"aider"}),
 }
@@ -55,30 +68,56 @@ class Fish:
 
 
 class Zsh:
-    """zsh completes only on a terminal; here the function runs with what it would have been given, and what it hands
-    to zsh's own functions is what counts."""
-    SCRIPT = """
-_describe() { print -l -- ${(P)argv[-1]} }
-_files() { print -- '(files)' }
-_message() { }
-_command_names() { print -- '(commands)' }
-words=(${(s: :)2})
-[[ $2 != *' ' ]] || words+=('')
-CURRENT=$#words
-service=$words[1]
-prefix=$words[CURRENT]
-run() { source $1/_vimbrel }
-for each in ${(f)"$(run $1)"}; do
-  word=${each%%:*}
-  [[ $word == $prefix* ]] && print -r -- $word
-done
-true
+    """A real zsh at a terminal, with its own completion system; what it would offer is noted on the way to its list."""
+    SETUP = """
+PS1='> '
+fpath=($1 $fpath)
+autoload -Uz compinit && compinit -u -d $HOME/dump
+compadd() {
+  local word
+  for word in "$@"; do
+    [[ $word == -- ]] && break
+    # These only ask which words match.
+    [[ $word == -[OAD] ]] && { builtin compadd "$@"; return }
+  done
+  local -a offered
+  builtin compadd -O offered "$@"
+  print -rl -- $offered >>$HOME/offered
+  builtin compadd "$@"
+}
+finished() { print >$HOME/done }
+comppostfuncs=(finished)
+print ready >$HOME/ready
 """
 
     def offered(self, line: str) -> set[str]:
-        result = subprocess.run(["zsh", "-f", "-c", self.SCRIPT, "zsh", DIRECTORY, line], capture_output=True, text=True, check=False)
-        assert not result.stderr, result.stderr
-        return set(result.stdout.split())
+        with tempfile.TemporaryDirectory() as home:
+            folder = pathlib.Path(home)
+            (folder / "setup").write_text(self.SETUP, encoding="utf-8")
+            (folder / "offered").touch()
+            shell, terminal = pty.fork()
+            if shell == 0:
+                os.execvpe("zsh", ["zsh", "-f", "-i"], {**os.environ, "HOME": home, "TERM": "dumb", "LC_ALL": "C.UTF-8"})
+            try:
+                os.write(terminal, f"source {home}/setup {DIRECTORY}\n".encode())
+                self.wait_for(folder / "ready", terminal)
+                os.write(terminal, f"{line}\t".encode())
+                self.wait_for(folder / "done", terminal)
+                # Its own blanks and quotation marks are of no interest.
+                return set((folder / "offered").read_text(encoding="utf-8").split())
+            finally:
+                os.kill(shell, signal.SIGKILL)
+                os.waitpid(shell, 0)
+                os.close(terminal)
+
+    @staticmethod
+    def wait_for(file: pathlib.Path, terminal: int) -> None:
+        end = time.monotonic() + 30
+        shown = b""
+        while not file.exists():
+            if select.select([terminal], [], [], 0.02)[0]:
+                shown += os.read(terminal, 65536)
+            assert time.monotonic() < end, shown
 
 
 class Completions(unittest.TestCase):

@@ -71,6 +71,16 @@ class Manual(unittest.TestCase):
         self.assertEqual(set(tagged(section("vimbrel.1", "EXIT STATUS"))), program)
         self.assertEqual(set(re.findall(r"(?m)^  (\d+)  ", help_of([]))), program)
 
+    def test_every_exit_status_of_the_other_programs_and_no_other(self):
+        helper = (SOURCES / "VimbrelHelper/main.cpp").read_text()
+        programs = {"vimbrel-relay.1": set(re.findall(r"_exit\((\d)\)", (SOURCES / "VimbrelRelay/main.cpp").read_text())),
+                    "vimbrel-helper.8": {"0"} | set(re.findall(r"constexpr int exit\w+ = (\d);", helper))}
+        if TRAY:
+            tray = (SOURCES / "VimbrelTray/main.cpp").read_text()
+            programs["vimbrel-tray.1"] = set(re.findall(r"(?m)^ +return (\d);", tray))
+        for page, program in programs.items():
+            self.assertEqual(set(tagged(section(page, "EXIT STATUS"))), program, page)
+
     def test_every_setting_and_no_other(self):
         source = (SOURCES / "VimbrelCore/System/SettingDescriptions.cpp").read_text()
         program = set(re.findall(r"\.key = \"(\w+)\"", source))
@@ -91,6 +101,17 @@ class Manual(unittest.TestCase):
         program = set(re.findall(r"argument == \"(-[\w-]+)\"", source))
         page = {name for tag in tagged(section("vimbrel-helper.8", "OPTIONS")) for name in re.findall(r"(?<!\w)-[\w-]+", tag)}
         self.assertEqual(page, program)
+
+    def test_every_option_of_the_tray_and_no_other(self):
+        if not TRAY:
+            return
+        source = (SOURCES / "VimbrelTray/main.cpp").read_text()
+        program = {"--" + name for name in re.findall(r"QCommandLineOption \w+\(\s*\"([\w-]+)\"", source)}
+        program |= {option for name in ("help", "version") if f"add{name.title()}Option()" in source for option in ("--" + name, "-" + name[0])}
+        page = {name for tag in tagged(section("vimbrel-tray.1", "OPTIONS")) for name in re.findall(r"(?<![\w-])--?[a-z][\w-]*", tag)}
+        # Qt adds one of its own to each program.
+        self.assertEqual(page - {"--help-all"}, program)
+        self.assertGreater(len(program), 4)
 
     def test_every_program_file_format_and_socket_has_a_page(self):
         for page in ("vimbrel.1", "vimbrel-relay.1", "vimbrel-helper.8", "vimbrel-settings.5", "vimbrel-files.5",

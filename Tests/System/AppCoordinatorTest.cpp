@@ -21,13 +21,14 @@ using Journal = std::vector<std::string>;
 
 struct FakeAssertions final : IdleWakeControlling {
   explicit FakeAssertions(Journal& written) : journal(written) {}
-  bool isActive() const override { return false; }
+  bool isActive() const override { return active; }
   bool acquire(std::string_view reason, bool preventDisplaySleep) override {
     journal.push_back("acquire " + std::string(reason) + (preventDisplaySleep ? " +display" : ""));
     return true;
   }
   void release() override { journal.push_back("release"); }
   Journal& journal;
+  bool active = false;
 };
 
 struct FakeBattery final : BatteryMonitoring {
@@ -54,11 +55,12 @@ struct FakeThermal final : ThermalMonitoring {
 
 struct FakeLid final : LidMonitoring {
   explicit FakeLid(Journal& written) : journal(written) {}
-  bool isLidClosed() const override { return false; }
+  bool isLidClosed() const override { return closed; }
   void setOnLidStateChanged(ChangeCallback callback) override { changed = std::move(callback); }
   void start() override { journal.push_back("start lid"); }
   void stop() override { journal.push_back("stop lid"); }
   Journal& journal;
+  bool closed = false;
   ChangeCallback changed;
 };
 
@@ -113,6 +115,7 @@ struct Coordinator : testing::Test {
   Journal journal;
   std::shared_ptr<FakeBattery> battery = std::make_shared<FakeBattery>(journal);
   std::shared_ptr<FakeThermal> thermal = std::make_shared<FakeThermal>(journal);
+  std::shared_ptr<FakeAssertions> assertions = std::make_shared<FakeAssertions>(journal);
   std::shared_ptr<FakeLid> lid = std::make_shared<FakeLid>(journal);
   std::shared_ptr<FakeReceiver> receiver = std::make_shared<FakeReceiver>(journal);
   std::shared_ptr<FakeProcesses> processes = std::make_shared<FakeProcesses>(journal);
@@ -120,18 +123,17 @@ struct Coordinator : testing::Test {
   std::shared_ptr<AgentStateCoordinator> agents = std::make_shared<AgentStateCoordinator>(time);
   std::shared_ptr<SettingsStore> settings =
       std::make_shared<SettingsStore>(std::make_shared<MemoryPreferences>(), time);
-  std::shared_ptr<AppCoordinator> coordinator =
-      AppCoordinator::create({.settings = settings,
-                              .agentCoordinator = agents,
-                              .idleAssertionController = std::make_shared<FakeAssertions>(journal),
-                              .batteryMonitor = battery,
-                              .thermalMonitor = thermal,
-                              .lidMonitor = lid,
-                              .hookReceiver = receiver,
-                              .processMonitor = processes,
-                              .mainQueue = time.mainQueue(),
-                              .services = {service}},
-                             time);
+  std::shared_ptr<AppCoordinator> coordinator = AppCoordinator::create({.settings = settings,
+                                                                        .agentCoordinator = agents,
+                                                                        .idleAssertionController = assertions,
+                                                                        .batteryMonitor = battery,
+                                                                        .thermalMonitor = thermal,
+                                                                        .lidMonitor = lid,
+                                                                        .hookReceiver = receiver,
+                                                                        .processMonitor = processes,
+                                                                        .mainQueue = time.mainQueue(),
+                                                                        .services = {service}},
+                                                                       time);
 
   void hook(AgentState state, std::string session = "s") {
     HookEvent event;
@@ -275,6 +277,16 @@ TEST_F(Coordinator, tellsSurfacesOnlyWhatIsNew) {
   EXPECT_EQ(told, 1);
   ASSERT_TRUE(coordinator->lastContext());
   EXPECT_EQ(coordinator->lastContext()->sessions.size(), 1U);
+  ASSERT_TRUE(settings->setHasCompletedOnboarding(true));
+  time.runReady();
+  EXPECT_EQ(told, 2) << "no decision depends on it, but windows show it";
+  lid->closed = true;
+  lid->changed(true);
+  time.runReady();
+  EXPECT_EQ(told, 3) << "nor on the lid";
+  assertions->active = true;
+  time.advance(3s);
+  EXPECT_EQ(told, 4) << "the platform grants, later, what it refused";
 }
 
 TEST_F(Coordinator, listsTheNewestSessionFirst) {

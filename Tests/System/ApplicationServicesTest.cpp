@@ -227,6 +227,10 @@ TEST(LinuxLoginItem, isAnAutostartEntryOrAUserUnitAndNeverBoth) {
   ASSERT_TRUE(unit) << unit.error();
   EXPECT_FALSE(std::filesystem::exists(entry));
   EXPECT_TRUE(item.isServiceEnabled());
+  const auto text = readFile(*unit, 65536).value_or("");
+  EXPECT_THAT(text,
+              HasSubstr("ExecStart=\"" + directory.path() + R"(/my \"programs\"/vimbrel" run --lines)"));
+  EXPECT_THAT(text, HasSubstr("\nNoNewPrivileges=yes\n")) << "as hardened as the packaged one";
   EXPECT_EQ(item.status(), LoginItemStatus::enabled);
   ASSERT_TRUE(item.installService()) << "again is no fault";
   ASSERT_TRUE(item.registerItem());

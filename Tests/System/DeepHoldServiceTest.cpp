@@ -87,6 +87,22 @@ TEST_F(DeepHoldLoop, acquiresOnEveryEvaluationAndReleasesAtTheEndOfTheHold) {
   EXPECT_FALSE(service->helperStatus().get()->isDeepHoldActive);
 }
 
+TEST_F(DeepHoldLoop, tellsOfARefusalAndOfItsEndThoughTheStatusStaysTheSame) {
+  // What surfaces are told must not wait for a status that never differs.
+  int told = 0;
+  const auto subscription = service->reportChanged().subscribe([&] { ++told; });
+  controller->helper.isHelperInstalled = false;
+  controller->refusal = "no helper is installed";
+  evaluate(deepHold);
+  EXPECT_EQ(told, 1);
+  EXPECT_EQ(service->report().explanation, "closing the lid suspends the machine: no helper is installed");
+  evaluate(deepHold);
+  EXPECT_EQ(told, 1) << "once for each change";
+  controller->refusal.clear();
+  evaluate(deepHold);
+  EXPECT_EQ(told, 2);
+}
+
 TEST_F(DeepHoldLoop, cutsTheHoldWithinOneEvaluationForSafety) {
   for (const auto block : {SafetyBlock::batteryBelowFloor, SafetyBlock::thermalCritical}) {
     evaluate(deepHold);

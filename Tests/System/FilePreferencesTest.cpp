@@ -109,10 +109,18 @@ TEST_F(SettingsFile, keepsWhatItCannotReadAsideBeforeTheFirstWrite) {
 TEST_F(SettingsFile, keepsItsValuesThroughAnUnfinishedEdit) {
   write(R"({"batteryFloorPercent": 40})");
   const auto preferences = open();
-  const SettingsStore settings(preferences, clock);
+  SettingsStore settings(preferences, clock);
+  int announced = 0;
+  const auto token = settings.objectWillChange().subscribe([&] { ++announced; });
   write(R"({"batteryFloorPercent": )");
   preferences->reload();
   EXPECT_EQ(settings.batteryFloorPercent(), 40);
+  EXPECT_EQ(announced, 1) << "the warning is news, though no value is";
+  preferences->reload();
+  EXPECT_EQ(announced, 1);
+  write(R"({"batteryFloorPercent": 40})");
+  preferences->reload();
+  EXPECT_EQ(announced, 2) << "and so is its end";
   write(R"({"batteryFloorPercent": 25})");
   preferences->reload();
   EXPECT_EQ(settings.batteryFloorPercent(), 25);

@@ -66,6 +66,7 @@ TEST(Scenario, saysWhatCannotBeMeant) {
            {with(R"({"at":"9m","world":{"thermalState":"hot"}})"),
             "step 1: world: \"thermalState\" is none of nominal, fair, serious and critical"},
            {with(R"({"at":"9m","world":{"lid":true}})"), "step 1: the world has no \"lid\""},
+           {with(R"({"at":"9m","world":{"power":5},"battery":[80,20]})"), "step 1: power: not a JSON object"},
            {with(R"({"at":"1m"},{"at":"2m","vimbrel":"nap"})"),
             "step 2: \"vimbrel\" is none of start, stop and crash"},
            {with(R"({"at":"2m","until":"1m"})"), "step 1: \"until\" is before \"at\""},

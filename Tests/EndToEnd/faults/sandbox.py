@@ -142,7 +142,7 @@ class Sandbox:
 
     def errors(self):
         with open(self.file("stderr"), "rb") as file:
-            return file.read().decode(errors="replace")[-2000:]
+            return file.read().decode(errors="replace")[-8000:]
 
     def kill(self):
         self.process.send_signal(signal.SIGKILL)
@@ -151,7 +151,10 @@ class Sandbox:
     def stop(self):
         """Ends it as a person would, and says with which status it ended."""
         self.process.send_signal(signal.SIGTERM)
-        return self.process.wait(timeout=patience)
+        status = self.process.wait(timeout=patience)
+        if status != 0:
+            print("the application ended with %d and said: %s" % (status, self.errors()), file=sys.stderr)
+        return status
 
     def control(self):
         return Control(self.control_socket)
