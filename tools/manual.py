@@ -188,7 +188,9 @@ def main() -> int:
     if tray:
         body = [*program_options(tray), ".SH DESCRIPTION", ".PP",
                 inline("`vimbrel-tray` shows what `vimbrel run` does in the desktop's panel. It is a client of the "
-                       "control socket and keeps no state of its own.", {})]
+                       "control socket and keeps no state of its own.", {}),
+                ".SH EXIT STATUS", ".TP", r"\fB0\fP", "It was told to end, or another one in this session opened what was asked for.",
+                ".TP", r"\fB2\fP", "Wrong usage."]
         manual.write("vimbrel-tray(1)", "show vimbrel in the desktop's panel", body, pages)
 
     for page, summary, document, wanted, unwanted in DOCUMENT_PAGES:

@@ -1,8 +1,9 @@
 #!/bin/bash
 # SPDX-License-Identifier: Apache-2.0
 # Tries the packages of build/packages as a person would, in a fresh Debian 12 root: installs an older version, upgrades
-# it, boots the root with its own systemd, protects it with two commands, and purges everything. Fails when anything is
-# left behind. Needs root, namespaces and a Debian mirror; nothing of this machine is touched but build/.
+# it, boots the root with its own systemd, protects it with two commands, purges everything, and does the same with the
+# tarball. Fails when anything is left behind. Needs root, namespaces and, once, a Debian mirror; nothing of this machine
+# is touched but build/.
 set -euo pipefail
 cd "$(dirname "$(readlink -f "$0")")/.."
 packages=${1:-build/packages}
@@ -21,9 +22,12 @@ if [ "$(id -u)" -ne 0 ] || ! unshare -mpf true 2>/dev/null; then
   exit 0
 fi
 ls "$packages"/*.deb >/dev/null 2>&1 || fail "no packages in $packages; make them with ./dev package"
+(cd "$packages" && sha256sum --quiet -c SHA256SUMS) || fail "the checksums do not match"
 
 # The root holds what the packages depend on, so it is made anew when that changes.
-base=build/root-base-$(for each in "$packages"/*.deb; do dpkg-deb -f "$each" Depends; done | sha256sum | head -c 12).tar
+included=systemd,systemd-sysv,dbus,dbus-user-session,libpam-systemd,polkitd,socat,man-db
+base=build/root-base-$({ echo $included; for each in "$packages"/*.deb; do dpkg-deb -f "$each" Depends; done; } |
+  sha256sum | head -c 12).tar
 
 inside() { chroot "$root" env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root LC_ALL=C.UTF-8 DEBIAN_FRONTEND=noninteractive "$@"; }
 quietly() { "$@" >build/try.log 2>&1 || { tail -n 30 build/try.log >&2; fail "failed: $*"; }; }
@@ -41,8 +45,7 @@ inventory() {
 if [ ! -f "$base" ]; then
   say "making a fresh root"
   rm -rf "$root"
-  quietly debootstrap --variant=minbase \
-    --include=systemd,systemd-sysv,dbus,dbus-user-session,libpam-systemd,polkitd,socat,man-db bookworm "$root" "$mirror"
+  quietly debootstrap --variant=minbase --include=$included bookworm "$root" "$mirror"
   # The libraries that the packages want are not part of what is tried.
   mkdir -p "$root/tmp/debs"
   cp "$packages"/*.deb "$root/tmp/debs/"
@@ -75,65 +78,11 @@ say "upgrading"
 quietly inside sh -c 'dpkg -i /tmp/new/*.deb'
 inside vimbrel --version
 quietly inside man -w vimbrel vimbrel-relay vimbrel-helper vimbrel-settings vimbrel-control
+quietly inside systemd-analyze --man=no verify /lib/systemd/system/vimbrel-helper.service /lib/systemd/system/vimbrel-helper.socket
 
 say "booting it"
-cat >"$root/try.sh" <<'TRY'
-#!/bin/bash
-# Runs inside the booted root; every line that must hold ends the boot when it does not.
-PS4='+ '
-set -eux
-export LC_ALL=C.UTF-8
-user() { systemd-run --quiet --pipe --wait --collect --user -M somebody@ "$@" </dev/null; }
-until_true() { { set +x; } 2>/dev/null; for _ in $(seq 150); do "$@" && { set -x; return 0; }; sleep 0.1; done; echo "never: $*" >&2; return 1; }
-holds() { user vimbrel status --json | grep -q '"isHolding": *true'; }
-holds_nothing() { ! systemd-inhibit --list --no-pager | grep -q '^Vimbrel.*somebody\|^Vimbrel.*idle'; }
-
-# The helper waits for the first request to its socket.
-[ "$(systemctl is-active vimbrel-helper.service || true)" = inactive ]
-loginctl enable-linger somebody
-until_true systemctl --user -M somebody@ is-system-running --wait
-
-# The second of the two commands; the first installed the packages.
-systemctl --user -M somebody@ enable --now vimbrel
-systemctl --user -M somebody@ is-active vimbrel
-user vimbrel doctor || true
-
-# An agent works: the machine is held, by the real logind of this root.
-user vimbrel-relay --agent claude --state working --session-id s1
-until_true holds
-systemd-inhibit --list --no-pager --mode=block
-systemd-inhibit --list --no-pager | grep -i vimbrel
-user vimbrel status
-
-# Killed: released at once by the kernel, and started again by the service manager.
-pid=$(systemctl --user -M somebody@ show -P MainPID vimbrel)
-kill -9 "$pid"
-restarted() { [ "$(systemctl --user -M somebody@ show -P NRestarts vimbrel)" = 1 ] && [ "$(systemctl --user -M somebody@ show -P ActiveState vimbrel)" = active ]; }
-until_true restarted
-user vimbrel-relay --agent claude --state completed --session-id s1
-
-# The helper starts with the first request to its socket, holds the lid while a lease runs, and gives it back.
-[ "$(systemctl is-active vimbrel-helper.socket)" = active ]
-[ "$(stat -c %U:%G:%a /run/vimbrel-helper.sock)" = root:vimbrel:666 ]
-ask() { printf '%s' "$1" | socat -t5 - UNIX-CONNECT:/run/vimbrel-helper.sock; echo; }
-ask '{"command":"acquire","leaseId":"11111111-1111-1111-1111-111111111111","ttlSeconds":60}' | grep '"ok":true'
-systemd-inhibit --list --no-pager | grep handle-lid-switch
-[ "$(systemctl is-active vimbrel-helper.service)" = active ]
-# Somebody without a seat is refused by polkit.
-user sh -c 'printf "{\"command\":\"acquire\",\"leaseId\":\"22222222-2222-2222-2222-222222222222\",\"ttlSeconds\":60}" | socat -t5 - UNIX-CONNECT:/run/vimbrel-helper.sock' | grep '"ok":false'
-ask '{"command":"release"}' | grep '"ok":true'
-! systemd-inhibit --list --no-pager | grep handle-lid-switch
-
-systemd-analyze security --no-pager vimbrel-helper.service | tail -n 1
-runuser -u somebody -- env XDG_RUNTIME_DIR=/run/user/$(id -u somebody) systemd-analyze security --user --no-pager vimbrel.service | tail -n 1
-
-systemctl --user -M somebody@ disable --now vimbrel
-until_true holds_nothing
-dpkg --purge $(cat /try.names)
-[ ! -e /run/vimbrel-helper.sock ]
-[ "$(systemctl is-active vimbrel-helper.socket || true)" = inactive ]
-echo ALL-HELD
-TRY
+cp tools/try_packages_inside.sh "$root/try.sh"
+zstd -q -d -o "$root/try.tar" "$packages"/vimbrel-*-linux-*.tar.zst
 echo "$names" | tr '\n' ' ' >"$root/try.names"
 cat >"$root/etc/systemd/system/try.target" <<'UNIT'
 [Unit]
@@ -168,7 +117,7 @@ grep -q '^ALL-HELD$' "$root/try.out" || {
 }
 
 say "looking for what was left behind"
-rm -f "$root"/try.sh "$root"/try.names "$root"/try.out "$root"/etc/systemd/system/try.* "$root"/etc/machine-id
+rm -f "$root"/try.sh "$root"/try.tar "$root"/try.names "$root"/try.out "$root"/etc/systemd/system/try.* "$root"/etc/machine-id
 sed -i '/ \.\/etc\/machine-id\|^\.\/etc\/machine-id /d' build/before.txt
 inventory >build/after.txt
 if ! diff <(grep -v '/etc/\(group\|gshadow\|passwd\|shadow\|subuid\|subgid\)-\? \|\.pwd\.lock' build/before.txt) \

@@ -17,7 +17,7 @@
 #include "AgentMonitoring/AgentStateCoordinator.h"
 #include "AgentMonitoring/UsageProviders/ClaudeUsageProvider.h"
 #include "AgentMonitoring/UsageReports.h"
-#include "AgentMonitoring/UsageStore.h"
+#include "AgentMonitoring/UsageStore/UsageStore.h"
 #include "BenchmarkTable.h"
 #include "ClaudeHistory.h"
 #include "Power/WakePolicyEngine.h"

@@ -12,9 +12,10 @@ mkdir -p build/screens docs/screens
 for program in VimbrelApp/vimbrel VimbrelRelay/vimbrel-relay VimbrelTray/vimbrel-tray; do
   install -D "$build/Sources/$program" "$VIMBREL_BUILD/Sources/$program"
 done
+cp -r "$build/Sources/share" "$VIMBREL_BUILD/Sources"
 trap 'rm -rf "$VIMBREL_BUILD"' EXIT
-Tests/Desktop/display.sh -- /usr/bin/python3 tools/screens/take.py "$PWD/docs/screens" 1 "$@"
-QT_SCALE_FACTOR=2 Tests/Desktop/display.sh --size 2560x1600 -- \
+Tests/Desktop/display.sh --composited --size 1280x1024 -- /usr/bin/python3 tools/screens/take.py "$PWD/docs/screens" 1 "$@"
+QT_SCALE_FACTOR=2 Tests/Desktop/display.sh --composited --size 2560x2048 -- \
   /usr/bin/python3 tools/screens/take.py "$PWD/build/screens" 2 "$@"
 for picture in build/screens/*; do
   [ ! -f "docs/screens/${picture##*/}" ] || cp "$picture" docs/screens/
