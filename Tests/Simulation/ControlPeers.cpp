@@ -206,8 +206,9 @@ void ControlPeers::take(Peer& peer, const std::string& line) {
   }
 }
 
-void ControlPeers::read(Peer& peer) {
+bool ControlPeers::read(Peer& peer) {
   char buffer[65536];
+  bool cameAny = false;
   for (;;) {
     const auto count = ::recv(peer.socket.get(), buffer, sizeof buffer, MSG_DONTWAIT);
     if (count < 0) break;
@@ -215,26 +216,30 @@ void ControlPeers::read(Peer& peer) {
       peer.isGone = true;
       break;
     }
+    cameAny = true;
     peer.incoming.append(buffer, static_cast<std::size_t>(count));
     for (auto end = peer.incoming.find('\n'); end != std::string::npos; end = peer.incoming.find('\n')) {
       take(peer, peer.incoming.substr(0, end));
       peer.incoming.erase(0, end + 1);
     }
-    poll();
   }
+  return cameAny;
 }
 
-void ControlPeers::look() {
-  if (!service_) return;
+bool ControlPeers::look() {
+  if (!service_) return false;
+  bool cameAny = false;
   for (auto& peer : peers_) {
     const auto age = uptime() - peer.since;
     if (peer.kind == Kind::asks || peer.kind == Kind::follows) {
-      read(peer);
+      cameAny |= read(peer);
       if (peer.isRefused) peer.isGone = true;
       if (peer.isGone && !peer.isRefused && !(peer.kind == Kind::asks && peer.isAnswered)) {
         broken("a client that reads is hung up on");
       }
-      if (!peer.isAnswered && !peer.isRefused && age > longestAnswer) broken("a client waits for its answer");
+      if (!cameAny && !peer.isAnswered && !peer.isRefused && age > longestAnswer) {
+        broken("a client waits for its answer");
+      }
       if (peer.kind == Kind::asks && peer.isAnswered) peer.isGone = true;  // It has what it wanted.
     } else if (peer.kind == Kind::stopsMidLine) {
       pollfd asked{peer.socket.get(), 0, 0};
@@ -248,7 +253,8 @@ void ControlPeers::look() {
   poll();
   if (connectionCount() > limits.maximumConnections)
     broken("connections to the control socket have no bound");
-  if (comparesFollowers) compareFollowers();
+  if (!cameAny) compareFollowers();
+  return cameAny;
 }
 
 /// A state on its way is not compared: only one that stood for three seconds, by the end of which everybody

@@ -38,16 +38,15 @@ class ControlPeers {
   std::string happen(const Draw& draw);
   /// Lets the server see what its peers did. To be called after every task.
   void poll() { queue_->poll(); }
-  /// Time has passed: those that read do.
-  void look();
+  /// Time has passed: those that read do. True when something came, so that the server may have more to send
+  /// now: nothing that reads is slower than what is sent.
+  bool look();
   void everybodyLeaves();
   [[nodiscard]] std::size_t connectionCount() const;
 
   /// The first promise that was broken.
   [[nodiscard]] const std::optional<std::string>& violation() const { return violation_; }
-  /// How often a follower's state was compared with the application's.
-  /// Whether what followers were told last must be the state as it stands.
-  bool comparesFollowers = true;
+  /// How often what a follower was told last was compared with the state as it stood.
   [[nodiscard]] std::uint64_t comparisons() const { return comparisons_; }
 
  private:
@@ -57,7 +56,7 @@ class ControlPeers {
 
   Peer* connect(Kind kind);
   static void say(Peer* peer, const std::string& text);
-  void read(Peer& peer);
+  bool read(Peer& peer);
   void take(Peer& peer, const std::string& line);
   void compareFollowers();
   void broken(std::string what);

@@ -16,8 +16,8 @@ using namespace vimbrel;
 
 int usage() {
   std::fputs(
-      "usage: simulate [--seeds N] [--first SEED] [--steps N] [--followers]\n"
-      "       simulate --seed SEED [--steps N] [--only STEP,STEP,…] [--followers] [--trace]\n"
+      "usage: simulate [--seeds N] [--first SEED] [--steps N]\n"
+      "       simulate --seed SEED [--steps N] [--only STEP,STEP,…] [--trace]\n"
       "       simulate --days N\n",
       stderr);
   return 2;
@@ -81,10 +81,6 @@ int main(int argc, char** argv) {
     const std::string_view option = argv[i];
     if (option == "--trace") {
       isTraced = true;
-      continue;
-    }
-    if (option == "--followers") {
-      plan.comparesFollowers = true;
       continue;
     }
     if (i + 1 == argc) return usage();

@@ -65,7 +65,6 @@ class Storm {
         helper_(std::make_unique<SimulatedHelperProcess>(application_.time(), plan.flaw)),
         life_(application_, plan.seed),
         peers_(application_) {
-    peers_.comparesFollowers = plan.comparesFollowers;
     life_.onNote = [this](const std::string& what) { note(what); };
     application_.checkEveryTask([this] { return checkEveryTask(); });
     application_.alsoCheck([this] { return checkWhenSettled(); });
@@ -124,7 +123,7 @@ class Storm {
       auto next = std::min(end, uptime() + 1s);
       if (!due_.empty()) next = std::clamp(due_.begin()->first, uptime(), next);
       run(next - uptime());
-      peers_.look();
+      while (peers_.look() && !isOver()) run(0s);
       noticePeers();
       life_.passSecond(mixed(plan_.seed, static_cast<std::uint32_t>(++secondsPassed_), 4));
       while (!due_.empty() && due_.begin()->first <= uptime()) {

@@ -26,8 +26,6 @@ struct StormPlan {
   std::uint32_t steps = 200;
   /// Only these steps happen; time passes as if all did. Empty: all.
   std::optional<std::set<std::uint32_t>> only;
-  /// A follower of the control socket may be told of some changes late still (docs/reliability.md).
-  bool comparesFollowers = false;
   SimulatedHelperProcess::Flaw flaw = SimulatedHelperProcess::Flaw::none;
 };
 

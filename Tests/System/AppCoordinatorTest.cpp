@@ -287,6 +287,12 @@ TEST_F(Coordinator, tellsSurfacesOnlyWhatIsNew) {
   assertions->active = true;
   time.advance(3s);
   EXPECT_EQ(told, 4) << "the platform grants, later, what it refused";
+  ASSERT_TRUE(settings->setMasterEnabled(false));
+  ASSERT_TRUE(settings->setPauseUntil(time.now() + Seconds(5)));
+  time.runReady();
+  told = 0;
+  time.advance(10s);
+  EXPECT_EQ(told, 1) << "a pause ends, and nothing is decided otherwise";
 }
 
 TEST_F(Coordinator, listsTheNewestSessionFirst) {

@@ -209,6 +209,8 @@ TEST(DeepHoldService, neverHoldsUpTheLoopForAHelperThatAcceptsAndNeverAnswers) {
 TEST(CommandHolds, areReasonsToHoldUnderEverySafetyRule) {
   VirtualTime time{instantFromReferenceSeconds(0)};
   CommandHolds holds;
+  int changes = 0;
+  const auto token = holds.changed().subscribe([&] { ++changes; });
   const auto decide = [&](bool hot = false) {
     PolicyEvaluationContext context;
     context.now = time.now();
@@ -227,6 +229,7 @@ TEST(CommandHolds, areReasonsToHoldUnderEverySafetyRule) {
   time.advance(90s);
   EXPECT_FALSE(decide().isHolding()) << "its time is up";
   EXPECT_TRUE(holds.active(time.now()).empty());
+  EXPECT_EQ(changes, 3) << "two came, one was taken back";
 }
 
 }  // namespace

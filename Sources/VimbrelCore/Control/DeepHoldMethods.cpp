@@ -92,6 +92,8 @@ Token addDeepHoldMethods(ControlServer& server, const ControlledApplication& app
   auto tokens = std::make_shared<std::vector<Token>>();
   tokens->push_back(application.deepHold->helperStatus().subscribe(changed));
   tokens->push_back(application.deepHold->reportChanged().subscribe(changed));
+  // A hold in the place of another may be the same to the policy and end at another time.
+  tokens->push_back(application.commandHolds->changed().subscribe(changed));
   return Token{[tokens] { tokens->clear(); }};
 }
 

@@ -135,12 +135,13 @@ void AppCoordinator::evaluate() {
   const auto previous = std::exchange(previousDecision_, decision);
   const bool isNews =
       settingsAreNews || !lastContext_ || decision != previous || !sameInputs(*lastContext_, context);
+  const bool isPaused = context.pauseUntil && *context.pauseUntil > context.now;
   lastContext_ = std::move(context);
   currentDecision_.set(decision);
   applyTransition(previous, decision);
   const auto& assertions = *parts_.idleAssertionController;
   const Surroundings around{parts_.lidMonitor->isLidClosed(), assertions.isActive(),
-                            assertions.isDisplayActive()};
+                            assertions.isDisplayActive(), isPaused};
   const bool isElsewise = std::exchange(surroundings_, around) != around;
   if (isNews || isElsewise) stateChanged_.send();
 }

@@ -113,6 +113,7 @@ class AppCoordinator final : public AgentStateCoordinatorDelegate,
     bool isLidClosed = false;
     bool isHeld = false;  ///< not so while the platform refuses, whatever the decision is
     bool isDisplayHeld = false;
+    bool isPaused = false;  ///< ends by the mere passing of time, and may change no decision
     bool operator==(const Surroundings&) const = default;
   };
   Surroundings surroundings_;

@@ -9,8 +9,10 @@ Token CommandHolds::add(CommandHold hold) {
   if (holds_->size() >= maximumHolds) return Token{};
   const auto id = next_++;
   holds_->emplace(id, std::move(hold));
-  return Token{[weak = std::weak_ptr(holds_), id] {
-    if (const auto holds = weak.lock()) holds->erase(id);
+  changed_.send();
+  return Token{[weak = std::weak_ptr(holds_), id, changed = changed_] {
+    const auto holds = weak.lock();
+    if (holds && holds->erase(id) > 0) changed.send();
   }};
 }
 

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "Support/Instant.h"
+#include "Support/Published.h"
 #include "Support/TaskQueue.h"
 #include "System/CoordinatorService.h"
 
@@ -33,12 +34,16 @@ class CommandHolds final : public CoordinatorService {
   /// Those whose time is not up then, the oldest first.
   [[nodiscard]] std::vector<CommandHold> active(Instant now) const;
 
+  /// Sent when a hold came or was taken back; one whose time is up only leaves `active`.
+  [[nodiscard]] ChangeSignal& changed() { return changed_; }
+
   void willDecide(PolicyEvaluationContext& context) override;
 
  private:
   using Holds = std::map<std::uint64_t, CommandHold>;
   std::uint64_t next_ = 0;
   std::shared_ptr<Holds> holds_ = std::make_shared<Holds>();
+  ChangeSignal changed_;
 };
 
 }  // namespace vimbrel

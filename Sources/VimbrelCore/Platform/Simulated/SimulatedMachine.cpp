@@ -188,6 +188,21 @@ void announce(const StatePointer& state, ChangeSignal State::* signal) {
   });
 }
 
+void announceMechanisms(const StatePointer& state) {
+  state->mainQueue->post([weak = std::weak_ptr(state)] {
+    const auto alive = weak.lock();
+    if (!alive) return;
+    std::vector<std::weak_ptr<SleepAssertions>> ports;
+    {
+      const std::lock_guard guard(alive->lock);
+      ports = alive->ports;
+    }
+    for (const auto& each : ports) {
+      if (const auto port = each.lock(); port && port->onMechanismsChanged) port->onMechanismsChanged();
+    }
+  });
+}
+
 std::vector<DoctorFinding> examine(const State& state) {
   const std::lock_guard guard(state.lock);
   std::vector<DoctorFinding> findings{{sentence("machine"), DoctorFinding::Verdict::warning,
@@ -245,6 +260,7 @@ void SimulatedMachine::change(const std::function<void(SimulatedWorld&)>& edit) 
   if (old.power != now.power) announce(state_, &State::powerChanged);
   if (old.thermalState != now.thermalState) announce(state_, &State::thermalChanged);
   if (old.lidClosed != now.lidClosed) announce(state_, &State::lidChanged);
+  if (old.systemAssertionWorks != now.systemAssertionWorks) announceMechanisms(state_);
 }
 
 std::vector<SimulatedMachine::HeldAssertion> SimulatedMachine::heldAssertions() const {
@@ -268,18 +284,7 @@ void SimulatedMachine::setServiceRunning(bool runs) {
     const std::lock_guard guard(state_->lock);
     if (std::exchange(state_->serviceRuns, runs) == runs) return;
   }
-  state_->mainQueue->post([weak = std::weak_ptr(state_)] {
-    const auto state = weak.lock();
-    if (!state) return;
-    std::vector<std::weak_ptr<SleepAssertions>> ports;
-    {
-      const std::lock_guard guard(state->lock);
-      ports = state->ports;
-    }
-    for (const auto& port : ports) {
-      if (const auto alive = port.lock(); alive && alive->onMechanismsChanged) alive->onMechanismsChanged();
-    }
-  });
+  announceMechanisms(state_);
 }
 
 std::uint64_t SimulatedMachine::grantedCount() const {
