@@ -59,7 +59,7 @@ struct ControlPeers::Peer {
   bool isAnswered = false;
   bool isRefused = false;
   bool isGone = false;
-  std::optional<json> state;  ///< what a follower was told last
+  std::shared_ptr<const json> state;  ///< what a follower was told last
 };
 
 /// What serves one launch.
@@ -193,12 +193,18 @@ std::string ControlPeers::happen(const Draw& draw) {
 }
 
 void ControlPeers::take(Peer& peer, const std::string& line) {
+  // Every follower is sent the same line, of megabytes in some storms.
+  if (lastState_ && line == lastStateLine_) {
+    peer.state = lastState_;
+    return;
+  }
   const auto message = json::parse(line, nullptr, false);
   if (!message.is_object() || message.value("jsonrpc", "") != "2.0") {
     return broken("a client is sent what is no message: " + line);
   }
   if (message.value("method", "") == "state") {
-    peer.state = comparable(message["params"]);
+    peer.state = lastState_ = std::make_shared<const json>(comparable(message["params"]));
+    lastStateLine_ = line;
   } else if (message["id"].is_null()) {
     peer.isRefused = true;  // One of too many.
   } else {

@@ -5,6 +5,7 @@
 #include <functional>
 #include <list>
 #include <memory>
+#include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <string>
 
@@ -70,6 +71,8 @@ class ControlPeers {
   std::optional<std::string> violation_;
   std::chrono::nanoseconds servingSince_{0};
   std::uint64_t comparisons_ = 0;
+  std::string lastStateLine_;
+  std::shared_ptr<const nlohmann::json> lastState_;
 };
 
 }  // namespace vimbrel

@@ -25,6 +25,11 @@ constexpr auto acceptRetryDelay = 1s;
 
 }  // namespace
 
+struct ControlServer::Snapshot {
+  json state;
+  bool isNews = false;
+};
+
 ControlServer::ControlServer(std::shared_ptr<TaskQueue> mainQueue, const Clock& clock, ControlLimits limits)
     : mainQueue_(std::move(mainQueue)),
       clock_(clock),
@@ -108,13 +113,10 @@ void ControlServer::adopt(Fd socket) {
     return;
   }
   connection->currentStateLine = [this] {
-    const auto state = state_ ? state_() : json::object();
-    const auto line = std::make_shared<const std::string>(rpcNotificationLine("state", state));
+    auto [state, isNews] = takeSnapshot();
+    const auto line = std::make_shared<const std::string>(rpcNotificationLine("state", std::move(state)));
     // The next state is compared with this one, so whoever is subscribed already must have it too.
-    if (auto current = comparable(state); current != lastComparable_) {
-      lastComparable_ = std::move(current);
-      offerToSubscribers(line);
-    }
+    if (isNews) offerToSubscribers(line);
     return line;
   };
   connection->onClosed = [this, weak = std::weak_ptr(connection)] {
@@ -136,10 +138,21 @@ bool ControlServer::hasSubscribers() const {
   return std::ranges::any_of(connections_, [](const auto& each) { return each->isSubscribed(); });
 }
 
-std::string ControlServer::comparable(const json& state) const {
-  json stable = state;
-  for (const auto& key : volatileKeys_) stable.erase(key);
-  return stable.dump(-1, ' ', false, json::error_handler_t::replace);
+ControlServer::Snapshot ControlServer::takeSnapshot() {
+  // With thousands of sessions a state has megabytes: it is not copied.
+  auto state = state_ ? state_() : json::object();
+  auto aside = json::object();
+  for (const auto& key : volatileKeys_) {
+    if (const auto found = state.find(key); found != state.end()) {
+      aside[key] = std::move(*found);
+      state.erase(found);
+    }
+  }
+  auto comparable = state.dump(-1, ' ', false, json::error_handler_t::replace);
+  const bool isNews = comparable != lastComparable_;
+  lastComparable_ = std::move(comparable);
+  state.update(aside);
+  return {std::move(state), isNews};
 }
 
 void ControlServer::stateDidChange() {
@@ -154,12 +167,10 @@ void ControlServer::stateDidChange() {
 
 void ControlServer::publish() {
   if (!hasSubscribers()) return;
-  const auto state = state_();
-  auto current = comparable(state);
-  if (current == lastComparable_) return;
-  lastComparable_ = std::move(current);
+  auto [state, isNews] = takeSnapshot();
+  if (!isNews) return;
   lastPublished_ = clock_.monotonic();
-  offerToSubscribers(std::make_shared<const std::string>(rpcNotificationLine("state", state)));
+  offerToSubscribers(std::make_shared<const std::string>(rpcNotificationLine("state", std::move(state))));
 }
 
 void ControlServer::offerToSubscribers(const std::shared_ptr<const std::string>& line) {

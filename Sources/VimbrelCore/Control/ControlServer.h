@@ -50,7 +50,9 @@ class ControlServer {
   void publish();
   void offerToSubscribers(const std::shared_ptr<const std::string>& line);
   [[nodiscard]] bool hasSubscribers() const;
-  [[nodiscard]] std::string comparable(const nlohmann::json& state) const;
+  struct Snapshot;
+  /// The state now, and whether it is another than the snapshot before.
+  [[nodiscard]] Snapshot takeSnapshot();
 
   const std::shared_ptr<TaskQueue> mainQueue_;
   const Clock& clock_;

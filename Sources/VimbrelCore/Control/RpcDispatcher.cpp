@@ -17,10 +17,10 @@ std::string dumped(const json& document) {
   return document.dump(-1, ' ', false, json::error_handler_t::replace);
 }
 
-std::string responseLine(const json& id, const RpcResult& result) {
+std::string responseLine(const json& id, RpcResult result) {
   json response{{"jsonrpc", "2.0"}, {"id", id}};
   if (result) {
-    response["result"] = *result;
+    response["result"] = std::move(*result);
   } else {
     response["error"] = {{"code", static_cast<int>(result.error().fault)},
                          {"message", result.error().message}};
@@ -53,8 +53,8 @@ RpcReply::~RpcReply() {
     send_(std::unexpected(RpcError{RpcFault::internalError, sentence("the request was dropped unanswered")}));
 }
 
-void RpcReply::operator()(const RpcResult& result) {
-  if (auto send = std::exchange(send_, nullptr)) send(result);
+void RpcReply::operator()(RpcResult result) {
+  if (auto send = std::exchange(send_, nullptr)) send(std::move(result));
 }
 
 void RpcDispatcher::add(std::string name, Handler handler) {
@@ -113,8 +113,8 @@ void RpcDispatcher::handle(std::string_view request, RpcPeer& peer,
     return refuse(id, RpcFault::invalidRequest, "\"method\" must be a string");
   }
 
-  RpcReply reply([isNotification, id, answer = std::move(answer)](const RpcResult& result) {
-    answer(isNotification ? std::string{} : responseLine(id, result));
+  RpcReply reply([isNotification, id, answer = std::move(answer)](RpcResult result) {
+    answer(isNotification ? std::string{} : responseLine(id, std::move(result)));
   });
   const auto handler = handlers_.find(method->get_ref<const std::string&>());
   if (handler == handlers_.end()) {
@@ -129,8 +129,8 @@ void RpcDispatcher::handle(std::string_view request, RpcPeer& peer,
   handler->second(given, peer, std::move(reply));
 }
 
-std::string rpcNotificationLine(std::string_view method, const json& params) {
-  return dumped({{"jsonrpc", "2.0"}, {"method", method}, {"params", params}});
+std::string rpcNotificationLine(std::string_view method, json params) {
+  return dumped({{"jsonrpc", "2.0"}, {"method", method}, {"params", std::move(params)}});
 }
 
 std::string rpcErrorLine(const RpcError& error) { return responseLine(nullptr, std::unexpected(error)); }

@@ -32,12 +32,12 @@ class RpcPeer {
 /// `internalError`, so that no peer waits in vain. Main queue.
 class RpcReply {
  public:
-  using Send = std::function<void(const RpcResult&)>;
+  using Send = std::function<void(RpcResult)>;
   explicit RpcReply(Send send);
   RpcReply(RpcReply&& other) noexcept;
   RpcReply& operator=(RpcReply&&) = delete;
   ~RpcReply();
-  void operator()(const RpcResult& result);
+  void operator()(RpcResult result);
 
  private:
   Send send_;
@@ -70,7 +70,7 @@ class RpcDispatcher {
 };
 
 /// One line of the protocol, without its end.
-[[nodiscard]] std::string rpcNotificationLine(std::string_view method, const nlohmann::json& params);
+[[nodiscard]] std::string rpcNotificationLine(std::string_view method, nlohmann::json params);
 [[nodiscard]] std::string rpcErrorLine(const RpcError& error);
 
 }  // namespace vimbrel
