@@ -70,6 +70,15 @@ function(vimbrel_library name)
   target_link_libraries(${name} PUBLIC ${ARG_DEPENDS} PRIVATE vimbrel_options ${ARG_PRIVATE})
 endfunction()
 
+# vimbrel_compile_fast()
+# The code of this directory is not optimised in a release build either: tests are compiled more often than run, and
+# what they test is optimised as it is installed.
+macro(vimbrel_compile_fast)
+  if(CMAKE_BUILD_TYPE STREQUAL "Release")
+    add_compile_options(-O0 -U_FORTIFY_SOURCE)
+  endif()
+endmacro()
+
 # vimbrel_test(name SOURCES a.cpp… LINKS lib… [LABELS label…] [TIMEOUT seconds])
 # One GoogleTest program, one ctest entry.
 function(vimbrel_test name)

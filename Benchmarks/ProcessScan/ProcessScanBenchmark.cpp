@@ -19,7 +19,7 @@
 #include <numeric>
 #include <vector>
 
-#include "AgentMonitoring/CommandClassifier.h"
+#include "AgentMonitoring/Processes/CommandClassifier.h"
 #include "BenchmarkTable.h"
 #include "Platform/Linux/ProcProcessList.h"
 #include "Support/Fd.h"

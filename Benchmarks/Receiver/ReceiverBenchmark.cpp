@@ -18,7 +18,7 @@
 #include <vector>
 
 #include "AgentMonitoring/AgentStateCoordinator.h"
-#include "AgentMonitoring/HookEventReceiver.h"
+#include "AgentMonitoring/Hooks/HookEventReceiver.h"
 #include "BareLoop.h"
 #include "BenchmarkTable.h"
 #include "Clients.h"

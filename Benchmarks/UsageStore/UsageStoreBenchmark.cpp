@@ -19,10 +19,12 @@
 #include <vector>
 
 #include "AgentMonitoring/UsageStore/UsageStore.h"
+#include "AgentMonitoring/UsageStore/UsageStoreFormat.h"
 #include "BenchmarkTable.h"
 #include "Domain/ModelRateCard.h"
 #include "Domain/UsageCodec.h"
 #include "Support/EventLoop.h"
+#include "Support/OutputBuffer.h"
 #include "Support/Subprocess.h"
 #include "Support/Uuid.h"
 

@@ -14,8 +14,8 @@
 #include <span>
 #include <string_view>
 
-#include "AgentMonitoring/HookSocketExchange.h"
-#include "AgentMonitoring/HookSocketPath.h"
+#include "AgentMonitoring/Hooks/HookSocketExchange.h"
+#include "AgentMonitoring/Hooks/HookSocketPath.h"
 #include "Domain/AgentState.h"
 #include "Domain/AgentType.h"
 #include "Domain/HookEventWire.h"

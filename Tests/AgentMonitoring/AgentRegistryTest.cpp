@@ -8,8 +8,8 @@
 
 #include "AgentMachine.h"
 #include "AgentMonitoring/Adapters/IntegrationStatusCodec.h"
-#include "AgentMonitoring/HookInstaller.h"
-#include "AgentMonitoring/LastHookEvents.h"
+#include "AgentMonitoring/Hooks/HookInstaller.h"
+#include "AgentMonitoring/Hooks/LastHookEvents.h"
 #include "Support/VirtualTime.h"
 
 namespace vimbrel {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "AgentMonitoring/AntigravityActivity.h"
+#include "AgentMonitoring/Processes/AntigravityActivity.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>

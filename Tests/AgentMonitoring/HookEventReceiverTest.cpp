@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "AgentMonitoring/HookEventReceiver.h"
+#include "AgentMonitoring/Hooks/HookEventReceiver.h"
 
 #include <fcntl.h>
 #include <gmock/gmock.h>

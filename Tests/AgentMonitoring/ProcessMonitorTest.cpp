@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "AgentMonitoring/ProcessMonitor.h"
+#include "AgentMonitoring/Processes/ProcessMonitor.h"
 
 #include <gtest/gtest.h>
 #include <unistd.h>

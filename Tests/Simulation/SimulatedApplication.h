@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "AgentMonitoring/DirectHookReceiver.h"
+#include "AgentMonitoring/Hooks/DirectHookReceiver.h"
 #include "Platform/Simulated/SimulatedMachine.h"
 #include "Support/VirtualTime.h"
 #include "System/Application.h"

@@ -8,7 +8,7 @@
 #include <fstream>
 #include <nlohmann/json.hpp>
 
-#include "AgentMonitoring/DirectHookReceiver.h"
+#include "AgentMonitoring/Hooks/DirectHookReceiver.h"
 #include "CapturedLog.h"
 #include "Platform/Linux/LinuxLoginItem.h"
 #include "Platform/Simulated/SimulatedMachine.h"

@@ -7,8 +7,8 @@
 #include <cstdio>
 #include <nlohmann/json.hpp>
 
-#include "AgentMonitoring/HookEventReceiver.h"
-#include "AgentMonitoring/HookSocketPath.h"
+#include "AgentMonitoring/Hooks/HookEventReceiver.h"
+#include "AgentMonitoring/Hooks/HookSocketPath.h"
 #include "Control/AgentMethods.h"
 #include "Control/DeepHoldMethods.h"
 #include "Control/DiagnosticsMethods.h"

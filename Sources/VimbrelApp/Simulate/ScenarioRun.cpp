@@ -6,7 +6,7 @@
 #include <memory>
 #include <optional>
 
-#include "AgentMonitoring/DirectHookReceiver.h"
+#include "AgentMonitoring/Hooks/DirectHookReceiver.h"
 #include "Domain/HookEvent.h"
 #include "Platform/Simulated/SimulatedMachine.h"
 #include "Support/VirtualTime.h"

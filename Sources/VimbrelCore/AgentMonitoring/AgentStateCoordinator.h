@@ -9,9 +9,9 @@
 #include <string_view>
 #include <vector>
 
-#include "AgentMonitoring/AgentProcesses.h"
-#include "AgentMonitoring/HookEventReceiving.h"
-#include "AgentMonitoring/ProcessMonitoring.h"
+#include "AgentMonitoring/Hooks/HookEventReceiving.h"
+#include "AgentMonitoring/Processes/AgentProcesses.h"
+#include "AgentMonitoring/Processes/ProcessMonitoring.h"
 #include "AgentMonitoring/SessionTable.h"
 #include "AgentMonitoring/TurnInterruption.h"
 #include "Domain/SessionSnapshot.h"

@@ -5,7 +5,7 @@
 #include <nlohmann/json_fwd.hpp>
 
 #include "AgentMonitoring/AgentRegistry.h"
-#include "AgentMonitoring/LastHookEvents.h"
+#include "AgentMonitoring/Hooks/LastHookEvents.h"
 
 namespace vimbrel {
 

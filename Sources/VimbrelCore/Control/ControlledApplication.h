@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "AgentMonitoring/LastHookEvents.h"
+#include "AgentMonitoring/Hooks/LastHookEvents.h"
 #include "AgentMonitoring/UsageCoordinator.h"
 #include "Platform/PlatformServices.h"
 #include "Support/Clock.h"

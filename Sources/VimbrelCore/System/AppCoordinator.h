@@ -7,8 +7,8 @@
 #include <vector>
 
 #include "AgentMonitoring/AgentStateCoordinator.h"
-#include "AgentMonitoring/HookEventReceiving.h"
-#include "AgentMonitoring/ProcessMonitoring.h"
+#include "AgentMonitoring/Hooks/HookEventReceiving.h"
+#include "AgentMonitoring/Processes/ProcessMonitoring.h"
 #include "Domain/PolicyEvaluationContext.h"
 #include "Domain/WakeDecision.h"
 #include "Power/BatteryMonitoring.h"

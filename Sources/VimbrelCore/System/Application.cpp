@@ -6,7 +6,7 @@
 #include <iterator>
 #include <utility>
 
-#include "AgentMonitoring/ProcessMonitor.h"
+#include "AgentMonitoring/Processes/ProcessMonitor.h"
 #include "DeepHold/HelperSocketPath.h"
 #include "DeepHold/SimulatedHelper.h"
 #include "Power/BatteryMonitor.h"

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "AgentMonitoring/LastHookEvents.h"
+#include "AgentMonitoring/Hooks/LastHookEvents.h"
 #include "AgentMonitoring/UsageCoordinator.h"
 #include "DeepHold/DeepSleepController.h"
 #include "Platform/PlatformServices.h"

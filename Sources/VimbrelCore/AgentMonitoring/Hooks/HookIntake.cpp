@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "AgentMonitoring/HookIntake.h"
+#include "AgentMonitoring/Hooks/HookIntake.h"
 
 #include <fcntl.h>
 #include <poll.h>

@@ -11,7 +11,7 @@
 #include <optional>
 #include <string_view>
 
-#include "AgentMonitoring/HookEventReceiving.h"
+#include "AgentMonitoring/Hooks/HookEventReceiving.h"
 #include "Support/Clock.h"
 #include "Support/Fd.h"
 #include "Support/Log.h"

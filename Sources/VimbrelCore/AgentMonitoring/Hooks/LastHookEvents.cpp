@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "AgentMonitoring/LastHookEvents.h"
+#include "AgentMonitoring/Hooks/LastHookEvents.h"
 
 #include <nlohmann/json.hpp>
 #include <optional>

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "AgentMonitoring/HookSocketExchange.h"
+#include "AgentMonitoring/Hooks/HookSocketExchange.h"
 
 #include <sys/socket.h>
 #include <sys/time.h>

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "AgentMonitoring/ProcessMonitor.h"
+#include "AgentMonitoring/Processes/ProcessMonitor.h"
 
 #include <unistd.h>
 
@@ -8,7 +8,7 @@
 #include <cmath>
 #include <utility>
 
-#include "AgentMonitoring/CommandClassifier.h"
+#include "AgentMonitoring/Processes/CommandClassifier.h"
 
 namespace vimbrel {
 namespace {

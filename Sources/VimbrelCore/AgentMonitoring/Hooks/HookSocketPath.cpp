@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "AgentMonitoring/HookSocketPath.h"
+#include "AgentMonitoring/Hooks/HookSocketPath.h"
 
 #include "Support/Directories.h"
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "AgentMonitoring/HookInstaller.h"
+#include "AgentMonitoring/Hooks/HookInstaller.h"
 
 #include <filesystem>
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "AgentMonitoring/CommandClassifier.h"
+#include "AgentMonitoring/Processes/CommandClassifier.h"
 
 #include <algorithm>
 #include <array>

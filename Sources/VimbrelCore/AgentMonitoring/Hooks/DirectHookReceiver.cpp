@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "AgentMonitoring/DirectHookReceiver.h"
+#include "AgentMonitoring/Hooks/DirectHookReceiver.h"
 
 #include <utility>
 

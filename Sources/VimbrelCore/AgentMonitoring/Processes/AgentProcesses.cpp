@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "AgentMonitoring/AgentProcesses.h"
+#include "AgentMonitoring/Processes/AgentProcesses.h"
 
 #include <algorithm>
 #include <array>

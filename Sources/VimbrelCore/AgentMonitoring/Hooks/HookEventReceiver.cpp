@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "AgentMonitoring/HookEventReceiver.h"
+#include "AgentMonitoring/Hooks/HookEventReceiver.h"
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -8,7 +8,7 @@
 #include <cstring>
 #include <utility>
 
-#include "AgentMonitoring/HookIntake.h"
+#include "AgentMonitoring/Hooks/HookIntake.h"
 #include "Support/AtomicFile.h"
 #include "Support/Sentence.h"
 #include "Support/UnixSocket.h"

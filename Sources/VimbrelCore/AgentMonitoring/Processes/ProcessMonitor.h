@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "AgentMonitoring/AntigravityActivity.h"
-#include "AgentMonitoring/ProcessMonitoring.h"
+#include "AgentMonitoring/Processes/AntigravityActivity.h"
+#include "AgentMonitoring/Processes/ProcessMonitoring.h"
 #include "Platform/ProcessList.h"
 #include "Platform/RunningApplications.h"
 #include "Support/Clock.h"

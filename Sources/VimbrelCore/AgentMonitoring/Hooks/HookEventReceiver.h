@@ -7,7 +7,7 @@
 #include <mutex>
 #include <string>
 
-#include "AgentMonitoring/HookEventReceiving.h"
+#include "AgentMonitoring/Hooks/HookEventReceiving.h"
 #include "Support/Clock.h"
 #include "Support/Log.h"
 #include "Support/TaskQueue.h"

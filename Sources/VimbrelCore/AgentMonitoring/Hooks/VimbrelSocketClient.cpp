@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "AgentMonitoring/VimbrelSocketClient.h"
+#include "AgentMonitoring/Hooks/VimbrelSocketClient.h"
 
-#include "AgentMonitoring/HookSocketExchange.h"
+#include "AgentMonitoring/Hooks/HookSocketExchange.h"
 
 namespace vimbrel {
 
