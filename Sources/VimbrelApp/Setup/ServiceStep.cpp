@@ -38,7 +38,7 @@ StepReport failed(Conversation& talk, const std::string& reason) {
 
 /// The state of the start at login, and whether it runs now.
 std::string withRunning(const std::string& state, bool isRunning) {
-  return isRunning ? say("%1, and runs", {state}) : say("%1, and does not run now", {state});
+  return isRunning ? say("%1; it runs", {state}) : say("%1; it does not run now", {state});
 }
 
 /// What is started at login is to run now, too.

@@ -91,7 +91,7 @@ def connects_everything():
             terminal.asked("panel")
             terminal.answer("")
             text = terminal.end(0)
-            require("connected: Claude Code" in text and "starts at login (vimbrel.service), and runs" in text, text)
+            require("connected: Claude Code" in text and "starts at login (vimbrel.service); it runs" in text, text)
         require(machine.units == ["vimbrel.service"] and not machine.entry, "one thing starts it at login")
         require(machine.others() == before, "no configuration was touched")
         eventually(lambda: machine.read("tray") == "started\n", "the tray was started")
@@ -139,7 +139,7 @@ def holds_signals_back():
             require(terminal.process.poll() is None, "it does not leave in the middle")
             os.remove(machine.file("slow"))
             text = terminal.end(130)
-            require("starts at login (vimbrel.service), and runs" in text, text)
+            require("starts at login (vimbrel.service); it runs" in text, text)
         require(machine.units == ["vimbrel.service"] and machine.runs, "enabled and started")
 
 
@@ -158,7 +158,7 @@ def never_both():
         require(machine.command("setup", "--yes").returncode == 0 and machine.entry and not machine.units, "by the desktop")
         require(machine.runs, "it was started in the background")
         again = machine.command("setup", "--yes")
-        require("starts at login (by the desktop), and runs" in again.stdout and again.stdout.count("-> ") == 1, again.stdout)
+        require("starts at login (by the desktop); it runs" in again.stdout and again.stdout.count("-> ") == 1, again.stdout)
         # Later a manager comes, and a service is enabled by hand.
         os.remove(machine.file("no-manager"))
         machine.write("packaged", "")
