@@ -21,6 +21,8 @@ live_with_it() {
   await stopped "that the application is stopped"
   "$vimbrel" run --simulate world.json --lines >vimbrel.log 2>&1 &
   application=$!
+  # Not every bar has another colour for it.
+  for _ in $(seq 100); do "$vimbrel" status --json >/dev/null 2>&1 && break; sleep 0.1; done
   await idle "an idle application"
   "$relay" --agent claude --state working --session-id s1
   await working "a working agent"
