@@ -30,6 +30,8 @@ namespace {
 constexpr nanoseconds longestAnswer = 2s;
 constexpr auto comparisonInterval = 30s;
 const ControlLimits limits;
+/// What tells a follower the state.
+constexpr std::string_view stateBegin = R"({"jsonrpc":"2.0","method":"state",)";
 
 std::string request(const std::string& method, const json& params = json::object()) {
   return json{{"jsonrpc", "2.0"}, {"id", 1}, {"method", method}, {"params", params}}.dump() + "\n";
@@ -59,7 +61,7 @@ struct ControlPeers::Peer {
   bool isAnswered = false;
   bool isRefused = false;
   bool isGone = false;
-  std::shared_ptr<const json> state;  ///< what a follower was told last
+  std::string stateLine;  ///< what a follower was told last, parsed only to be compared
 };
 
 /// What serves one launch.
@@ -193,19 +195,15 @@ std::string ControlPeers::happen(const Draw& draw) {
 }
 
 void ControlPeers::take(Peer& peer, const std::string& line) {
-  // Every follower is sent the same line, of megabytes in some storms.
-  if (lastState_ && line == lastStateLine_) {
-    peer.state = lastState_;
+  if (line.starts_with(stateBegin)) {
+    peer.stateLine = line;
     return;
   }
   const auto message = json::parse(line, nullptr, false);
   if (!message.is_object() || message.value("jsonrpc", "") != "2.0") {
     return broken("a client is sent what is no message: " + line);
   }
-  if (message.value("method", "") == "state") {
-    peer.state = lastState_ = std::make_shared<const json>(comparable(message["params"]));
-    lastStateLine_ = line;
-  } else if (message["id"].is_null()) {
+  if (message["id"].is_null()) {
     peer.isRefused = true;  // One of too many.
   } else {
     peer.isAnswered = true;
@@ -269,8 +267,8 @@ void ControlPeers::compareFollowers() {
   auto& service = *service_;
   if (service.samples == 0 && uptime() - service.comparedAt < comparisonInterval) return;
   if (service.samples > 0 && uptime() - service.sampledAt < 1s) return;
-  const bool isFollowed =
-      std::ranges::any_of(peers_, [](const Peer& peer) { return peer.kind == Kind::follows && peer.state; });
+  const auto isTold = [](const Peer& peer) { return peer.kind == Kind::follows && !peer.stateLine.empty(); };
+  const bool isFollowed = std::ranges::any_of(peers_, isTold);
   if (!isFollowed) return;
   auto state = comparable(statusDocument(service.application));
   const bool isSame = service.samples == 0 || service.sample == state;
@@ -279,12 +277,18 @@ void ControlPeers::compareFollowers() {
   service.samples = isSame ? service.samples + 1 : 0;
   if (service.samples < 4) return;
   service.samples = 0;
-  for (auto& peer : peers_) {
-    if (peer.kind != Kind::follows || !peer.state || uptime() - peer.since < 5s) continue;
+  const std::string* right = nullptr;  // Every follower is sent the same line, of megabytes in some storms.
+  for (const auto& peer : peers_) {
+    if (!isTold(peer) || uptime() - peer.since < 5s) continue;
     ++comparisons_;
-    if (*peer.state != service.sample) {
-      return broken("a follower was told another state: " + firstDifference(*peer.state, service.sample));
+    if (right != nullptr && *right == peer.stateLine) continue;
+    const auto message = json::parse(peer.stateLine, nullptr, false);
+    if (!message.is_object()) return broken("a follower is sent what is no message: " + peer.stateLine);
+    const auto told = comparable(message["params"]);
+    if (told != service.sample) {
+      return broken("a follower was told another state: " + firstDifference(told, service.sample));
     }
+    right = &peer.stateLine;
   }
 }
 

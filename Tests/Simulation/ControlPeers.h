@@ -71,8 +71,6 @@ class ControlPeers {
   std::optional<std::string> violation_;
   std::chrono::nanoseconds servingSince_{0};
   std::uint64_t comparisons_ = 0;
-  std::string lastStateLine_;
-  std::shared_ptr<const nlohmann::json> lastState_;
 };
 
 }  // namespace vimbrel

@@ -23,12 +23,17 @@ namespace {
 /// How long to leave waiting connections alone when no descriptor is left to accept them with.
 constexpr auto acceptRetryDelay = 1s;
 
-}  // namespace
+/// The members of two objects, given as text, in one.
+std::string joined(const std::string& members, const std::string& others) {
+  if (members == "{}") return others;
+  if (others == "{}") return members;
+  std::string all;
+  all.reserve(members.size() + others.size());
+  all.append(members, 0, members.size() - 1).append(",").append(others, 1);
+  return all;
+}
 
-struct ControlServer::Snapshot {
-  json state;
-  bool isNews = false;
-};
+}  // namespace
 
 ControlServer::ControlServer(std::shared_ptr<TaskQueue> mainQueue, const Clock& clock, ControlLimits limits)
     : mainQueue_(std::move(mainQueue)),
@@ -113,8 +118,8 @@ void ControlServer::adopt(Fd socket) {
     return;
   }
   connection->currentStateLine = [this] {
-    auto [state, isNews] = takeSnapshot();
-    const auto line = std::make_shared<const std::string>(rpcNotificationLine("state", std::move(state)));
+    const bool isNews = refreshState();
+    auto line = stateLine();
     // The next state is compared with this one, so whoever is subscribed already must have it too.
     if (isNews) offerToSubscribers(line);
     return line;
@@ -138,8 +143,7 @@ bool ControlServer::hasSubscribers() const {
   return std::ranges::any_of(connections_, [](const auto& each) { return each->isSubscribed(); });
 }
 
-ControlServer::Snapshot ControlServer::takeSnapshot() {
-  // With thousands of sessions a state has megabytes: it is not copied.
+bool ControlServer::refreshState() {
   auto state = state_ ? state_() : json::object();
   auto aside = json::object();
   for (const auto& key : volatileKeys_) {
@@ -148,11 +152,16 @@ ControlServer::Snapshot ControlServer::takeSnapshot() {
       state.erase(found);
     }
   }
-  auto comparable = state.dump(-1, ' ', false, json::error_handler_t::replace);
-  const bool isNews = comparable != lastComparable_;
-  lastComparable_ = std::move(comparable);
-  state.update(aside);
-  return {std::move(state), isNews};
+  volatileMembers_ = rpcText(aside);
+  auto settled = rpcText(state);
+  const bool isNews = settled != settledMembers_;
+  settledMembers_ = std::move(settled);
+  return isNews;
+}
+
+std::shared_ptr<const std::string> ControlServer::stateLine() const {
+  return std::make_shared<const std::string>(
+      rpcNotificationLine("state", joined(volatileMembers_, settledMembers_)));
 }
 
 void ControlServer::stateDidChange() {
@@ -167,10 +176,9 @@ void ControlServer::stateDidChange() {
 
 void ControlServer::publish() {
   if (!hasSubscribers()) return;
-  auto [state, isNews] = takeSnapshot();
-  if (!isNews) return;
+  if (!refreshState()) return;
   lastPublished_ = clock_.monotonic();
-  offerToSubscribers(std::make_shared<const std::string>(rpcNotificationLine("state", std::move(state))));
+  offerToSubscribers(stateLine());
 }
 
 void ControlServer::offerToSubscribers(const std::shared_ptr<const std::string>& line) {

@@ -50,9 +50,10 @@ class ControlServer {
   void publish();
   void offerToSubscribers(const std::shared_ptr<const std::string>& line);
   [[nodiscard]] bool hasSubscribers() const;
-  struct Snapshot;
-  /// The state now, and whether it is another than the snapshot before.
-  [[nodiscard]] Snapshot takeSnapshot();
+  /// Asks for the state; true when it is another than before.
+  [[nodiscard]] bool refreshState();
+  /// The notification that tells the state as it was asked for last.
+  [[nodiscard]] std::shared_ptr<const std::string> stateLine() const;
 
   const std::shared_ptr<TaskQueue> mainQueue_;
   const Clock& clock_;
@@ -67,7 +68,10 @@ class ControlServer {
   Token retry_;
   Token publishTimer_;
   Token limitsTimer_;
-  std::string lastComparable_;
+  // The state as text: with thousands of sessions it has megabytes, so that it is written once and not
+  // copied.
+  std::string settledMembers_ = "{}";
+  std::string volatileMembers_ = "{}";
   std::chrono::nanoseconds lastPublished_{};
   std::vector<std::shared_ptr<ControlConnection>> connections_;
 };

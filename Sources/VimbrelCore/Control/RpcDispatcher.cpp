@@ -12,11 +12,6 @@ namespace {
 
 using nlohmann::json;
 
-/// Texts come from file names, arguments and hooks: what is not UTF-8 must not stop the answer.
-std::string dumped(const json& document) {
-  return document.dump(-1, ' ', false, json::error_handler_t::replace);
-}
-
 std::string responseLine(const json& id, RpcResult result) {
   json response{{"jsonrpc", "2.0"}, {"id", id}};
   if (result) {
@@ -25,7 +20,7 @@ std::string responseLine(const json& id, RpcResult result) {
     response["error"] = {{"code", static_cast<int>(result.error().fault)},
                          {"message", result.error().message}};
   }
-  return dumped(response);
+  return rpcText(response);
 }
 
 /// A handler that reads a parameter as what it is not gets an exception of the JSON library, which must not
@@ -129,8 +124,15 @@ void RpcDispatcher::handle(std::string_view request, RpcPeer& peer,
   handler->second(given, peer, std::move(reply));
 }
 
-std::string rpcNotificationLine(std::string_view method, json params) {
-  return dumped({{"jsonrpc", "2.0"}, {"method", method}, {"params", std::move(params)}});
+// Texts come from file names, arguments and hooks: what is not UTF-8 must not stop the answer.
+std::string rpcText(const json& document) {
+  return document.dump(-1, ' ', false, json::error_handler_t::replace);
+}
+
+std::string rpcNotificationLine(std::string_view method, std::string_view params) {
+  std::string line = R"({"jsonrpc":"2.0","method":)" + rpcText(method) + R"(,"params":)";
+  line.reserve(line.size() + params.size() + 1);
+  return line.append(params).append("}");
 }
 
 std::string rpcErrorLine(const RpcError& error) { return responseLine(nullptr, std::unexpected(error)); }

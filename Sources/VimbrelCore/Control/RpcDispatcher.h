@@ -69,8 +69,10 @@ class RpcDispatcher {
   std::map<std::string, AnyHandler, std::less<>> handlers_;
 };
 
-/// One line of the protocol, without its end.
-[[nodiscard]] std::string rpcNotificationLine(std::string_view method, nlohmann::json params);
+/// A document as the protocol writes it.
+[[nodiscard]] std::string rpcText(const nlohmann::json& document);
+/// Lines of the protocol, without their end. `params` is the text of an object.
+[[nodiscard]] std::string rpcNotificationLine(std::string_view method, std::string_view params);
 [[nodiscard]] std::string rpcErrorLine(const RpcError& error);
 
 }  // namespace vimbrel
