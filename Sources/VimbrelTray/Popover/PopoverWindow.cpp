@@ -101,7 +101,6 @@ PopoverWindow::PopoverWindow()
   column->addStretch(1);
   outer->addWidget(new Divider(this));
   outer->addWidget(makeFooter());
-  sinceClosed_.start();
 }
 
 QWidget* PopoverWindow::makeSwitches() {
@@ -286,7 +285,7 @@ void PopoverWindow::fitSoon() {
 
 void PopoverWindow::toggleAt(const QRect& item) {
   if (isVisible()) return static_cast<void>(close());
-  if (sinceClosed_.elapsed() < sameClickMilliseconds) return;
+  if (sinceClosed_.isValid() && sinceClosed_.elapsed() < sameClickMilliseconds) return;
   openAt(item);
 }
 

@@ -66,7 +66,7 @@ class PopoverWindow final : public QWidget, public PopoverStatusSurface {
   PopoverContent content_;
   bool hasContent_ = false;
   QString problem_;
-  QElapsedTimer sinceClosed_;
+  QElapsedTimer sinceClosed_;  // invalid until it was open once
   QWidget* page_;
   QScrollArea* scroll_;
   HeaderView* header_;
