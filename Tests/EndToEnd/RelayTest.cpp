@@ -54,13 +54,14 @@ class Relay : public testing::Test {
     close(out[1]);
     output_.reset(out[0]);
     // Beside the answering, because the relay need not read everything; the signal for that is ignored here.
-    writer_ = std::jthread([this, input, end = std::make_shared<Fd>(in[1])] {
+    auto end = std::make_shared<Fd>(in[1]);
+    if (leavesInputOpen_) openInput_ = end;
+    writer_ = std::jthread([input, end = std::move(end)] {
       for (std::string_view rest = input; !rest.empty();) {
         const auto count = write(end->get(), rest.data(), rest.size());
         if (count <= 0) break;
         rest.remove_prefix(static_cast<std::size_t>(count));
       }
-      if (leavesInputOpen_) openInput_ = end;
     });
     return pid;
   }
