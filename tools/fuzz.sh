@@ -33,24 +33,42 @@ work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 artifacts=$build/findings
 mkdir -p "$artifacts"
-status=0
-printf '| target | executions | edges | findings |\n| --- | --- | --- | --- |\n'
-for name in "${names[@]}"; do
+# fuzz_one NAME: its row goes to $work/NAME.row.
+fuzz_one() {
+  local name=$1 corpus program finding=none executions edges
   corpus=Fuzz/corpus/$(sed -E 's/([a-z])([A-Z])/\1-\2/g' <<<"$name" | tr '[:upper:]' '[:lower:]')
   program=$(find "$build" -type f -name "fuzz_$name" -perm -u+x | head -n 1)
   # New inputs go to a directory of their own: the corpus in the tree stays small and chosen.
   mkdir "$work/$name"
-  finding=none
   UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 \
     "$program" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 -print_final_stats=1 \
     -artifact_prefix="$artifacts/$name-" "$work/$name" "$corpus" >"$work/$name.log" 2>&1 || finding=found
   if [ $finding = found ]; then
-    status=1
     tail -60 "$work/$name.log" >&2
     finding=$(grep -o "$artifacts/$name-[a-z0-9-]*" "$work/$name.log" | tail -n 1)
+    finding=${finding:-"ended with an error"}
   fi
   executions=$(sed -n 's/^stat::number_of_executed_units: *//p' "$work/$name.log")
   edges=$(grep -o 'cov: [0-9]*' "$work/$name.log" | tail -n 1 | cut -d' ' -f2)
-  printf '| %s | %s | %s | %s |\n' "$name" "$executions" "$edges" "$finding"
+  printf '| %s | %s | %s | %s |\n' "$name" "$executions" "$edges" "$finding" >"$work/$name.row"
+  [ "$finding" = none ]
+}
+
+# As many at once as there are processors.
+status=0
+running=0
+for name in "${names[@]}"; do
+  if ((running == $(nproc))); then
+    wait -n || status=1
+    running=$((running - 1))
+  fi
+  fuzz_one "$name" &
+  running=$((running + 1))
 done
+while ((running > 0)); do
+  wait -n || status=1
+  running=$((running - 1))
+done
+printf '| target | executions | edges | findings |\n| --- | --- | --- | --- |\n'
+for name in "${names[@]}"; do cat "$work/$name.row"; done
 exit $status

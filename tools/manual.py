@@ -72,7 +72,7 @@ class Manual:
         name, section = page.rstrip(")").split("(")
         see = sorted((each for each in see if each != page), key=lambda each: (each.split("(")[1], each))
         references = ", ".join(rf"\fB{escape(each.split('(')[0])}\fP({each.split('(')[1]}" for each in see)
-        lines = [rf'.\" Made by tools/manual.py. SPDX-License-Identifier: Apache-2.0',
+        lines = [r'.\" Made by tools/manual.py. SPDX-License-Identifier: Apache-2.0',
                  f'.TH {name.upper().replace("-", chr(92) + "-")} {section} "" "Vimbrel {self.reference["version"]}"',
                  ".SH NAME", rf"{escape(name)} \- {escape(summary)}", *tidy(body), ".SH SEE ALSO", references]
         target = self.output / f"{name}.{section}"

@@ -17,7 +17,7 @@ import threading
 import urllib.parse
 import urllib.request
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "../Tests/EndToEnd/faults"))
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "../Tests/EndToEnd"))
 from sandbox import Sandbox, claude_line, eventually, require  # noqa: E402
 
 

@@ -11,7 +11,7 @@ import subprocess
 import sys
 
 here = os.path.dirname(os.path.abspath(__file__))
-sys.path.insert(0, here + "/../EndToEnd/faults")
+sys.path.insert(0, here + "/../EndToEnd")
 sys.path.insert(0, here + "/../EndToEnd/agents")
 
 vimbrel, relay = (os.path.abspath(path) for path in sys.argv[1:3])

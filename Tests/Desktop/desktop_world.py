@@ -94,15 +94,15 @@ class Desktop(unittest.TestCase):
             run("rm", "-rf", str(HOME / name))
         self.world = HOME / "world.json"
         self.world.write_text(json.dumps(WORLD))
-        self.application = None
+        self.application = self.tray = None
+        self.addCleanup(self.end_programs)  # also when what follows fails
         self.start_application()
         if self.completed_onboarding:
             self.vimbrel("settings", "set", "hasCompletedOnboarding", "on")
-        self.tray = None
         if self.starts_by_itself:
             self.start_tray()
 
-    def tearDown(self):
+    def end_programs(self):
         for process in (self.tray, self.application):
             if process and process.poll() is None:
                 process.terminate()

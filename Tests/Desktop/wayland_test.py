@@ -65,22 +65,17 @@ class Wayland(unittest.TestCase):
         (HOME / "world.json").write_text("{}")
         (HOME / "waybar.json").write_text(json.dumps(PANEL))
         (HOME / "waybar.css").write_text("* { background: #000000; border: none; padding: 0; margin: 0; }")
-        self.processes = []
         self.application = self.start(VIMBREL, "run", "--lines", "--simulate", str(HOME / "world.json"))
         eventually(lambda: run(VIMBREL, "status").returncode == 0)
         self.set("hasCompletedOnboarding", "on")
         self.hand = VirtualInput(WIDTH, HEIGHT)
+        self.addCleanup(self.hand.close)
         self.hand.move(200, 700)
-
-    def tearDown(self):
-        for process in reversed(self.processes):
-            process.kill()
-            process.wait(PATIENCE)
-        self.hand.close()
 
     def start(self, *command, **options):
         process = subprocess.Popen(command, **{"stdout": subprocess.DEVNULL, "stderr": subprocess.DEVNULL} | options)
-        self.processes.append(process)
+        self.addCleanup(process.wait, PATIENCE)
+        self.addCleanup(process.kill)
         return process
 
     def start_panel(self):

@@ -45,6 +45,15 @@ class Relay : public testing::Test {
     posix_spawn_file_actions_adddup2(&actions, in[0], 0);
     posix_spawn_file_actions_adddup2(&actions, out[1], 1);
     posix_spawn_file_actions_adddup2(&actions, out[1], 2);
+    // As much as a pipe holds waits for the relay, which waits only so long.
+    std::size_t written = 0;
+    fcntl(in[1], F_SETFL, O_NONBLOCK);
+    while (written < input.size()) {
+      const auto count = write(in[1], input.data() + written, input.size() - written);
+      if (count <= 0) break;
+      written += static_cast<std::size_t>(count);
+    }
+    fcntl(in[1], F_SETFL, 0);
     const std::string home = "HOME=" + directory_.path();
     std::vector<char*> environment{const_cast<char*>(home.c_str()), nullptr};
     pid_t pid = 0;
@@ -53,11 +62,12 @@ class Relay : public testing::Test {
     close(in[0]);
     close(out[1]);
     output_.reset(out[0]);
-    // Beside the answering, because the relay need not read everything; the signal for that is ignored here.
+    // The rest beside the answering, because the relay need not read everything; the signal for that is
+    // ignored.
     auto end = std::make_shared<Fd>(in[1]);
     if (leavesInputOpen_) openInput_ = end;
-    writer_ = std::jthread([input, end = std::move(end)] {
-      for (std::string_view rest = input; !rest.empty();) {
+    writer_ = std::jthread([text = input.substr(written), end = std::move(end)] {
+      for (std::string_view rest = text; !rest.empty();) {
         const auto count = write(end->get(), rest.data(), rest.size());
         if (count <= 0) break;
         rest.remove_prefix(static_cast<std::size_t>(count));

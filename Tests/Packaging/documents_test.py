@@ -6,11 +6,9 @@ Every `vimbrel` and `vimbrel-relay` command that stands in a document is run aga
 simulated machine, in a home of its own. A command that the program does not understand fails the test, and so does a
 link that leads nowhere, a ./dev command that does not exist, or a command of the program that no document names."""
 import json
-import os
 import pathlib
 import re
 import shlex
-import shutil
 import subprocess
 import sys
 import tempfile

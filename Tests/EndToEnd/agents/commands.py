@@ -201,7 +201,6 @@ def try_wrong_lines(sandbox):
 
 def try_clipboard(sandbox):
     snippet = json.loads(sandbox.command("agents", "setup", "codex", "--no-wait", "--json").stdout)["currentSetupSnippet"]
-    done = sandbox.command("agents", "setup", "codex", "--no-wait", "--copy")
 
     def copied(**variables):
         """What the clipboard's program was given; it stays to serve what it holds."""
@@ -215,6 +214,7 @@ def try_clipboard(sandbox):
         except FileNotFoundError:
             text = None
         return done.returncode, text, done.stderr
+
     status, text, errors = copied()
     require(status == 1 and text is None and "neither a display nor a terminal" in errors, errors)
     require(copied(DISPLAY=":7")[0] == 1 and "xclip" in copied(DISPLAY=":7")[2], "what to install is said")

@@ -32,15 +32,12 @@ def as_nobody():
             subprocess.run(["install", "-m", "755", path, copy], check=True)
             os.environ[name] = os.path.join(copy, os.path.basename(path))
             os.environ["VIMBREL_COPIES"] = copy
-    here = os.path.dirname(os.path.abspath(__file__))
-    text = {name: open(os.path.join(here, name)).read() for name in ("sandbox.py", "read_only_home.py")}
+    originals = (os.path.abspath(__file__), sys.modules["sandbox"].__file__)
     scripts = "/tmp/vimbrel-scripts-%d" % os.getpid()
     os.makedirs(scripts, mode=0o755)
     os.chmod(scripts, 0o755)
-    for name, contents in text.items():
-        with open(os.path.join(scripts, name), "w") as file:
-            file.write(contents)
-        os.chmod(os.path.join(scripts, name), 0o644)
+    for original in originals:
+        subprocess.run(["install", "-m", "644", original, scripts], check=True)
     status = subprocess.run(["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", sys.executable,
                              os.path.join(scripts, "read_only_home.py")]).returncode
     subprocess.run(["rm", "-rf", scripts, *([os.environ["VIMBREL_COPIES"]] if "VIMBREL_COPIES" in os.environ else [])])

@@ -1,10 +1,8 @@
 # SPDX-License-Identifier: Apache-2.0
 """The notices of the real application, in German, as the desktop's notification service gets them."""
 
-import os
 import shutil
 import subprocess
-import sys
 
 from sandbox import Sandbox, eventually, require, skip
 

@@ -8,15 +8,12 @@ import math
 import os
 import shutil
 import subprocess
-import sys
 import time
 
+from history import History, figures
+from sandbox import Sandbox, require
+
 here = os.path.dirname(os.path.abspath(__file__))
-sys.path.insert(0, os.path.join(here, "..", "faults"))
-
-from history import History, figures  # noqa: E402
-from sandbox import Sandbox, require  # noqa: E402
-
 golden_logs = os.path.join(here, "..", "..", "Fixtures", "logs")
 
 
