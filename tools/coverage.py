@@ -1,10 +1,10 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
-"""Reads what the tests of a build with coverage executed (gcovr), prints one row a folder, and fails when a folder
-covers fewer branches than it must. Branches that only an exception takes are left out: this code throws nothing, and
-the compiler adds one behind almost every call.
+"""Reads what the tests of a build with coverage executed (llvm-cov), prints one row a folder, and fails when a folder
+covers fewer branches than it must. A condition that was true and false counts twice, one that was only one of them
+once; the sums for a template are those of all its uses.
 
-    tools/coverage.py BUILD [--list FOLDER]     with --list, each file of a folder and its uncovered lines
+    tools/coverage.py BUILD [--list FOLDER]     with --list, each file of a folder and its uncovered conditions
 """
 import json
 import os
@@ -27,46 +27,56 @@ def folder_of(path):
 
 
 def measured(build):
-    output = os.path.join(build, "coverage.json")
-    subprocess.check_call(["gcovr", "--root", ".", "--filter", "Sources/", "--exclude-throw-branches",
-                           "--exclude-unreachable-branches", "--gcov-ignore-parse-errors", "-j", str(os.cpu_count()),
-                           "--json", output, build])
-    with open(output) as file:
-        return json.load(file)["files"]
+    """What llvm-cov knows about each source file."""
+    profiles = os.path.join(build, "profiles")
+    merged = os.path.join(build, "coverage.profdata")
+    subprocess.check_call(["llvm-profdata-19", "merge", "--sparse", "--failure-mode=all", "-o", merged,
+                           *(os.path.join(profiles, name) for name in os.listdir(profiles))])
+    programs = subprocess.check_output(["find", build, "-name", "CMakeFiles", "-prune", "-o", "-type", "f", "-perm", "-u+x",
+                                        "-exec", "grep", "-q", "__llvm_covmap", "{}", ";", "-print"], text=True).split()
+    objects = [argument for program in programs for argument in ("-object", program)]
+    exported = subprocess.run(["llvm-cov-19", "export", "-instr-profile", merged, *objects[1:], "-skip-functions",
+                               "-sources", os.path.abspath("Sources")],
+                              stdout=subprocess.PIPE, check=True).stdout
+    return json.loads(exported)["data"][0]["files"]
+
+
+def branches_of(file):
+    """For each place of a condition, how often it was true and false."""
+    places = defaultdict(lambda: [0, 0])
+    for line, column, end_line, end_column, taken, not_taken, *_ in file["branches"]:
+        place = places[line, column, end_line, end_column]
+        place[0] += taken
+        place[1] += not_taken
+    return places
 
 
 def main():
     build = sys.argv[1]
     wanted = sys.argv[3] if sys.argv[2:3] == ["--list"] else None
+    root = os.getcwd()
     rows = defaultdict(lambda: [0, 0, 0, 0])
     for file in measured(build):
-        folder = folder_of(file["file"])
+        name = os.path.relpath(file["filename"], root)
+        folder = folder_of(name)
         if folder is None:
             continue
-        row = rows[folder]
-        missed = []
-        own = [0, 0]
-        for line in file["lines"]:
-            if line.get("gcovr/noncode") or line.get("gcovr/excluded"):
-                continue
-            row[0] += 1
-            row[1] += line["count"] > 0
-            for branch in line["branches"]:
-                row[2] += 1
-                row[3] += branch["count"] > 0
-                own[0] += 1
-                own[1] += branch["count"] > 0
-                if branch["count"] == 0:
-                    missed.append(line["line_number"])
-        if folder == wanted and missed:
-            print(f"{file['file']}: {own[1]} of {own[0]} branches; not all of lines "
-                  f"{', '.join(map(str, sorted(set(missed))))}")
+        places = branches_of(file)
+        lines = file["summary"]["lines"]
+        taken = sum((yes > 0) + (no > 0) for yes, no in places.values())
+        for index, value in enumerate((lines["count"], lines["covered"], 2 * len(places), taken)):
+            rows[folder][index] += value
+        if folder == wanted and taken < 2 * len(places):
+            missed = [f"{line}{'' if yes or no else ' (never)'}{'' if no or not yes else ' (never false)'}"
+                      f"{'' if yes or not no else ' (never true)'}" for (line, *_), (yes, no) in sorted(places.items())
+                      if not (yes and no)]
+            print(f"{name}: {taken} of {2 * len(places)} branches; lines {', '.join(missed)}")
     if wanted:
         return 0
     status = 0
     print("| folder | lines | branches | required |\n| --- | --- | --- | --- |")
     for folder, (lines, covered, branches, taken) in sorted(rows.items()):
-        share = 100 * taken / max(branches, 1)
+        share = 100 * taken / branches if branches else 100
         required = STRICT.get(folder, OTHERWISE)
         below = share < required
         status |= below

@@ -162,6 +162,18 @@ TEST(DeepHoldLeaseStore, takesUpItsStateFileAndRestoresWhatTheExpiryDemands) {
             R"({"isHolding":false,"originalSleepDisabled":false})");
 }
 
+TEST(DeepHoldLeaseStore, keepsAHoldOfWhichTheFileNamesNoEndUntilSomebodyReleasesIt) {
+  const TemporaryDirectory directory;
+  ASSERT_TRUE(
+      replaceFile(directory.file("state.json"), R"({"isHolding":true,"originalSleepDisabled":false})"));
+  LeaseStoreWorld world(directory.file("state.json"));
+  world.now += Seconds{1e9};
+  EXPECT_FALSE(world.store->checkWatchdog());
+  EXPECT_TRUE(world.store->status().isDeepHoldActive);
+  EXPECT_TRUE(world.store->release("whoever")) << "no lease is named that another could be told from";
+  EXPECT_EQ(world.power->writes, Writes{false});
+}
+
 TEST(DeepHoldLeaseStore, startsIdleOverAFileThatIsNoState) {
   const TemporaryDirectory directory;
   const auto path = directory.file("state.json");

@@ -1,8 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+
+#include <thread>
 
 #include "DeepHold/DeepHoldProtocolCodec.h"
 #include "DeepHold/HelperExchange.h"
+#include "DeepHold/SimulatedHelper.h"
+#include "Support/UnixSocket.h"
+#include "Support/VirtualTime.h"
+#include "TemporaryDirectory.h"
 
 namespace vimbrel {
 namespace {
@@ -14,6 +21,9 @@ TEST(DeepHoldProtocol, writesAbsentFieldsNotAtAllAndReadsBackWhatItWrote) {
   EXPECT_EQ(encode(HelperRequest{HelperCommand::acquire, "A", 60}),
             R"({"command":"acquire","leaseId":"A","ttlSeconds":60.0})");
   EXPECT_EQ(encode(HelperResponse{true, std::nullopt, std::nullopt}), R"({"ok":true})");
+  EXPECT_EQ(encode(HelperResponse{true, DeepSleepStatus{}, std::nullopt}),
+            R"({"ok":true,"status":{"currentSystemSleepDisabled":false,"isDeepHoldActive":false,)"
+            R"("isHelperInstalled":false}})");
 
   const HelperRequest request{HelperCommand::renew, "\u00e9\n\"", 0.5};
   EXPECT_EQ(decodeHelperRequest(encode(request)), request);
@@ -44,6 +54,46 @@ TEST(DeepHoldProtocol, readsStrictly) {
 
 TEST(HelperExchange, refusesAPathThatNoPeerCouldUse) {
   EXPECT_FALSE(exchangeWithHelper("/tmp/" + std::string(98, 'x'), {}));
+}
+
+TEST(HelperExchange, takesNothingButAnAnswerForAnAnswer) {
+  const TemporaryDirectory directory;
+  const auto path = directory.file("h");
+  EXPECT_FALSE(exchangeWithHelper(path, {})) << "nobody is there";
+  const auto listener = listenOnUnixSocket(path, 0600, 4);
+  ASSERT_TRUE(listener);
+  for (const auto& [answer, isOne] :
+       {std::pair(R"({"ok":true})", true), std::pair("", false), std::pair("{\"ok\":", false)}) {
+    const std::jthread helper([&listener, text = std::string(answer)] {
+      const Fd peer(::accept(listener->get(), nullptr, nullptr));
+      char request[256];
+      EXPECT_GT(::recv(peer.get(), request, sizeof request, 0), 0);
+      EXPECT_EQ(::send(peer.get(), text.data(), text.size(), MSG_NOSIGNAL),
+                static_cast<ssize_t>(text.size()));
+    });
+    EXPECT_EQ(exchangeWithHelper(path, {}).has_value(), isOne) << answer;
+  }
+}
+
+TEST(SimulatedHelper, keepsTheRulesOfLeasesAndTouchesNothing) {
+  VirtualTime time(instantFromReferenceSeconds(0));
+  const auto helper = simulatedHelper(time);
+  const auto ask = [&](HelperCommand command, std::optional<double> seconds = {}) {
+    return helper({command, "A", seconds})->ok;
+  };
+  const auto isHeld = [&] { return helper({})->status->isDeepHoldActive; };
+  EXPECT_FALSE(ask(HelperCommand::renew, 60)) << "nothing is held";
+  EXPECT_TRUE(ask(HelperCommand::acquire, 60));
+  time.advance(std::chrono::seconds(50));
+  EXPECT_TRUE(ask(HelperCommand::renew, 60));
+  time.advance(std::chrono::seconds(50));
+  EXPECT_TRUE(isHeld());
+  EXPECT_FALSE(ask(HelperCommand::uninstall));
+  time.advance(std::chrono::seconds(10));
+  EXPECT_FALSE(isHeld());
+  EXPECT_TRUE(ask(HelperCommand::acquire, 60));
+  EXPECT_TRUE(ask(HelperCommand::release));
+  EXPECT_FALSE(isHeld());
 }
 
 }  // namespace

@@ -134,6 +134,14 @@ TEST(VisualState, showsTheMostUrgentStateUnlessABlockIsInForce) {
     return aggregateVisualState(sessions, decision);
   };
   EXPECT_EQ(of({}, hold), VimbrelVisualState::idle);
+  for (const auto& [state, shown] : {std::pair(AgentState::working, VimbrelVisualState::working),
+                                     std::pair(AgentState::waiting, VimbrelVisualState::waiting),
+                                     std::pair(AgentState::completed, VimbrelVisualState::completed),
+                                     std::pair(AgentState::error, VimbrelVisualState::error),
+                                     std::pair(AgentState::idle, VimbrelVisualState::idle),
+                                     std::pair(AgentState::stale, VimbrelVisualState::idle)}) {
+    EXPECT_EQ(visualStateFor(state), shown);
+  }
   EXPECT_EQ(of({AgentState::error, AgentState::waiting}, hold), VimbrelVisualState::waiting);
   EXPECT_EQ(of({AgentState::completed, AgentState::error}, hold), VimbrelVisualState::error);
   EXPECT_EQ(of({AgentState::stale, AgentState::unknown}, hold), VimbrelVisualState::idle);

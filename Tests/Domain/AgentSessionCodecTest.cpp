@@ -69,6 +69,7 @@ TEST(AgentSessionCodec, refusesWhatIsMissingMistypedOrUnknown) {
       {R"({"startedAt":5})", R"(session: "startedAt" is not a string)"},
       {R"({"lastEventAt":"yesterday"})", R"(session: "lastEventAt" is not an ISO 8601 date)"},
       {R"({"pid":2147483648})", R"(session: "pid" is out of range)"},
+      {R"({"pid":-2147483649})", R"(session: "pid" is out of range)"},
       {R"({"pid":1.5})", R"(session: "pid" is not a whole number)"},
       {R"({"cwd":7})", R"(session: "cwd" is not a string)"},
       {R"({"usageMetrics":[]})", "usage metrics: not a JSON object"},

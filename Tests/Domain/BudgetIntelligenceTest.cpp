@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>
+#include <tuple>
 
 #include "Domain/BudgetCodec.h"
 
@@ -121,10 +122,45 @@ TEST(BudgetCodec, readsBackWhatItWroteAndForgivesOnlyWhatAMetricMayLack) {
   metric["confidence"] = "high";
   EXPECT_EQ(contextMetricFromJson(metric)->source(), "unknown");
   EXPECT_EQ(contextMetricFromJson(metric)->confidence(), 1.0);
-  EXPECT_EQ(contextMetricFromJson({{"type", "later"}})->unavailableReason(), "Unavailable");
+  metric.erase("confidence");
+  EXPECT_EQ(contextMetricFromJson(metric)->confidence(), 1.0);
+  EXPECT_EQ(contextMetricFromJson(metric)->unavailableReason(), std::nullopt);
+  const auto later = contextMetricFromJson({{"type", "later"}, {"reason", 7}});
+  EXPECT_EQ(later->unavailableReason(), "Unavailable");
+  EXPECT_EQ(later->confidence(), Context::unavailable("x").confidence());
   metric.erase("value");
   EXPECT_FALSE(contextMetricFromJson(metric));
   EXPECT_FALSE(contextMetricFromJson(nlohmann::json::object()));
+
+  const auto low = ProviderBudgetReport::make({.agentType = AgentType::codex, .context = context(200, 190)});
+  ASSERT_TRUE(low.lowBudgetAlert);
+  auto told = low;
+  told.lowBudgetAlert->message = "told by somebody else";
+  EXPECT_EQ(ProviderBudgetReport::make(told), told);
+  const nlohmann::json valid = toJson(full, DateCoding::iso8601);
+  for (const auto& [pointer, value, error] : {
+           std::tuple("/agentType", nlohmann::json("claud"), "\"agentType\" is not a known agent"),
+           std::tuple("/context", nlohmann::json(nullptr), "\"context\" is missing"),
+           std::tuple("/context/value/contextWindow", nlohmann::json("200"), "\"contextWindow\" is not"),
+           std::tuple("/quota/value/percentageRemaining", nlohmann::json(true), "\"percentageRemaining\""),
+           std::tuple("/sessionUsage/recordedAt", nlohmann::json(1), "\"recordedAt\" is not"),
+           std::tuple("/cost", nlohmann::json{{"amountUSD", 1}}, "\"isEstimated\" is missing"),
+           std::tuple("/lowBudgetAlert", nlohmann::json{{"level", "bad"}}, "\"level\" is not a known level"),
+           std::tuple("/lowBudgetAlert",
+                      nlohmann::json{{"level", rawValue(low.lowBudgetAlert->level)}, {"metricType", "x"}},
+                      "\"metricType\" is not a known metric"),
+       }) {
+    auto broken = valid;
+    const nlohmann::json::json_pointer place(pointer);
+    if (value.is_null()) {
+      broken.erase(place.back());
+    } else {
+      broken[place] = value;
+    }
+    const auto decoded = providerBudgetReportFromJson(broken, DateCoding::iso8601);
+    ASSERT_FALSE(decoded) << pointer;
+    EXPECT_TRUE(decoded.error().text.contains(error)) << decoded.error().text;
+  }
 }
 
 }  // namespace

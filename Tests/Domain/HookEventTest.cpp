@@ -43,6 +43,10 @@ TEST(HookEventDecoding, isLenientFieldByField) {
       {R"(,"input_tokens":9223372036854775807,"output_tokens":9223372036854775808)",
        [](HookEvent& e) { e.inputTokens = 9223372036854775807; }},
       {R"(,"output_tokens":1e999,"reasoning_tokens":-3)", [](HookEvent& e) { e.reasoningTokens = -3; }},
+      {R"(,"unknown":[1e999,-0,0.5,7E+2,7e-2,"1e999 \"x"],"timestamp":-25E-1,"pid":12)",
+       [](HookEvent& e) {
+         e.timestamp = instantFromUnixSeconds(-2.5), e.pid = 12, e.sessionId = "codex-12";
+       }},
       {R"(,"unknown":{"deep":[1,[2,{"x":[]}]]},"cwd":"/a","model":"m","turn_id":"t")",
        [](HookEvent& e) { e.cwd = "/a", e.model = "m", e.turnId = "t"; }},
   };
@@ -70,6 +74,15 @@ TEST(HookEventDecoding, refusesOnlyWhatNamesNoAgentOrState) {
     EXPECT_EQ(event.error().find_first_of("\"\\\n"), std::string::npos) << event.error();
   }
   EXPECT_FALSE(HookEvent::parse(std::string(60000, '['), now));
+  // A number that is too large makes the document be looked at again; nothing else is forgiven for it.
+  const std::string large = R"({"agent":"codex","state":"idle","pid":1e999,"x":)";
+  for (const auto* rest :
+       {"", "-", "-}", "01}", "1.", "1.}", "1e", "1e}", "1e+", "1E-}", "1", "12.5", "\"a", "\"a\\"}) {
+    EXPECT_FALSE(HookEvent::parse(large + rest, now)) << rest;
+  }
+  const std::string blank(65536, ' ');
+  EXPECT_TRUE(HookEvent::parse(large + "1}" + blank.substr(large.size() + 2), now));
+  EXPECT_EQ(HookEvent::parse(large + "1}" + blank, now).error(), "the document is larger than 65536 bytes");
 }
 
 TEST(HookEventEncoding, isCompactWithEscapedSlashesAndNothingAbsent) {

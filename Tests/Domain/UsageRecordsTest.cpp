@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <gtest/gtest.h>
 
+#include <fstream>
 #include <limits>
 #include <nlohmann/json.hpp>
 
@@ -8,6 +9,7 @@
 #include "Domain/ModelRateCard.h"
 #include "Domain/RatesFile.h"
 #include "Domain/UsageCodec.h"
+#include "TemporaryDirectory.h"
 
 namespace vimbrel {
 namespace {
@@ -113,6 +115,14 @@ TEST(UsageCodec, readsBackWhatItWroteInBothDateFormsAndRefusesGaps) {
   EXPECT_TRUE(sessionUsageRecordFromJson(exported, DateCoding::iso8601));
   const auto summary = summarise({{full}});
   EXPECT_EQ(usageSummaryFromJson(toJson(summary)), summary);
+  for (const auto* patch : {R"({"byAgent":null})", R"({"byAgent":[]})", R"({"byAgent":{"claude":{}}})",
+                            R"({"sessionCount":null})"}) {
+    nlohmann::json broken = toJson(summary);
+    const auto change = nlohmann::json::parse(patch);
+    if (change.contains("byAgent") && change["byAgent"].is_object()) broken["byAgent"].clear();
+    broken.merge_patch(change);
+    EXPECT_FALSE(usageSummaryFromJson(broken)) << patch;
+  }
   for (const auto* key : {"id", "agentType", "sessionId", "timestamp", "source"}) {
     auto broken = toJson(full, DateCoding::referenceSeconds);
     broken.erase(key);
@@ -177,7 +187,12 @@ TEST(RatesFile, addsTheUsersPricesAndSaysWhatIsWrongWithThem) {
   EXPECT_EQ(card.price("claude-opus-5", million), ModelRateCard::builtIn().price("claude-opus-5", million));
   for (const auto& [text, says] : {
            std::pair("[]", "not a JSON object"),
+           std::pair("[", "not a JSON object"),
            std::pair("{}", "no list \"models\""),
+           std::pair(R"({"models":{}})", "no list \"models\""),
+           std::pair(R"({"models":[{"model":7,"input":1,"output":1}]})", "\"model\" is not a string"),
+           std::pair(R"({"models":[{"model":"a","input":1,"output":1,"contextWindow":1000000001}]})",
+                     "\"contextWindow\" is no"),
            std::pair(R"({"models":[{"input":1,"output":1}]})", "\"model\" is missing"),
            std::pair(R"({"models":[{"model":" ","input":1,"output":1}]})", "\"model\" is empty"),
            std::pair(R"({"models":[{"model":"a","input":1}]})", "a: \"output\" is missing"),
@@ -190,6 +205,11 @@ TEST(RatesFile, addsTheUsersPricesAndSaysWhatIsWrongWithThem) {
     ASSERT_FALSE(refused) << text;
     EXPECT_TRUE(refused.error().contains(says)) << refused.error();
   }
+  TemporaryDirectory directory;
+  std::ofstream(directory.file("rates.json")) << R"({"models":[7]})";
+  EXPECT_EQ(ratesFile::load(directory.file("rates.json")).error(),
+            "the prices in " + directory.file("rates.json") +
+                " cannot be used: an entry without a \"model\": not a JSON object");
   EXPECT_EQ(ratesFile::load("/nonexistent/rates.json")->rows().size(),
             ModelRateCard::builtIn().rows().size());
   EXPECT_TRUE(

@@ -62,6 +62,9 @@ TEST(PolicyCodecs, requireEveryKeyOfTheConfiguration) {
     mistyped[key] = "20";
     EXPECT_FALSE(policyConfigurationFromJson(mistyped)) << key;
   }
+  configuration.waitingGraceSeconds = 300;
+  configuration.maximumHoldSeconds = 7200;
+  EXPECT_EQ(policyConfigurationFromJson(toJson(configuration)), configuration);
   auto fraction = whole;
   fraction["batteryFloorPercent"] = 20.5;
   EXPECT_FALSE(policyConfigurationFromJson(fraction));

@@ -23,6 +23,8 @@ AgentSession session(AgentType agent, AgentState state, double ageSeconds = 0) {
   return result;
 }
 
+constexpr auto most = std::numeric_limits<std::int64_t>::max();
+constexpr auto least = std::numeric_limits<std::int64_t>::min();
 const AgentSession working = session(AgentType::claude, AgentState::working);
 
 /// An ordinary machine at noon: on AC power, cool, default settings, deep hold not wanted.
@@ -110,6 +112,20 @@ TEST(WakePolicy, decidesByTheFirstRuleThatApplies) {
       {"a manual hold needs no agent", World().with(manual), hold("Manual hold requested", 0)},
       {"a manual hold counts the agents", World().with(manual).sessions({working}),
        hold("Manual hold requested", 1)},
+      {"a hold that lasted too long ends",
+       World().sessions({working}).with([](Context& c) { c.holdExpiredAt = noon; }),
+       WakeDecision::release("Longest hold reached")},
+      {"but not the hold of a command", World().with([](Context& c) {
+         c.holdExpiredAt = noon;
+         c.commandHold = "make";
+       }),
+       hold("Running make", 0)},
+      {"a floor below every charge", World().onBattery(0).floor(most, true),
+       blocked(SafetyBlock::batteryBelowFloor)},
+      {"a floor that no sum can hold", World().onBattery(0).floor(least, true).with([](Context& c) {
+         c.config.batteryHysteresisPercent = -1;
+       }),
+       release},
       {"names are sorted and not repeated",
        World().sessions({session(AgentType::codex, AgentState::waiting), working,
                          session(AgentType::claude, AgentState::working)}),
@@ -245,6 +261,35 @@ TEST(WakePolicy, explainsWithTheValuesThatItSaw) {
                             PolicyRule::agentsAtWork);
   EXPECT_EQ(agents.saw, "1 of 1 session at work and heard of within 15 min");
   EXPECT_EQ(agents.changesAt, noon + Seconds{800});
+
+  const auto left = trace(World()
+                              .sessions({working, session(AgentType::codex, AgentState::waiting, 120)})
+                              .with([](auto& context) { context.config.waitingGraceSeconds = 60; }),
+                          PolicyRule::agentsAtWork);
+  EXPECT_EQ(left.saw,
+            "1 of 2 sessions at work and heard of within 15 min, 1 left waiting for longer than 1 min");
+
+  const auto longest = [&](std::optional<Instant> expiredAt) {
+    return trace(World().sessions({working}).with([&](auto& context) {
+      context.config.maximumHoldSeconds = 600;
+      context.holdExpiredAt = expiredAt;
+    }),
+                 PolicyRule::longestHold);
+  };
+  EXPECT_EQ(longest({}).saw, "a hold may last 10 min without a fresh event");
+  EXPECT_EQ(longest({}).outcome, PolicyRuleOutcome::passed);
+  EXPECT_EQ(longest(noon).saw,
+            "a hold may last 10 min without a fresh event, reached at " + formatIso8601(noon));
+  EXPECT_EQ(longest(noon).says, WakeDecision::release("Longest hold reached"));
+  EXPECT_EQ(longest(noon).wouldChange, "an agent's next event");
+
+  const auto both = trace(World().with([](auto& context) {
+    context.config.manualHoldEnabled = true;
+    context.commandHold = "make";
+  }),
+                          PolicyRule::manualHold);
+  EXPECT_EQ(both.saw, "manual hold is on, and a command runs under a hold: make");
+  EXPECT_EQ(both.wouldChange, "switching manual hold off");
 }
 
 }  // namespace
