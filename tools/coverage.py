@@ -19,7 +19,8 @@ OTHERWISE = 85
 
 def folder_of(path):
     parts = path.split("/")
-    if parts[0] != "Sources":
+    # What writes the reference for the manual runs while everything is built, before anything is counted.
+    if parts[0] != "Sources" or parts[1:3] == ["VimbrelApp", "Reference"]:
         return None
     if parts[1] == "VimbrelCore":
         return "/".join(parts[2:4]) if parts[2] == "Platform" and len(parts) > 4 else parts[2]
