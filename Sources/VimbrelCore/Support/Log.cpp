@@ -6,6 +6,8 @@
 #include <cstdio>
 #include <memory>
 #include <mutex>
+#include <optional>
+#include <unordered_map>
 #include <utility>
 
 namespace vimbrel {
@@ -15,6 +17,47 @@ std::mutex sinkLock;
 std::shared_ptr<logging::Sink> currentSink;
 std::atomic<bool> hasSink{false};
 std::atomic<LogLevel> threshold{LogLevel::debug};
+
+/// What one statement said in the current period.
+struct Repetition {
+  std::chrono::nanoseconds since{0};
+  int heard = 0;
+  long leftOut = 0;
+};
+
+struct Limiter {
+  std::atomic<bool> isOn{false};
+  std::mutex lock;
+  logging::RepetitionLimit limit;
+  std::unordered_map<const char*, Repetition>
+      repetitions;  // by the address of the format, which is a constant
+};
+
+/// Never destroyed: a thread may log while the process ends.
+Limiter& limiter() {
+  static auto* const only = new Limiter;
+  return *only;
+}
+
+/// Nothing when this message goes beyond the limit, else how many did before it.
+std::optional<long> leftOutBefore(const char* format) {
+  auto& [isOn, lock, limit, repetitions] = limiter();
+  if (!isOn.load(std::memory_order_relaxed)) return 0;
+  const std::lock_guard guard(lock);
+  if (limit.lines == 0) return 0;
+  const auto now = limit.uptime();
+  auto& repetition = repetitions[format];
+  if (repetition.heard == 0 || now - repetition.since >= limit.period) {
+    repetition.since = now;
+    repetition.heard = 0;
+  }
+  if (repetition.heard == limit.lines) {
+    ++repetition.leftOut;
+    return std::nullopt;
+  }
+  ++repetition.heard;
+  return std::exchange(repetition.leftOut, 0);
+}
 
 bool isEnabled(LogLevel level) {
   if (level == LogLevel::error) return true;
@@ -30,6 +73,8 @@ void writeToStandardError(LogLevel level, std::string_view category, std::string
 void write(LogLevel level, const std::string& subsystem, const std::string& category, const char* format,
            va_list arguments) {
   if (!isEnabled(level)) return;
+  const auto leftOut = leftOutBefore(format);
+  if (!leftOut) return;
   va_list again;
   va_copy(again, arguments);
   char brief[512];
@@ -43,6 +88,7 @@ void write(LogLevel level, const std::string& subsystem, const std::string& cate
     text.assign(brief, static_cast<std::size_t>(length));
   }
   va_end(again);
+  if (*leftOut > 0) text += " (" + std::to_string(*leftOut) + " more like this were left out before it)";
 
   std::shared_ptr<logging::Sink> sink;
   {
@@ -80,6 +126,14 @@ Sink setSink(Sink sink) {
   std::swap(currentSink, next);
   hasSink = currentSink != nullptr;
   return next ? std::move(*next) : Sink{};
+}
+
+void limitRepetition(RepetitionLimit wanted) {
+  auto& [isOn, lock, limit, repetitions] = limiter();
+  const std::lock_guard guard(lock);
+  limit = std::move(wanted);
+  repetitions.clear();
+  isOn.store(limit.lines > 0, std::memory_order_relaxed);
 }
 
 void setThreshold(LogLevel lowest) { threshold = lowest; }

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <string>
 #include <string_view>
@@ -42,9 +43,20 @@ Sink setSink(Sink sink);
 /// Drops messages below this level unformatted.
 void setThreshold(LogLevel lowest);
 
+/// How often one statement (one format string) may be heard.
+struct RepetitionLimit {
+  int lines = 0;  ///< within `period`; 0 is no limit, as at the start
+  std::chrono::nanoseconds period{0};
+  std::function<std::chrono::nanoseconds()> uptime;  ///< any clock that never goes back; any thread
+};
+
+/// Messages above the limit go nowhere; how many they were is said with the next of that statement. What goes
+/// on for hours, such as a session that stays stale, must not push everything else out of the log.
+void limitRepetition(RepetitionLimit limit);
+
 /// Sends messages to the journal when standard error is connected to it, else to a file `name`.log in the
 /// given directory, which is rotated at 1 MiB with two old files kept. Messages below `threshold` are dropped
-/// unformatted.
+/// unformatted. Of one statement a hundred messages are let through in ten minutes.
 void useSystemLog(const std::string& directory, const std::string& name, LogLevel threshold);
 
 }  // namespace logging

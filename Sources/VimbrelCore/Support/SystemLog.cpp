@@ -9,6 +9,7 @@
 #include <systemd/sd-journal.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -46,6 +47,8 @@ namespace logging {
 
 void useSystemLog(const std::string& directory, const std::string& name, LogLevel lowest) {
   setThreshold(lowest);
+  limitRepetition(
+      {100, std::chrono::minutes{10}, [] { return std::chrono::steady_clock::now().time_since_epoch(); }});
   if (standardErrorIsJournal()) {
     setSink(writeToJournal);
     return;
