@@ -99,7 +99,8 @@ class Relay : public testing::Test {
         const Fd connection(accept4(listening_.get(), nullptr, nullptr, SOCK_CLOEXEC));
         bytes.assign(65537, '\0');
         bytes.resize(static_cast<std::size_t>(recv(connection.get(), bytes.data(), bytes.size(), 0)));
-        EXPECT_EQ(send(connection.get(), "{\"ok\":true}\n", 12, MSG_NOSIGNAL), 12);
+        // On a busy machine too late for the relay, which waits only so long and is content without.
+        (void)send(connection.get(), "{\"ok\":true}\n", 12, MSG_NOSIGNAL);
         break;
       }
       if (finished.wait_for(std::chrono::seconds{0}) == std::future_status::ready) break;
