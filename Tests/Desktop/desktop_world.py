@@ -140,6 +140,7 @@ class Desktop(unittest.TestCase):
 
         try:
             with socket.socket(socket.AF_UNIX) as connection:
+                connection.settimeout(PATIENCE)
                 connection.connect(str(HOME / ".local/share/Vimbrel/run/control.sock"))
                 connection.sendall(b'{"jsonrpc":"2.0","id":1,"method":"version"}\n')
                 return json.loads(connection.makefile().readline())["result"]["pid"]

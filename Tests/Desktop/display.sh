@@ -32,7 +32,8 @@ done
 
 if [ -z "${VIMBREL_DISPLAY_DIRECTORY:-}" ]; then
   directory=$(mktemp -d)
-  mkdir -m 700 "$directory/runtime" "$directory/home"
+  # The panel keeps its settings in a home of its own: tests empty theirs while it runs.
+  mkdir -m 700 "$directory/runtime" "$directory/home" "$directory/panel"
   # A bus that starts nothing by itself but what the panel keeps its settings with: no portals, no keyrings.
   mkdir "$directory/services"
   cp /usr/share/dbus-1/services/org.xfce.Xfconf.service "$directory/services" 2>/dev/null
@@ -51,10 +52,13 @@ if [ -z "${VIMBREL_DISPLAY_DIRECTORY:-}" ]; then
   </policy>
 </busconfig>
 EOF
+  # What the bus starts must not keep this script's output open.
+  printf '#!/bin/sh\nexec dbus-daemon "$@" >"%s/bus.log" 2>&1\n' "$directory" >"$directory/bus"
+  chmod +x "$directory/bus"
   env -u XDG_CONFIG_HOME -u XDG_DATA_HOME -u XDG_STATE_HOME -u XDG_CACHE_HOME -u WAYLAND_DISPLAY \
-    VIMBREL_DISPLAY_DIRECTORY="$directory" HOME="$directory/home" XDG_RUNTIME_DIR="$directory/runtime" \
+    VIMBREL_DISPLAY_DIRECTORY="$directory" HOME="$directory/panel" XDG_RUNTIME_DIR="$directory/runtime" \
     QT_QPA_PLATFORM=xcb \
-    dbus-run-session --config-file="$directory/bus.conf" -- "$0" "${original[@]}"
+    dbus-run-session --dbus-daemon="$directory/bus" --config-file="$directory/bus.conf" -- "$0" "${original[@]}"
   status=$?
   rm -rf "$directory"
   exit $status
@@ -63,9 +67,13 @@ fi
 here=$VIMBREL_DISPLAY_DIRECTORY
 children=()
 finish() {
-  local each
-  for each in "${children[@]}"; do kill "$each" 2>/dev/null; done
-  for each in "${children[@]}"; do wait "$each" 2>/dev/null; done
+  [ ${#children[@]} = 0 ] || kill "${children[@]}" 2>/dev/null
+  # A panel whose bus or display goes away first may never end by itself.
+  for _ in {1..100}; do
+    [ -n "$(jobs -r)" ] || return
+    sleep 0.05
+  done
+  kill -KILL "${children[@]}" 2>/dev/null
 }
 trap finish EXIT
 trap 'exit 143' TERM INT
@@ -98,4 +106,4 @@ if [ -n "$accessible" ]; then
   children+=($!)
   export QT_LINUX_ACCESSIBILITY_ALWAYS_ON=1
 fi
-"$@"
+HOME=$here/home "$@"
