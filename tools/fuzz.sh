@@ -33,7 +33,7 @@ work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 artifacts=$build/findings
 mkdir -p "$artifacts"
-# fuzz_one NAME: its row goes to $work/NAME.row.
+# fuzz_one NAME
 fuzz_one() {
   local name=$1 corpus program finding=none executions edges
   corpus=Fuzz/corpus/$(sed -E 's/([a-z])([A-Z])/\1-\2/g' <<<"$name" | tr '[:upper:]' '[:lower:]')
@@ -50,11 +50,13 @@ fuzz_one() {
   fi
   executions=$(sed -n 's/^stat::number_of_executed_units: *//p' "$work/$name.log")
   edges=$(grep -o 'cov: [0-9]*' "$work/$name.log" | tail -n 1 | cut -d' ' -f2)
-  printf '| %s | %s | %s | %s |\n' "$name" "$executions" "$edges" "$finding" >"$work/$name.row"
+  printf '| %s | %s | %s | %s |\n' "$name" "$executions" "$edges" "$finding"
   [ "$finding" = none ]
 }
 
-# As many at once as there are processors.
+# As many at once as there are processors. Each row is printed as soon as it is known: a long run that is ended
+# early has said what it saw.
+printf '| target | executions | edges | findings |\n| --- | --- | --- | --- |\n'
 status=0
 running=0
 for name in "${names[@]}"; do
@@ -69,6 +71,4 @@ while ((running > 0)); do
   wait -n || status=1
   running=$((running - 1))
 done
-printf '| target | executions | edges | findings |\n| --- | --- | --- | --- |\n'
-for name in "${names[@]}"; do cat "$work/$name.row"; done
 exit $status
