@@ -50,9 +50,11 @@ endif()
 
 if(VIMBREL_COVERAGE)
   # Clang counts the conditions that are written, and not what a compiler adds (clean-up, defaulted comparisons). The
-  # file's name stands in the programs, because tests start some of them with an environment of their own.
-  set(profile -fprofile-instr-generate=${PROJECT_BINARY_DIR}/profiles/%4m.profraw)
-  target_compile_options(vimbrel_options INTERFACE ${profile} -fcoverage-mapping -fprofile-update=atomic)
+  # counters are the file itself (%c): a program that is killed has counted, too. The file's name stands in the
+  # programs, because tests start some of them with an environment of their own.
+  set(profile -fprofile-instr-generate=${PROJECT_BINARY_DIR}/profiles/%c%m.profraw)
+  target_compile_options(vimbrel_options INTERFACE ${profile} -fcoverage-mapping -fprofile-update=atomic
+    "SHELL:-mllvm -runtime-counter-relocation")
   target_link_options(vimbrel_options INTERFACE ${profile})
 endif()
 

@@ -91,6 +91,10 @@ runtime=/run/user/$uid
 mkdir -m 700 "$runtime"
 chown "$uid" "$runtime" /run/rig/home 2>/dev/null
 asUser() { if [ -n "$user" ]; then setpriv --reuid="$user" --regid="$(id -g "$user")" --clear-groups "$@"; else "$@"; fi; }
+# Nobody writes to a file of counters that another user began.
+if [ -n "$user" ] && [ -n "${LLVM_PROFILE_FILE:-}" ]; then
+  export LLVM_PROFILE_FILE=${LLVM_PROFILE_FILE%/*}/$user-${LLVM_PROFILE_FILE##*/}
+fi
 # Takes the place of a background shell, so that its process id is the command's.
 execAsUser() { if [ -n "$user" ]; then exec setpriv --reuid="$user" --regid="$(id -g "$user")" --clear-groups "$@"; else exec "$@"; fi; }
 
