@@ -110,7 +110,6 @@ bool DeepHoldLeaseStore::checkWatchdog() {
 }
 
 void DeepHoldLeaseStore::releaseHeld() {
-  if (!state_.isHolding) return;
   if (state_.originalSleepDisabled) {
     logger_.info("Prior state was already sleep disabled, leaving untouched");
   } else {
