@@ -8,7 +8,8 @@ import time
 
 from sandbox import Baseline, Sandbox, event, eventually, require
 
-events = int(os.environ.get("VIMBREL_EVENTS", "4000"))
+# Half of them fill the table of sessions, which takes 10,000.
+events = int(os.environ.get("VIMBREL_EVENTS", "22000"))
 senders = 8
 
 
