@@ -4,6 +4,7 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdio>
+#include <exception>
 #include <functional>
 #include <string>
 #include <vector>
@@ -386,7 +387,12 @@ int runCommandLine(int argc, char** argv) {
       return reportMisuse(app, error, argc, argv);
     }
   }
-  return invocation.command();
+  try {
+    return invocation.command();
+  } catch (const std::exception& problem) {
+    // What the system refuses before anything can go on without it: memory, threads, descriptors.
+    return reportProblem(say("cannot go on: %1", {problem.what()}));
+  }
 }
 
 }  // namespace vimbrel

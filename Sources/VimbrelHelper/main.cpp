@@ -8,6 +8,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <exception>
 
 #include "HelperOptions.h"
 #include "HelperServer.h"
@@ -102,5 +103,9 @@ int main(int argc, char** argv) {
   if (options->version) return std::puts(("vimbrel-helper " + versionText()).c_str()) < 0 ? exitFailed : 0;
   std::signal(SIGPIPE, SIG_IGN);
   logToStandardError();
-  return serve(*options);
+  try {
+    return serve(*options);
+  } catch (const std::exception& problem) {
+    return fail(std::string("cannot go on: ") + problem.what(), exitFailed);  // Not even a loop can be had.
+  }
 }

@@ -82,6 +82,7 @@ class Sandbox:
         for name in ("ASAN_OPTIONS", "TSAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS"):
             if name in os.environ:
                 self.environment[name] = os.environ[name]
+        self.is_sanitized = any(name in self.environment for name in ("ASAN_OPTIONS", "TSAN_OPTIONS"))
         self.process = None
         self.world({})
 
@@ -208,15 +209,14 @@ class Baseline:
         sandbox.ask("usage.today")
         self.descriptors = sandbox.descriptors()
         self.memory = sandbox.memory()
-        # The sanitizers' own bookkeeping and quarantine grow with every allocation.
-        self.is_sanitized = any(name in sandbox.environment for name in ("ASAN_OPTIONS", "TSAN_OPTIONS"))
 
     def require_kept(self, memory_slack=memory_slack_kb):
         limit = self.descriptors + descriptor_slack
         eventually(lambda: self.sandbox.descriptors() <= limit,
                    "no more than %d descriptors are open" % limit)
         grown = self.sandbox.memory() - self.memory
-        require(self.is_sanitized or grown <= memory_slack, "memory grew by %d kB" % grown)
+        # The sanitizers' own bookkeeping and quarantine grow with every allocation.
+        require(self.sandbox.is_sanitized or grown <= memory_slack, "memory grew by %d kB" % grown)
         return grown
 
 
