@@ -170,14 +170,26 @@ void BackgroundProcess::startOutput() {
 }
 
 void BackgroundProcess::showChange() {
-  if (screen_) return draw();
-  if (const auto line = lines_.next(statusDocument(controlled_), clock_.now())) {
-    std::puts(line->c_str());
-    std::fflush(stdout);
+  if (!screen_) {
+    const auto summary = summaryDocument(controlled_, ChangeLines::maximumAgentsNamed);
+    if (const auto line = lines_.next(summary, clock_.now())) {
+      std::puts(line->c_str());
+      std::fflush(stdout);
+    }
+    return;
   }
+  // Every session has a line, and a flood of events changes them thousands of times a second.
+  if (drawing_) return;
+  const auto due = lastDrawn_ + drawInterval;
+  const auto delay = std::max<std::chrono::nanoseconds>(due - clock_.monotonic(), 0ns);
+  drawing_ = loop_.mainQueue()->after(delay, [this] {
+    drawing_.reset();
+    draw();
+  });
 }
 
 void BackgroundProcess::draw() {
+  lastDrawn_ = clock_.monotonic();
   screen_->setState(statusDocument(controlled_));
   screen_->draw(clock_.now());
 }
@@ -208,6 +220,7 @@ void BackgroundProcess::run() {
   // Intake first: nothing that comes in meanwhile may take what is given back.
   server_.stop();
   application_.stop();
+  drawing_.reset();
   screen_ = nullptr;
   application_.drain(helperPatience);
 }

@@ -38,6 +38,9 @@ class BackgroundProcess {
   void run();
 
  private:
+  /// As often as followers of the control socket are told.
+  static constexpr std::chrono::milliseconds drawInterval{100};
+
   [[nodiscard]] PlatformServices choosePlatform();
   [[nodiscard]] std::shared_ptr<HookEventReceiving> makeHookReceiver();
   void followSignals();
@@ -67,6 +70,8 @@ class BackgroundProcess {
   std::unique_ptr<LiveScreen> screen_;
   std::vector<Token> tokens_;
   Token keys_;
+  Token drawing_;
+  std::chrono::nanoseconds lastDrawn_{-drawInterval};
 };
 
 }  // namespace vimbrel

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <cstddef>
 #include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <string>
@@ -13,9 +14,12 @@ namespace vimbrel {
 /// than the seconds of a countdown.
 class ChangeLines {
  public:
-  /// "2026-01-31T10:00:00Z Active (1 working agent) — Claude Code working; agents: Claude Code working; held:
-  /// system sleep, by logind", or nothing.
-  [[nodiscard]] std::optional<std::string> next(const nlohmann::json& state, Instant now);
+  /// Nobody reads a line with more; how many more there are is said.
+  static constexpr std::size_t maximumAgentsNamed = 20;
+
+  /// Of a summary (`summaryDocument`): "2026-01-31T10:00:00Z Active (1 working agent) — Claude Code working;
+  /// agents: Claude Code working; held: system sleep, by logind", or nothing.
+  [[nodiscard]] std::optional<std::string> next(const nlohmann::json& summary, Instant now);
 
  private:
   std::string last_;

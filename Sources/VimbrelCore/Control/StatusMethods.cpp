@@ -3,6 +3,9 @@
 
 #include <unistd.h>
 
+#include <cstdint>
+#include <ranges>
+
 #include "Control/AgentDocuments.h"
 #include "Control/DeepHoldMethods.h"
 #include "Control/PresentationDocument.h"
@@ -53,9 +56,9 @@ json assertionsOf(const ControlledApplication& application) {
           {"mechanismDetails", std::move(details)}};
 }
 
-json sessionsOf(AppCoordinator& coordinator) {
+json sessionsOf(AppCoordinator& coordinator, std::ptrdiff_t maximum = PTRDIFF_MAX) {
   json sessions = json::array();
-  for (const auto& session : coordinator.activeSessionsList().get()) {
+  for (const auto& session : coordinator.activeSessionsList().get() | std::views::take(maximum)) {
     sessions.push_back(json(toJson(*session, DateCoding::iso8601)));
   }
   return sessions;
@@ -98,6 +101,16 @@ json statusDocument(const ControlledApplication& application) {
   };
   state.update(presentationDocument(application));
   return state;
+}
+
+json summaryDocument(const ControlledApplication& application, std::size_t maximumSessions) {
+  auto& coordinator = application.coordinator;
+  const auto& decision = coordinator.currentDecision().get();
+  return {{"statusDescription", decision.statusDescription()},
+          {"isHolding", decision.isHolding()},
+          {"sessions", sessionsOf(coordinator, static_cast<std::ptrdiff_t>(maximumSessions))},
+          {"sessionCount", coordinator.activeSessionsList().get().size()},
+          {"assertions", assertionsOf(application)}};
 }
 
 Token addStatusMethods(ControlServer& server, const ControlledApplication& application) {
