@@ -22,6 +22,7 @@ constexpr auto connectionTime = 2s;
 constexpr std::size_t maximumConnections = 128;
 constexpr std::ptrdiff_t maximumConnectionsOfOneUser = 16;
 constexpr int acceptsInOneTurn = 64;
+constexpr auto acceptRetryDelay = 1s;
 
 struct Connection {
   Fd socket;
@@ -44,6 +45,11 @@ struct HelperServer::State : std::enable_shared_from_this<State> {
   Connections connections;  // the oldest first
   Fd listening;
   Token acceptable;
+  Token retry;
+
+  void watchListener() {
+    acceptable = queue->watchReadable(listening.get(), [this] { acceptAll(); });
+  }
 
   void close(const std::shared_ptr<Connection>& connection) {
     connection->readable.reset();
@@ -59,7 +65,12 @@ struct HelperServer::State : std::enable_shared_from_this<State> {
         begin(std::move(socket));
       } else if ((errno == EMFILE || errno == ENFILE) && !connections.empty()) {
         close(connections.front());
+      } else if (errno == EAGAIN) {
+        return;
       } else if (errno != EINTR && errno != ECONNABORTED) {
+        // The socket stays readable while nothing can be accepted: its watch would fire without end.
+        acceptable.reset();
+        retry = queue->after(acceptRetryDelay, [this] { watchListener(); });
         return;
       }
     }
@@ -153,12 +164,12 @@ HelperServer::HelperServer(Fd listening, std::shared_ptr<TaskQueue> queue,
   state_->authority = std::move(authority);
   state_->handler = std::move(handler);
   state_->listening = std::move(listening);
-  state_->acceptable =
-      state_->queue->watchReadable(state_->listening.get(), [state = state_.get()] { state->acceptAll(); });
+  state_->watchListener();
 }
 
 HelperServer::~HelperServer() {
   state_->acceptable.reset();
+  state_->retry.reset();
   while (!state_->connections.empty()) state_->close(state_->connections.front());
 }
 

@@ -143,9 +143,40 @@ TEST(HelperPeers, ofAnotherUserAreRefusedUnlessTheirGroupOwnsTheSocket) {
   HelperProcess grouped({"--simulate"}, [](const std::string& directory) {
     EXPECT_EQ(::chown(directory.c_str(), 0, helpersGroup), 0);
     ::chmod(directory.c_str(), 02755);
+    return std::vector<Fd>{};
   });
   EXPECT_EQ(asUser(stranger, helpersGroup, acquiring(grouped)), 0);
   EXPECT_EQ(asUser(stranger, strangersGroup, acquiring(grouped)), 1);
+}
+
+TEST(HelperPeers, areServedOnASocketThatTheServiceManagerHandsOver) {
+  const auto socketIn = [](const std::string& directory) {
+    return std::move(*listenOnUnixSocket(directory + "/s", 0600, 4));
+  };
+  HelperProcess helper({"--user", "--simulate"}, [&](const std::string& directory) {
+    std::vector<Fd> sockets;
+    sockets.push_back(socketIn(directory));
+    return sockets;
+  });
+  EXPECT_TRUE(ask(helper, {HelperCommand::acquire, "A", 60}).ok);
+  EXPECT_EQ(helper.end(SIGTERM), 0) << helper.log();
+  EXPECT_EQ(::access(helper.socketPath().c_str(), F_OK), 0)
+      << "the manager's socket is not the helper's to remove";
+
+  struct Case {
+    int sockets;
+    int type;
+  };
+  for (const auto& [count, type] : {Case{2, SOCK_STREAM}, Case{1, SOCK_DGRAM}, Case{1, SOCK_STREAM}}) {
+    HelperProcess misled({"--user", "--simulate"}, [&](const std::string&) {
+      std::vector<Fd> sockets;
+      for (int i = 0; i < count; ++i)
+        sockets.emplace_back(::socket(AF_UNIX, type, 0));  // Nobody listens there.
+      return sockets;
+    });
+    EXPECT_EQ(misled.end(SIGTERM), 1);
+    EXPECT_TRUE(misled.log().contains("exactly one listening UNIX stream socket")) << misled.log();
+  }
 }
 
 TEST(HelperPeers, meetAProcessWithoutAnyPrivilegeToMisuse) {

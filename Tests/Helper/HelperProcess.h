@@ -1,12 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
+#include <fstream>
 #include <functional>
 #include <string>
 #include <vector>
@@ -19,10 +21,11 @@ namespace vimbrel {
 /// The real helper as a process of its own, on a socket in a temporary directory, ended with the object.
 class HelperProcess {
  public:
-  /// `prepare` is given the directory before the start.
+  /// `prepare` is given the directory before the start; what it returns is handed over as a service manager
+  /// hands over sockets.
   explicit HelperProcess(std::vector<std::string> arguments,
-                         const std::function<void(const std::string&)>& prepare = nullptr) {
-    if (prepare) prepare(directory.path());
+                         const std::function<std::vector<Fd>(const std::string&)>& prepare = nullptr) {
+    const auto handedOver = prepare ? prepare(directory.path()) : std::vector<Fd>{};
     arguments.insert(arguments.begin(), {VIMBREL_HELPER, "--socket", socketPath(), "--state", stateFile()});
     pid_ = ::fork();
     if (pid_ == 0) {
@@ -31,6 +34,12 @@ class HelperProcess {
       for (auto& argument : arguments) argv.push_back(argument.data());
       argv.push_back(nullptr);
       ::freopen(directory.file("log").c_str(), "w", stderr);
+      int next = 3;
+      for (const auto& socket : handedOver) ::dup2(::fcntl(socket.get(), F_DUPFD_CLOEXEC, 64), next++);
+      if (next > 3) {
+        ::setenv("LISTEN_PID", std::to_string(::getpid()).c_str(), 1);
+        ::setenv("LISTEN_FDS", std::to_string(next - 3).c_str(), 1);
+      }
       ::execv(argv[0], argv.data());
       ::_exit(127);
     }
@@ -46,6 +55,11 @@ class HelperProcess {
   [[nodiscard]] bool isRunning() {
     if (pid_ > 0 && ::waitpid(pid_, &status_, WNOHANG) == pid_) pid_ = -1;
     return pid_ > 0;
+  }
+  /// What it wrote to standard error.
+  [[nodiscard]] std::string log() const {
+    std::ifstream file(directory.file("log"));
+    return {std::istreambuf_iterator<char>(file), {}};
   }
   /// Sends the signal and waits; returns the exit status, or minus the signal that ended the process.
   int end(int signalNumber) {

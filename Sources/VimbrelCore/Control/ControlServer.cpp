@@ -70,8 +70,12 @@ std::expected<void, SocketError> ControlServer::start(const std::string& path) {
   if (!listener) return std::unexpected(listener.error());
   listener_ = std::move(*listener);
   path_ = path;
-  acceptable_ = mainQueue_->watchReadable(listener_.get(), [this] { acceptPending(); });
+  watchListener();
   return {};
+}
+
+void ControlServer::watchListener() {
+  acceptable_ = mainQueue_->watchReadable(listener_.get(), [this] { acceptPending(); });
 }
 
 void ControlServer::stop() {
@@ -99,7 +103,9 @@ void ControlServer::acceptPending() {
     if (errno == EINTR || errno == ECONNABORTED) continue;
     if (errno != EAGAIN && errno != EWOULDBLOCK) {
       logger_.error("Cannot accept control connections, trying again in a second: %s", std::strerror(errno));
-      retry_ = mainQueue_->after(acceptRetryDelay, [this] { acceptPending(); });
+      // The socket stays readable while nothing can be accepted: its watch would fire without end.
+      acceptable_.reset();
+      retry_ = mainQueue_->after(acceptRetryDelay, [this] { watchListener(); });
     }
     return;
   }

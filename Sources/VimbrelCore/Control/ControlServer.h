@@ -45,6 +45,7 @@ class ControlServer {
   [[nodiscard]] std::size_t connectionCount() const { return connections_.size(); }
 
  private:
+  void watchListener();
   void acceptPending();
   void adopt(Fd socket);
   void publish();

@@ -37,6 +37,8 @@ only_once = {"read", "poll", "epoll_wait"}
 most = int(os.environ.get("VIMBREL_FAILING_CALLS", "1"))
 # A program that cannot answer any more is not waited for: it is asked to end, which it must do.
 deaf_after = 5.0
+# What cannot be done now is tried again later, and not as fast as the machine can.
+patient_tries = 500
 faults = []
 verbose = "VIMBREL_VERBOSE" in os.environ
 
@@ -75,13 +77,15 @@ class Traced:
         said = self.errors.read().decode(errors="replace").strip()
         self.errors.close()
         with open(self.log) as file:
-            failed = "(INJECTED)" in file.read()
+            failed = file.read().count("(INJECTED)")
         if verbose:
-            print(self.name, "status", status, "failed" if failed else "-", said[-200:], flush=True)
+            print(self.name, "status", status, failed, said[-200:], flush=True)
         # strace ends by the signal that ended the program.
         if status < 0 or (status > 0 and not said):
             faults.append("%s: ended with %d and said %s" % (self.name, status, said or "nothing"))
-        return status, failed
+        if failed > patient_tries:
+            faults.append("%s: tried %d times without a pause" % (self.name, failed))
+        return status, failed > 0
 
 
 def terminate(tracer):
