@@ -1,0 +1,126 @@
+# SPDX-License-Identifier: Apache-2.0
+"""`vimbrel hold TIME -- COMMAND`: the hold lasts as long as the command, this program, its time and the application
+together; the command's end, its signals and its status are the user's own."""
+
+import os
+import signal
+import subprocess
+
+from sandbox import Sandbox, eventually, patience, require
+
+
+class Held:
+    """A command that says when it runs, tells of each hang-up, and ends when its input does."""
+
+    script = 'trap "echo hup" HUP; trap "exit 5" TERM; echo ready; while read -r line; do :; done; exit 9'
+
+    def __init__(self, sandbox, *options):
+        self.sandbox = sandbox
+        self.errors = sandbox.file("hold-errors")
+        with open(self.errors, "wb") as errors:
+            self.process = subprocess.Popen([sandbox.vimbrel, "hold", *options, "--", "bash", "-c", self.script],
+                                            env=sandbox.environment, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                                            stderr=errors)
+        require(self.process.stdout.readline() == b"ready\n", "the command runs")
+
+    def says(self, text):
+        def has_said():
+            with open(self.errors) as errors:
+                return text in errors.read()
+        eventually(has_said, "it says: " + text)
+
+    def hang_up(self):
+        """Wakes it, too: what it would try again in seconds it tries at once."""
+        self.process.send_signal(signal.SIGHUP)
+
+    def end(self):
+        self.process.stdin.close()
+        status = self.process.wait(timeout=patience)
+        self.process.stdout.close()
+        return status
+
+
+def holds(sandbox):
+    return [hold["command"] for hold in sandbox.ask("status")["commandHolds"]]
+
+
+def with_the_command(sandbox):
+    held = Held(sandbox, "5m")
+    require(holds(sandbox) == ["bash"], "the command holds: %s" % holds(sandbox))
+    require(sandbox.ask("status")["isHolding"], "it holds")
+    held.hang_up()
+    require(held.process.stdout.readline() == b"hup\n", "a hang-up is the command's")
+    require(held.end() == 9, "the status is the command's")
+    eventually(lambda: holds(sandbox) == [], "nothing is held afterwards")
+
+    held = Held(sandbox, "--lid", "5m")
+    held.process.terminate()
+    require(held.process.wait(timeout=patience) == 5, "the command decides what a signal means")
+    eventually(lambda: holds(sandbox) == [], "nothing is held afterwards")
+
+
+def with_this_program(sandbox):
+    held = Held(sandbox, "5m")
+    held.process.kill()
+    held.process.wait()
+    eventually(lambda: holds(sandbox) == [], "a killed program holds nothing")
+    held.process.stdin.close()
+    require(held.process.stdout.read() == b"", "its command went on until its input ended")
+    held.process.stdout.close()
+
+
+def with_the_application(sandbox):
+    held = Held(sandbox, "5m")
+    sandbox.kill()
+    held.says("Vimbrel went away; the command goes on")
+    sandbox.start()
+    require(holds(sandbox) == [], "a new application knows of nothing")
+
+    def is_held_again():
+        held.hang_up()
+        return holds(sandbox) == ["bash"]
+    eventually(is_held_again, "it is held again")
+    held.says("Vimbrel is back")
+    require(held.end() == 9, "the status is the command's")
+
+
+def with_its_time(sandbox):
+    held = Held(sandbox, "1s")
+    held.says("the time of the hold is up")
+    eventually(lambda: holds(sandbox) == [], "the hold is over")
+    require(held.end() == 9, "the command goes on without it")
+
+
+def never_against_the_rules(sandbox):
+    sandbox.world({"power": {"batteryPercent": 5, "isCharging": False, "isOnAC": False, "isLowPowerMode": False}})
+    eventually(lambda: "blocked" in sandbox.ask("status")["decision"], "the battery is too low")
+    held = Held(sandbox, "5m")
+    held.says("the machine is NOT held")
+    require(held.end() == 9, "the command runs all the same")
+
+
+def what_cannot_be_held(sandbox):
+    text = sandbox.file("text")
+    with open(text, "w") as file:
+        file.write("not a program")
+    touched = sandbox.file("touched")
+    for options, status, said in ((["5m", "--", text], 126, "Permission denied"),
+                                  (["0s", "--", "true"], 2, "a hold needs a time"),
+                                  (["soon", "--", "true"], 2, "soon")):
+        result = sandbox.command("hold", *options)
+        require(result.returncode == status and said in result.stderr, "%s: %d %s" % (options, result.returncode, result.stderr))
+    require(sandbox.stop() == 0, "it stops with 0")
+    require(sandbox.command("hold", "5m", "--", "touch", touched).returncode == 3, "nobody can hold")
+    require(not os.path.exists(touched), "then the command is not started")
+
+
+def main():
+    with Sandbox() as sandbox:
+        sandbox.start()
+        for part in (with_the_command, with_this_program, with_the_application, with_its_time,
+                     never_against_the_rules, what_cannot_be_held):
+            part(sandbox)
+            print(part.__name__, "as it must")
+
+
+main()
