@@ -1,9 +1,9 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
-"""The running application on power supplies that can be changed: the kernel's events as udev passes them on, the
-firmware's profile, and both names of the daemon that people choose to save power with.
+"""The running application on a machine that can be changed: power supplies with the kernel's events as udev passes
+them on, the firmware's profile, both names of the daemon that people choose to save power with, heat, and a lid.
 
-power_events_test.py VIMBREL
+machine_events_test.py VIMBREL
 
 Everything runs in a mount and network namespace: files stand in for /sys and a forged message for udev's. Exit status
 77 with one line when this machine cannot do it, or 1 then with VIMBREL_REQUIRE_COMPONENTS=1.
@@ -18,10 +18,12 @@ import sys
 import tempfile
 import time
 
-INSIDE = "VIMBREL_POWER_EVENTS_INSIDE"
+INSIDE = "VIMBREL_MACHINE_EVENTS_INSIDE"
 # Without an event a change is seen within 30 seconds: an event must be much faster than that.
 SOON = 15
 SUPPLIES = "/sys/class/power_supply"
+THERMAL = "/sys/class/thermal"
+INPUT = "/sys/class/input"
 
 
 def skip(reason):
@@ -81,7 +83,7 @@ class World:
         self.program = program
         self.home = tempfile.mkdtemp(prefix="vimbrel-")
         # A link-up loopback is not needed; netlink works in an empty network namespace.
-        for path in (SUPPLIES, "/sys/firmware", "/run"):
+        for path in (SUPPLIES, "/sys/firmware", THERMAL, INPUT, "/run"):
             subprocess.check_call(["mount", "-t", "tmpfs", "-o", "mode=755", "test", path])
         os.makedirs("/run/udev")  # udev_monitor asks whether udev runs at all
         with open("/run/udev/control", "w"):
@@ -89,6 +91,15 @@ class World:
         write(f"{SUPPLIES}/AC", type="Mains", online=0)
         write(f"{SUPPLIES}/BAT0", type="Battery", status="Discharging", capacity=41)
         write("/sys/firmware/acpi", platform_profile="balanced")
+        # Two zones of use, one that only tells of the firmware's nonsense, one that cannot be read just now.
+        write(f"{THERMAL}/thermal_zone0", temp=50000, trip_point_0_type="passive", trip_point_0_temp=80000,
+              trip_point_1_type="critical", trip_point_1_temp=100000)
+        write(f"{THERMAL}/thermal_zone1", temp="unknown", trip_point_0_type="hot", trip_point_0_temp=90000)
+        write(f"{THERMAL}/thermal_zone2", temp=99000, trip_point_0_type="critical", trip_point_0_temp=-273000)
+        write(f"{THERMAL}/cooling_device0", type="Processor")
+        write(f"{INPUT}/input0/device/capabilities", sw="0")
+        write(f"{INPUT}/input1/device/capabilities", sw="1 3")
+        write(f"{INPUT}/mouse0", dev="13:32")
         with open("/run/bus.conf", "w") as file:
             file.write('<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN" '
                        '"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd"><busconfig><type>system</type>'
@@ -99,7 +110,8 @@ class World:
         self.until(lambda: os.path.exists("/run/system_bus"), 20, "the bus")
         self.environment = {"HOME": self.home, "PATH": "/usr/bin:/bin", "TZ": "UTC",
                             "DBUS_SYSTEM_BUS_ADDRESS": "unix:path=/run/system_bus",
-                            "DBUS_SESSION_BUS_ADDRESS": "unix:path=/nonexistent"}
+                            "DBUS_SESSION_BUS_ADDRESS": "unix:path=/nonexistent",
+                            "XDG_CURRENT_DESKTOP": "ubuntu:GNOME", "SSH_CONNECTION": "192.0.2.1 1 192.0.2.2 22"}
         self.process = subprocess.Popen([program, "run"], env=self.environment, stdin=subprocess.DEVNULL,
                                         stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         self.until(self.power, 60, "the application")
@@ -111,9 +123,18 @@ class World:
             time.sleep(0.02)
         return time.monotonic() - start
 
+    def ask(self, what):
+        run = subprocess.run([self.program, what, "--json"], env=self.environment, capture_output=True)
+        return json.loads(run.stdout) if run.stdout else None
+
     def power(self):
-        run = subprocess.run([self.program, "status", "--json"], env=self.environment, capture_output=True)
-        return json.loads(run.stdout)["power"] if run.returncode == 0 else None
+        state = self.ask("status")
+        return state and state["power"]
+
+    def finding(self, subject):
+        """What `vimbrel doctor` says of it: the verdict and the explanation."""
+        found = [finding for finding in self.ask("doctor")["findings"] if finding["subject"] == subject]
+        return found and (found[0]["verdict"], found[0]["explanation"])
 
     def end(self):
         self.process.terminate()
@@ -148,10 +169,11 @@ def supplies(world):
 
 
 class Daemon:
-    """The daemon of power profiles under one of its names, in a process that can be killed."""
+    """A service with one property, in a process that can be killed: the daemon of power profiles under one of its
+    names, or what tells of the lid."""
 
-    def __init__(self, name, path):
-        self.process = subprocess.Popen([sys.executable, __file__, "--daemon", name, path], stdin=subprocess.PIPE, text=True,
+    def __init__(self, name, path, interface=None):
+        self.process = subprocess.Popen([sys.executable, __file__, "--daemon", name, path, interface or name], stdin=subprocess.PIPE, text=True,
                                         stdout=subprocess.PIPE,
                                         env={**os.environ, "DBUS_SYSTEM_BUS_ADDRESS": "unix:path=/run/system_bus"})
         assert self.process.stdout.readline() == "ready\n"
@@ -165,7 +187,7 @@ class Daemon:
         self.process.wait()
 
 
-def serve_daemon(name, path):
+def serve_daemon(name, path, interface):
     import dbus
     import dbus.service
     from dbus.mainloop.glib import DBusGMainLoop
@@ -179,6 +201,8 @@ def serve_daemon(name, path):
 
         @dbus.service.method("org.freedesktop.DBus.Properties", in_signature="ss", out_signature="v")
         def Get(self, _, key):
+            if key == "LidClosed":
+                return dbus.Boolean(self.profile == "closed")
             return self.profile if key == "ActiveProfile" else ""
 
         @dbus.service.signal("org.freedesktop.DBus.Properties", signature="sa{sv}as")
@@ -192,7 +216,7 @@ def serve_daemon(name, path):
         if not line:
             return False
         profiles.profile = line
-        profiles.PropertiesChanged(name, {"ActiveProfile": line}, [])
+        profiles.PropertiesChanged(interface, {"ActiveProfile": line}, [])
         return True
 
     GLib.io_add_watch(sys.stdin, GLib.IO_IN, read)
@@ -222,14 +246,58 @@ def low_power(world):
     world.until(lambda: world.power()["isLowPowerMode"], SOON, "the firmware's profile")
 
 
+def heat(world):
+    """Read every few seconds; past the firmware's last warning nothing is held."""
+    assert world.finding("temperature") == ("works", "2 thermal zones are watched"), world.finding("temperature")
+    for temperature, state in ((81000, "fair"), (91000, "serious"), (96000, "critical"), (93000, "critical"),
+                               (60000, "nominal")):
+        write(f"{THERMAL}/thermal_zone0", temp=temperature)
+        world.until(lambda: world.ask("status")["thermalState"] == state, SOON, f"{temperature} as {state}")
+        decision = world.ask("status")["decision"]
+        assert ("blocked" in decision) == (state == "critical"), decision
+    # A zone that wakes up is read, too.
+    write(f"{THERMAL}/thermal_zone1", temp=90000)
+    world.until(lambda: world.ask("status")["thermalState"] == "serious", SOON, "the other zone")
+
+
+def lid(world):
+    assert world.finding("lid")[0] == "warning", world.finding("lid")
+    logind = Daemon("org.freedesktop.login1", "/org/freedesktop/login1")
+    logind.choose("closed")
+    world.until(lambda: world.ask("status")["lidClosed"], SOON, "a closed lid")
+    assert world.finding("lid") == ("works", "the lid is closed"), world.finding("lid")
+    logind.choose("open")
+    world.until(lambda: not world.ask("status")["lidClosed"], SOON, "an open lid")
+    assert world.finding("lid") == ("works", "the lid is open"), world.finding("lid")
+    logind.kill()
+
+
+def doctor(world):
+    """What is said of a machine follows it."""
+    for contents, verdict, explanation in ((None, "missing", "the machine counts as on AC power"),
+                                           ({"type": "Battery", "status": "Discharging"}, "warning", "tells no charge"),
+                                           ({"type": "Battery", "status": "Discharging", "capacity": 30}, "works", "30 %")):
+        shutil.rmtree(f"{SUPPLIES}/BAT0", ignore_errors=True)
+        if contents:
+            write(f"{SUPPLIES}/BAT0", **contents)
+        found = world.finding("battery")
+        assert found[0] == verdict and explanation in found[1], found
+    for subject in ("GNOME and the tray", "remote login"):
+        assert world.finding(subject)[0] == "warning", subject
+    assert not world.finding("KDE and the lid")
+
+
 def main():
     if sys.argv[1:2] == ["--daemon"]:
-        return serve_daemon(*sys.argv[2:4])
+        return serve_daemon(*sys.argv[2:5])
     if INSIDE not in os.environ:
         enter_namespace()
     world = World(sys.argv[1])
     supplies(world)
     low_power(world)
+    heat(world)
+    lid(world)
+    doctor(world)
     assert world.end() == 0
     return 0
 
