@@ -7,6 +7,7 @@ Runs inside display.sh --accessible.
 import json
 import os
 import re
+import socket
 import subprocess
 import time
 import unittest
@@ -262,6 +263,42 @@ class Application(Desktop):
         self.press("Start Vimbrel")
         eventually(lambda: self.rpc_pid())
         self.see("Sleep allowed")
+
+    def test_survives_a_stranger_in_its_place(self):
+        self.application.kill()
+        self.application.wait()
+        path = HOME / ".local/share/Vimbrel/run/control.sock"
+        path.unlink()
+        stranger = socket.socket(socket.AF_UNIX)
+        self.addCleanup(stranger.close)
+        stranger.settimeout(PATIENCE)
+        stranger.bind(str(path))
+        stranger.listen()
+        state = b'{"jsonrpc":"2.0","method":"state","params":%s}\n'
+        for said in (b"", b"HTTP/1.1 400 Bad Request\r\n\r\n", b'{"jsonrpc":"2.0","method":"sta',
+                     b'{"id":1,"error":{"code":1,"message":"no"}}\n', b'{"id":1,"error":7}\n{"id":"1"}\n{"id":1}\n[]\n',
+                     state % b"7" + state % b"{}" + state % b'{"sessions":[{"agentType":3}],"decision":"hold"}',
+                     b"x" * (17 << 20)):
+            connection, _ = stranger.accept()
+            with connection:
+                connection.settimeout(PATIENCE)
+                self.assertIn(b"subscribe", connection.recv(4096))
+                try:
+                    connection.sendall(said)
+                except (BrokenPipeError, ConnectionResetError):
+                    self.assertGreater(len(said), 16 << 20, "it hangs up on what is longer than any state")
+        stranger.accept()[0].close()
+        stranger.close()
+        path.unlink()
+        self.start_application()
+        # What it could not read made it open; that is gone when it is opened again.
+        self.see("Sleep allowed")
+        self.see("the state…")
+        keys("Escape")
+        eventually(lambda: not self.is_open())
+        self.open_popover()
+        self.see("Sleep allowed")
+        self.assertFalse(self.find("the state…"), "an old problem is not shown again")
 
 
 if __name__ == "__main__":

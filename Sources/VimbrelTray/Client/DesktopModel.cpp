@@ -2,6 +2,7 @@
 #include "Client/DesktopModel.h"
 
 #include <nlohmann/json.hpp>
+#include <utility>
 
 #include "Presentation/TimeText.h"
 #include "Support/Clock.h"
@@ -39,7 +40,12 @@ void DesktopModel::start() { link_.start(); }
 
 void DesktopModel::takeState(const json& state) {
   auto read = publishedStateFromJson(state);
-  if (!read) return Q_EMIT failed(QString::fromStdString(read.error()));
+  if (!read) {
+    // Once: an application of another time sends such states all day, and each telling opens the popover.
+    if (!std::exchange(toldOfUnreadable_, true)) Q_EMIT failed(QString::fromStdString(read.error()));
+    return;
+  }
+  toldOfUnreadable_ = false;
   startPatience_.stop();
   Situation next{.link = LinkStatus::connected, .state = std::move(*read)};
   if (next == situation_) return;

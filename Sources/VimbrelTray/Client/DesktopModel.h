@@ -42,6 +42,7 @@ class DesktopModel final : public QObject {
   ControlLink link_;
   ApplicationStarter starter_;
   Situation situation_;
+  bool toldOfUnreadable_ = false;
   QTimer startPatience_;
 };
 
