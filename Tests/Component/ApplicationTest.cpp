@@ -78,6 +78,10 @@ bool isTold(const Sandbox& sandbox, const std::string& part) {
   return sandbox.vimbrel({"status", "--json"}).output.find(part) != std::string::npos;
 }
 
+bool isHeldBy(const Sandbox& sandbox, const std::string& mechanism) {
+  return isTold(sandbox, "\"mechanisms\": [\n      \"" + mechanism + "\"");
+}
+
 /// The bus dies, and with it whoever lives on it; `meanwhile` happens before all of them are back.
 void loseTheSystemBus(const std::string& how, const std::function<void()>& meanwhile) {
   rig::order(how + " system-bus");
@@ -95,6 +99,7 @@ TEST(Application, livesThroughTheDeathOfTheWholeBusAndHoldsAgain) {
   report(sandbox, "working");
   ASSERT_TRUE(eventually([] { return inhibitors() == 1; }));
   for (const std::string how : {"kill", "stop"}) {
+    EXPECT_TRUE(eventually([&] { return isHeldBy(sandbox, "logind"); })) << how;
     loseTheSystemBus(how, [&] {
       EXPECT_TRUE(eventually([&] { return isTold(sandbox, R"("mechanisms": [])"); })) << how;
       report(sandbox, "working");
@@ -126,9 +131,12 @@ TEST(SessionApplication, livesThroughTheDeathOfTheSessionBusAndHoldsAgain) {
   report(sandbox, "working");
   ASSERT_TRUE(eventually([&] { return held() == 1; })) << sandbox.vimbrel({"doctor"}).output;
   for (const std::string how : {"kill", "stop"}) {
+    // The service has heard of the hold before the application knows that it is granted.
+    EXPECT_TRUE(eventually([&] { return isHeldBy(sandbox, "gnome-session"); })) << how;
     rig::order(how + " session");
     rig::order("kill gnome-session");
-    EXPECT_TRUE(eventually([&] { return isTold(sandbox, R"("mechanisms": [])"); })) << how;
+    EXPECT_TRUE(eventually([&] { return isTold(sandbox, R"("mechanisms": [])"); }))
+        << how << sandbox.vimbrel({"status", "--json"}).output;
     rig::order("start session");
     rig::order("start gnome-session");
     EXPECT_TRUE(eventually([&] { return held() == 1; })) << how;

@@ -71,7 +71,7 @@ TEST(HelperExchange, takesNothingButAnAnswerForAnAnswer) {
       EXPECT_EQ(::send(peer.get(), text.data(), text.size(), MSG_NOSIGNAL),
                 static_cast<ssize_t>(text.size()));
     });
-    EXPECT_EQ(exchangeWithHelper(path, {}).has_value(), isOne) << answer;
+    EXPECT_EQ(exchangeWithHelper(path, {}, std::chrono::minutes(1)).has_value(), isOne) << answer;
   }
 }
 

@@ -149,7 +149,7 @@ class Wayland(unittest.TestCase):
         eventually(windows)
         self.hand.press("Escape")
         eventually(lambda: not windows())
-        self.assertEqual(lit(300, 0, 700, HEIGHT), [])
+        eventually(lambda: lit(300, 0, 700, HEIGHT) == [])
 
     def test_panel_comes_later_and_again(self):
         self.tray = self.start(TRAY, "--reduce-motion", stderr=None)

@@ -3,12 +3,14 @@
 
 #include <thread>
 #include <utility>
+#include <vector>
 
 #include "AgentMonitoring/Adapters/ClaudeCodeAdapter.h"
 #include "AgentMonitoring/Adapters/CodexAdapter.h"
 #include "AgentMonitoring/Adapters/GeminiAdapter.h"
 #include "AgentMonitoring/Adapters/OpenCodeAdapter.h"
 #include "AgentMonitoring/Adapters/ProcessAdapters.h"
+#include "Support/TryThread.h"
 
 namespace vimbrel {
 
@@ -47,7 +49,12 @@ std::map<AgentType, IntegrationStatus> AgentRegistry::detectAll() const {
   {
     std::vector<std::jthread> detections;
     for (std::size_t i = 0; i < adapters.size(); ++i) {
-      detections.emplace_back([&statuses, &adapters, i] { statuses[i] = adapters[i]->detect(); });
+      const auto detect = [&statuses, &adapters, i] { statuses[i] = adapters[i]->detect(); };
+      if (auto detection = tryThread(detect)) {
+        detections.push_back(std::move(*detection));
+      } else {
+        detect();
+      }
     }
   }
   std::map<AgentType, IntegrationStatus> result;

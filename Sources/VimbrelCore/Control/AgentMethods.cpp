@@ -12,6 +12,7 @@
 #include "Control/RpcResult.h"
 #include "Support/Sentence.h"
 #include "Support/StrictJson.h"
+#include "Support/TryThread.h"
 
 namespace vimbrel {
 
@@ -41,15 +42,20 @@ class SlowWork {
  public:
   static constexpr std::size_t maximumThreads = 4;
 
-  /// False when too much is being done already.
+  /// False when too much is being done already, here or in the whole system.
   bool begin(std::function<void()> work) {
     std::erase_if(running_, [](const Running& each) { return each.isDone.load(); });
     if (running_.size() == maximumThreads) return false;
     auto& running = running_.emplace_back();
-    running.thread = std::jthread([work = std::move(work), &running] {
+    auto thread = tryThread([work = std::move(work), &running] {
       work();
       running.isDone = true;
     });
+    if (!thread) {
+      running_.pop_back();
+      return false;
+    }
+    running.thread = std::move(*thread);
     return true;
   }
 

@@ -11,11 +11,10 @@
 
 namespace vimbrel {
 
-std::optional<HelperResponse> exchangeWithHelper(const std::string& socketPath,
-                                                 const HelperRequest& request) {
-  constexpr int timeoutMilliseconds = 1000;
+std::optional<HelperResponse> exchangeWithHelper(const std::string& socketPath, const HelperRequest& request,
+                                                 std::chrono::milliseconds timeout) {
   const auto text = encode(request);
-  const auto socket = connectToUnixSocket(socketPath, timeoutMilliseconds);
+  const auto socket = connectToUnixSocket(socketPath, static_cast<int>(timeout.count()));
   if (!socket) return std::nullopt;
   // A helper that goes away in the middle must not end this process by a signal.
   const auto sent = ::send(socket->get(), text.data(), text.size(), MSG_NOSIGNAL);

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <optional>
 #include <string>
@@ -14,8 +15,9 @@ namespace vimbrel {
 using HelperExchange = std::function<std::optional<HelperResponse>(const HelperRequest&)>;
 
 /// One exchange over a connection of its own to the socket at `socketPath`. Blocks its caller for up to about
-/// two seconds: one to send, one to receive.
-[[nodiscard]] std::optional<HelperResponse> exchangeWithHelper(const std::string& socketPath,
-                                                               const HelperRequest& request);
+/// twice the time-out: once to send, once to receive.
+[[nodiscard]] std::optional<HelperResponse> exchangeWithHelper(
+    const std::string& socketPath, const HelperRequest& request,
+    std::chrono::milliseconds timeout = std::chrono::seconds(1));
 
 }  // namespace vimbrel

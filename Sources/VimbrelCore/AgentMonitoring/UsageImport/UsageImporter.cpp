@@ -6,7 +6,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <mutex>
-#include <thread>
 #include <unordered_map>
 #include <utility>
 
@@ -18,6 +17,7 @@
 #include "AgentMonitoring/UsageProviders/OpenCodeDatabase.h"
 #include "Support/Directories.h"
 #include "Support/TextMap.h"
+#include "Support/TryThread.h"
 
 namespace vimbrel {
 namespace {
@@ -279,12 +279,15 @@ ImportResult UsageImporter::run(const std::function<void(const ImportProgress&)>
   };
   const auto isCancelled = [&] { return cancelled != nullptr && cancelled->load(std::memory_order_relaxed); };
 
-  if (threads_ == 1 || files.size() < 2) {
+  const auto readAlone = [&] {
     Tools tools(card_);
     for (const auto& file : files) {
       if (isCancelled()) break;
       accept(file, readFile(file, tools));
     }
+  };
+  if (threads_ == 1 || files.size() < 2) {
+    readAlone();
   } else {
     std::mutex lock;
     std::condition_variable changed;
@@ -307,7 +310,15 @@ ImportResult UsageImporter::run(const std::function<void(const ImportProgress&)>
       }
     };
     std::vector<std::jthread> readers;
-    for (unsigned i = 0; i < threads_; ++i) readers.emplace_back(work);
+    for (unsigned i = 0; i < threads_; ++i) {
+      auto reader = tryThread(work);
+      if (!reader) break;
+      readers.push_back(std::move(*reader));
+    }
+    if (readers.empty()) {
+      readAlone();
+      accepted = files.size();
+    }
     std::unique_lock guard(lock);
     while (accepted < files.size() && !isCancelled()) {
       changed.wait(guard, [&] { return read[accepted].has_value(); });
