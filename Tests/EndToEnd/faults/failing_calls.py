@@ -73,7 +73,7 @@ class Traced:
             status = self.process.wait(timeout=patience)
         except subprocess.TimeoutExpired:
             faults.append("%s: it does not end" % self.name)
-            self.process.kill()
+            terminate(self.process, signal.SIGKILL)
             status = self.process.wait()
         self.errors.seek(0)
         said = self.errors.read().decode(errors="replace").strip()
@@ -90,12 +90,12 @@ class Traced:
         return status, failed > 0
 
 
-def terminate(tracer):
+def terminate(tracer, how=signal.SIGTERM):
     """As a service manager ends what strace runs: strace itself would not hand it on."""
     try:
         with open("/proc/%d/task/%d/children" % (tracer.pid, tracer.pid)) as file:
             for child in file.read().split():
-                os.kill(int(child), signal.SIGTERM)
+                os.kill(int(child), how)
     except OSError:
         pass  # It has ended by itself.
 
