@@ -87,6 +87,20 @@ TEST_P(EventLoopTest, firesTimersAndForgetsCancelledOnes) {
   EXPECT_FALSE(cancelledFired);
 }
 
+TEST_P(EventLoopTest, aTaskThatNobodyRunsDoesNotKeepWhatOwnsItsQueue) {
+  std::weak_ptr<TaskQueue> left;
+  {
+    EventLoop loop;
+    auto queue = loop.makeQueue("q", GetParam());
+    left = queue;
+    struct Owner {
+      std::shared_ptr<TaskQueue> queue;
+    };
+    queue->post([owner = std::make_shared<Owner>(queue)] {});
+  }
+  EXPECT_TRUE(left.expired());
+}
+
 TEST_P(EventLoopTest, aQueueMayOutliveItsLoop) {
   std::shared_ptr<TaskQueue> queue;
   Token token;

@@ -122,6 +122,20 @@ class AsioQueue final : public TaskQueue, public std::enable_shared_from_this<As
  public:
   AsioQueue(std::string label, std::weak_ptr<EventLoop::State> state, QueueHome home)
       : label_(std::move(label)), state_(std::move(state)), home_(home) {}
+  ~AsioQueue() override {
+    if (const auto state = state_.lock()) state->detach(this);
+  }
+  AsioQueue(const AsioQueue&) = delete;
+  AsioQueue& operator=(const AsioQueue&) = delete;
+
+  /// A task that nobody will run may own what owns this queue: with the loop they are dropped.
+  void attach() {
+    if (const auto state = state_.lock()) {
+      state->attach(this, [weak = weak_from_this()] {
+        if (const auto self = weak.lock()) self->close();
+      });
+    }
+  }
 
   [[nodiscard]] const std::string& label() const override { return label_; }
   [[nodiscard]] bool isCurrent() const override { return runningQueue == this; }
@@ -131,6 +145,7 @@ class AsioQueue final : public TaskQueue, public std::enable_shared_from_this<As
     if (!state) return;
     {
       const std::lock_guard guard(lock_);
+      if (isClosed_) return;
       pending_.push_back(std::move(task));
       if (std::exchange(draining_, true)) return;
     }
@@ -157,6 +172,13 @@ class AsioQueue final : public TaskQueue, public std::enable_shared_from_this<As
  private:
   asio::io_context& homeOf(EventLoop::State& state) const {
     return home_ == QueueHome::background ? state.background : state.main;
+  }
+
+  void close() {
+    std::deque<Task> dropped;  // Outside the lock: their ends may post.
+    const std::lock_guard guard(lock_);
+    isClosed_ = true;
+    dropped.swap(pending_);
   }
 
   void scheduleDrain(EventLoop::State& state) {
@@ -286,12 +308,20 @@ class AsioQueue final : public TaskQueue, public std::enable_shared_from_this<As
   std::mutex lock_;
   std::deque<Task> pending_;
   bool draining_ = false;
+  bool isClosed_ = false;
 };
+
+std::shared_ptr<AsioQueue> makeAsioQueue(std::string label, const std::shared_ptr<EventLoop::State>& state,
+                                         QueueHome home) {
+  auto queue = std::make_shared<AsioQueue>(std::move(label), state, home);
+  queue->attach();
+  return queue;
+}
 
 }  // namespace
 
 EventLoop::EventLoop() : state_(std::make_shared<State>()) {
-  state_->mainQueue = std::make_shared<AsioQueue>("main", state_, QueueHome::mainThread);
+  state_->mainQueue = makeAsioQueue("main", state_, QueueHome::mainThread);
 }
 
 EventLoop::~EventLoop() {
@@ -308,7 +338,7 @@ std::shared_ptr<TaskQueue> EventLoop::mainQueue() { return state_->mainQueue; }
 
 std::shared_ptr<TaskQueue> EventLoop::makeQueue(std::string label, QueueHome home) {
   if (home == QueueHome::background) state_->startThreads();
-  return std::make_shared<AsioQueue>(std::move(label), state_, home);
+  return makeAsioQueue(std::move(label), state_, home);
 }
 
 void EventLoop::run() {
