@@ -38,6 +38,19 @@ def eventually(condition, what, limit=patience):
         time.sleep(0.02)
 
 
+def helper_answer(path, request, limit=patience):
+    """What the helper answers to one request."""
+    with socket.socket(socket.AF_UNIX) as connection:
+        connection.settimeout(limit)
+        connection.connect(path)
+        connection.sendall(json.dumps(request).encode())
+        connection.shutdown(socket.SHUT_WR)
+        text = b""
+        while chunk := connection.recv(8192):
+            text += chunk
+    return json.loads(text)
+
+
 class Refused(Exception):
     """The application answered with an error."""
 

@@ -7,16 +7,14 @@ confirmed is there when it is started again without faults, and a hook is never 
 """
 
 import collections
-import json
 import os
 import shutil
 import signal
-import socket
 import subprocess
 import sys
 import time
 
-from sandbox import Refused, Sandbox, claude_line, event, eventually, patience, require, skip
+from sandbox import Refused, Sandbox, claude_line, event, eventually, helper_answer, patience, require, skip
 
 # What a system that has run out of something, or a broken disk, answers. Only calls that can fail so: to wake a loop
 # through a counter cannot, and neither can closing.
@@ -197,15 +195,7 @@ def hurt_the_helper(sandbox):
     sandbox.environment["DBUS_SYSTEM_BUS_ADDRESS"] = "unix:path=/nonexistent"
 
     def ask(**request):
-        with socket.socket(socket.AF_UNIX) as connection:
-            connection.settimeout(deaf_after)
-            connection.connect(path)
-            connection.sendall(json.dumps(request).encode())
-            connection.shutdown(socket.SHUT_WR)
-            text = b""
-            while chunk := connection.recv(8192):
-                text += chunk
-        return json.loads(text)
+        return helper_answer(path, request, deaf_after)
 
     def status():
         return ask(command="status")

@@ -5,11 +5,10 @@ relay while it sends. No recorded usage is lost or doubled, no file is torn, not
 import json
 import os
 import random
-import socket
 import subprocess
 import time
 
-from sandbox import Sandbox, claude_line, eventually, event, patience, require
+from sandbox import Sandbox, claude_line, eventually, event, helper_answer, require
 
 rounds = int(os.environ.get("VIMBREL_ROUNDS", "12"))
 
@@ -55,18 +54,6 @@ def storm_on_the_application(sandbox, chance):
     leftovers = [name for name in os.listdir(sandbox.file(".config/com.vimbrel.app")) if name != "settings.json"]
     require(len(leftovers) <= 2, "files pile up beside the settings: %s" % leftovers)
     return written
-
-
-def helper_answer(path, request):
-    with socket.socket(socket.AF_UNIX) as connection:
-        connection.settimeout(patience)
-        connection.connect(path)
-        connection.sendall(json.dumps(request).encode())
-        connection.shutdown(socket.SHUT_WR)
-        text = b""
-        while chunk := connection.recv(8192):
-            text += chunk
-    return json.loads(text)
 
 
 def storm_on_the_helper(sandbox, chance):
