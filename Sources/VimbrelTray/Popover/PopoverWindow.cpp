@@ -284,8 +284,8 @@ void PopoverWindow::fitSoon() {
 }
 
 void PopoverWindow::toggleAt(const QRect& item) {
-  if (isVisible()) return static_cast<void>(close());
-  if (sinceClosed_.isValid() && sinceClosed_.elapsed() < sameClickMilliseconds) return;
+  if (isVisible()) return closeByClick();
+  if (sinceClick_.isValid() && sinceClick_.elapsed() < sameClickMilliseconds) return;
   openAt(item);
 }
 
@@ -304,8 +304,13 @@ void PopoverWindow::openAt(const QRect& item) {
   });
 }
 
+void PopoverWindow::closeByClick() {
+  sinceClick_.restart();
+  close();
+}
+
 bool PopoverWindow::event(QEvent* event) {
-  if (event->type() == QEvent::WindowDeactivate && isVisible()) close();
+  if (event->type() == QEvent::WindowDeactivate && isVisible()) closeByClick();
   return QWidget::event(event);
 }
 
@@ -313,6 +318,8 @@ void PopoverWindow::keyPressEvent(QKeyEvent* event) {
   switch (event->key()) {
     case Qt::Key_Escape:
       close();
+      // It lost the focus by this, as it does by a click elsewhere; but a click that comes now is a new one.
+      sinceClick_.invalidate();
       return;
     case Qt::Key_Down:
       focusNextChild();
@@ -347,7 +354,6 @@ void PopoverWindow::showEvent(QShowEvent* event) {
 
 void PopoverWindow::hideEvent(QHideEvent* event) {
   QWidget::hideEvent(event);
-  sinceClosed_.restart();
   Q_EMIT closed();
 }
 

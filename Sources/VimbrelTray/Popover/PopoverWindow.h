@@ -54,6 +54,7 @@ class PopoverWindow final : public QWidget, public PopoverStatusSurface {
   void hideEvent(QHideEvent* event) override;
 
  private:
+  void closeByClick();
   QWidget* makeSwitches();
   QWidget* makeFooter();
   void showFamilies(const std::vector<FamilyRow>& families);
@@ -66,7 +67,7 @@ class PopoverWindow final : public QWidget, public PopoverStatusSurface {
   PopoverContent content_;
   bool hasContent_ = false;
   QString problem_;
-  QElapsedTimer sinceClosed_;  // invalid until it was open once
+  QElapsedTimer sinceClick_;  // that closed it, on the item or elsewhere; invalid until there was one
   QWidget* page_;
   QScrollArea* scroll_;
   HeaderView* header_;
