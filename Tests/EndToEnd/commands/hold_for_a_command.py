@@ -5,6 +5,7 @@ together; the command's end, its signals and its status are the user's own."""
 import os
 import signal
 import subprocess
+import sys
 
 from sandbox import Sandbox, eventually, patience, require
 
@@ -12,13 +13,31 @@ from sandbox import Sandbox, eventually, patience, require
 class Held:
     """A command that says when it runs, tells of each hang-up, and ends when its input does."""
 
-    script = 'trap "echo hup" HUP; trap "exit 5" TERM; echo ready; while read -r line; do :; done; exit 9'
+    # Signals come through a pipe: a shell's trap waits for its `read` when the signal came just before that.
+    script = """
+import os, select, signal, sys
+heard, said = os.pipe()
+os.set_blocking(said, False)
+signal.set_wakeup_fd(said)
+for number in (signal.SIGHUP, signal.SIGTERM):
+    signal.signal(number, lambda *_: None)
+print("ready", flush=True)
+while True:
+    readable, _, _ = select.select([0, heard], [], [])
+    if heard in readable:
+        if os.read(heard, 1)[0] == signal.SIGTERM:
+            sys.exit(5)
+        print("hup", flush=True)
+    elif not os.read(0, 4096):
+        sys.exit(9)
+"""
+    name = os.path.basename(sys.executable)
 
     def __init__(self, sandbox, *options):
         self.sandbox = sandbox
         self.errors = sandbox.file("hold-errors")
         with open(self.errors, "wb") as errors:
-            self.process = subprocess.Popen([sandbox.vimbrel, "hold", *options, "--", "bash", "-c", self.script],
+            self.process = subprocess.Popen([sandbox.vimbrel, "hold", *options, "--", sys.executable, "-c", self.script],
                                             env=sandbox.environment, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
                                             stderr=errors)
         require(self.process.stdout.readline() == b"ready\n", "the command runs")
@@ -46,7 +65,7 @@ def holds(sandbox):
 
 def with_the_command(sandbox):
     held = Held(sandbox, "5m")
-    require(holds(sandbox) == ["bash"], "the command holds: %s" % holds(sandbox))
+    require(holds(sandbox) == [Held.name], "the command holds: %s" % holds(sandbox))
     require(sandbox.ask("status")["isHolding"], "it holds")
     held.hang_up()
     require(held.process.stdout.readline() == b"hup\n", "a hang-up is the command's")
@@ -78,7 +97,7 @@ def with_the_application(sandbox):
 
     def is_held_again():
         held.hang_up()
-        return holds(sandbox) == ["bash"]
+        return holds(sandbox) == [Held.name]
     eventually(is_held_again, "it is held again")
     held.says("Vimbrel is back")
     require(held.end() == 9, "the status is the command's")
