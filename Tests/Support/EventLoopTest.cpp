@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -11,6 +12,7 @@
 #include <vector>
 
 #include "Support/Fd.h"
+#include "Support/TryThread.h"
 
 namespace vimbrel {
 namespace {
@@ -116,6 +118,28 @@ TEST_P(EventLoopTest, aQueueMayOutliveItsLoop) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Homes, EventLoopTest, testing::Values(QueueHome::mainThread, QueueHome::background));
+
+TEST(EventLoopThreads, leaveSignalsToTheMainThreadAndKeepTheirOwnFaults) {
+  const auto takes = [](int signal) {
+    sigset_t blocked;
+    pthread_sigmask(SIG_SETMASK, nullptr, &blocked);
+    return sigismember(&blocked, signal) == 0;
+  };
+  const auto takesOnlyFaults = [&] { return !takes(SIGTERM) && !takes(SIGHUP) && takes(SIGSEGV); };
+  EventLoop loop;
+  const auto queue = loop.makeQueue("test", QueueHome::background);
+  std::atomic<int> right{0};
+  queue->post([&] {
+    right += takesOnlyFaults();
+    loop.stop();
+  });
+  loop.run();
+  auto thread = tryThread([&] { right += takesOnlyFaults(); });
+  ASSERT_TRUE(thread);
+  thread->join();
+  EXPECT_EQ(right, 2);
+  EXPECT_TRUE(takes(SIGTERM));
+}
 
 }  // namespace
 }  // namespace vimbrel

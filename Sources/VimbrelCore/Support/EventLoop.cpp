@@ -12,6 +12,8 @@
 #include <unordered_map>
 #include <vector>
 
+#include "Support/TryThread.h"
+
 namespace vimbrel {
 
 using namespace std::chrono_literals;
@@ -58,6 +60,7 @@ struct EventLoop::State {
 
   void startThreads() {
     std::call_once(threadsStarted, [this] {
+      const SignalsLeftToOthers duringTheStart;
       for (int i = 0; i < 2; ++i) threads.emplace_back([this] { background.run(); });
     });
   }
