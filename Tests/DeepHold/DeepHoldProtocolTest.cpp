@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/socket.h>
 
 #include <thread>
@@ -65,6 +66,8 @@ TEST(HelperExchange, takesNothingButAnAnswerForAnAnswer) {
   for (const auto& [answer, isOne] :
        {std::pair(R"({"ok":true})", true), std::pair("", false), std::pair("{\"ok\":", false)}) {
     const std::jthread helper([&listener, text = std::string(answer)] {
+      pollfd somebody{listener->get(), POLLIN, 0};
+      EXPECT_EQ(::poll(&somebody, 1, -1), 1);
       const Fd peer(::accept(listener->get(), nullptr, nullptr));
       char request[256];
       EXPECT_GT(::recv(peer.get(), request, sizeof request, 0), 0);
