@@ -18,28 +18,14 @@ import sys
 import tempfile
 import time
 
-INSIDE = "VIMBREL_MACHINE_EVENTS_INSIDE"
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)) + "/../EndToEnd")
+from namespaces import enter_namespaces  # noqa: E402
+
 # Without an event a change is seen within 30 seconds: an event must be much faster than that.
 SOON = 15
 SUPPLIES = "/sys/class/power_supply"
 THERMAL = "/sys/class/thermal"
 INPUT = "/sys/class/input"
-
-
-def skip(reason):
-    print(f"SKIPPED: {reason}")
-    sys.exit(1 if os.environ.get("VIMBREL_REQUIRE_COMPONENTS") == "1" else 77)
-
-
-def enter_namespace():
-    if os.geteuid() != 0:
-        skip("only root can stand in for the kernel's power supplies")
-    if shutil.which("dbus-daemon") is None:
-        skip("dbus-daemon is not installed")
-    unshare = ["unshare", "-mnpf", "--kill-child", "--mount-proc", "--propagation", "private"]
-    if subprocess.run([*unshare, "true"], capture_output=True).returncode != 0:
-        skip("this machine allows no namespaces")
-    os.execvpe("unshare", [*unshare, "/usr/bin/python3", *sys.argv], {**os.environ, INSIDE: "1"})
 
 
 def write(path, **contents):
@@ -290,8 +276,7 @@ def doctor(world):
 def main():
     if sys.argv[1:2] == ["--daemon"]:
         return serve_daemon(*sys.argv[2:5])
-    if INSIDE not in os.environ:
-        enter_namespace()
+    enter_namespaces("mnp", root="only root can stand in for the kernel's power supplies", tools=("dbus-daemon",))
     world = World(sys.argv[1])
     supplies(world)
     low_power(world)

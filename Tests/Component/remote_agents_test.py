@@ -6,7 +6,6 @@ sshd on one of them with the settings that it is installed with, and on that one
 
 import json
 import os
-import shutil
 import subprocess
 import sys
 
@@ -16,7 +15,8 @@ sys.path.insert(0, here + "/../EndToEnd/agents")
 
 vimbrel, relay = (os.path.abspath(path) for path in sys.argv[1:3])
 os.environ.update(VIMBREL_PROGRAM=vimbrel, VIMBREL_RELAY_PROGRAM=relay)
-from sandbox import Sandbox, eventually, patience, require, skip  # noqa: E402
+from namespaces import enter_namespaces  # noqa: E402
+from sandbox import Sandbox, eventually, patience, require  # noqa: E402
 
 sshd = "/usr/sbin/sshd"
 address = "10.99.0.2"
@@ -24,24 +24,6 @@ address = "10.99.0.2"
 remote_directory = "/root/.local/share/Vimbrel/run"
 remote_socket = remote_directory + "/vimbrel.sock"
 prepare = "mkdir -p -m 700 %s && rm -f %s" % (remote_directory, remote_socket)
-
-
-def enter_the_first_host():
-    """Everything below happens in namespaces of its own, which end with this program."""
-    if os.environ.get("VIMBREL_REMOTE_INSIDE"):
-        return
-    for tool in (sshd, "/usr/bin/ssh", "/usr/bin/nsenter"):
-        if not os.access(tool, os.X_OK):
-            skip("%s is missing" % tool)
-    if not shutil.which("ip"):
-        skip("iproute2 is missing")
-    if os.getuid() != 0:
-        skip("sshd cannot separate its privileges without being root")
-    namespaces = ["unshare", "-mpnf", "--kill-child", "--mount-proc", "--propagation", "private"]
-    if subprocess.run([*namespaces, "true"], stderr=subprocess.DEVNULL).returncode != 0:
-        skip("this machine allows no namespaces")
-    os.environ["VIMBREL_REMOTE_INSIDE"] = "1"
-    os.execvp("unshare", [*namespaces, sys.executable, os.path.abspath(__file__), vimbrel, relay])
 
 
 def run(*command, **options):
@@ -129,7 +111,8 @@ def commands_for_the_server(sandbox, agent):
 
 
 def main():
-    enter_the_first_host()
+    enter_namespaces("mpn", root="sshd cannot separate its privileges without being root",
+                     tools=(sshd, "ssh", "nsenter", "ip"))
     with Sandbox() as sandbox:
         sandbox.start()
         server = Server(sandbox)

@@ -19,7 +19,9 @@ import sys
 import time
 import unittest
 
-INSIDE = "VIMBREL_CLOSED_LID_INSIDE"
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)) + "/../EndToEnd")
+from namespaces import enter_namespaces  # noqa: E402
+
 LOGIND = "/lib/systemd/systemd-logind"
 POLKITD = "/usr/lib/polkit-1/polkitd"
 NOBODY = 65534
@@ -43,24 +45,6 @@ E: SUBSYSTEM=input
 E: TAGS=:power-switch:
 A: dev=13:64
 """
-
-
-def skip(reason):
-    print(f"SKIPPED: {reason}")
-    sys.exit(1 if os.environ.get("VIMBREL_REQUIRE_COMPONENTS") == "1" else 77)
-
-
-def enter_namespace():
-    if os.geteuid() != 0:
-        skip("only root can have a private systemd-logind with a lid")
-    for tool in ("unshare", "umockdev-wrapper", "dbus-daemon", LOGIND, POLKITD):
-        if shutil.which(tool) is None:
-            skip(f"{tool} is not installed")
-    unshare = ["unshare", "-mpf", "--kill-child", "--mount-proc", "--propagation", "private"]
-    if subprocess.run([*unshare, "true"], capture_output=True).returncode != 0:
-        skip("this machine allows no namespaces")
-    environment = {**os.environ, INSIDE: "1", "PYTHONDONTWRITEBYTECODE": "1"}
-    os.execvpe("unshare", [*unshare, "umockdev-wrapper", "/usr/bin/python3", *sys.argv], environment)
 
 
 def until(condition, limit, what):
@@ -396,7 +380,7 @@ class ClosedLid(unittest.TestCase):
 
 
 if __name__ == "__main__":
-    if INSIDE not in os.environ:
-        enter_namespace()
+    enter_namespaces("mp", "umockdev-wrapper", root="only root can have a private systemd-logind with a lid",
+                     tools=("dbus-daemon", LOGIND, POLKITD))
     HELPER, HOLD_LEASE, POLICY, *names = (os.path.abspath(a) if "/" in a else a for a in sys.argv[1:])
     unittest.main(warnings="ignore", argv=[sys.argv[0], "-v", *(f"ClosedLid.{name}" for name in names)])

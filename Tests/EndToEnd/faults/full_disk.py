@@ -4,21 +4,10 @@ refused with a reason or kept until it can be, and a crash on the full disk cost
 
 import os
 import subprocess
-import sys
 import tempfile
 
+from namespaces import enter_namespaces
 from sandbox import Refused, Sandbox, claude_line, event, eventually, require, skip
-
-
-def inside_a_namespace():
-    """Mounts are private to the test."""
-    if os.environ.get("VIMBREL_INSIDE") == "1":
-        return
-    command = ["unshare", "-m", "--propagation", "private"] + ([] if os.geteuid() == 0 else ["-Ur"])
-    if subprocess.run([*command, "true"], stderr=subprocess.DEVNULL).returncode:
-        skip("this machine allows no namespaces")
-    os.environ["VIMBREL_INSIDE"] = "1"
-    os.execvp("unshare", [*command, sys.executable, os.path.abspath(__file__)])
 
 
 def fill(path):
@@ -32,7 +21,7 @@ def fill(path):
 
 
 def main():
-    inside_a_namespace()
+    enter_namespaces("m")
     disk = tempfile.mkdtemp(prefix="vimbrel-disk-", dir="/tmp")
     logs = tempfile.mkdtemp(prefix="vimbrel-logs-", dir="/tmp")
     try:
