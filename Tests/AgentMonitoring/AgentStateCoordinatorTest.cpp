@@ -197,6 +197,21 @@ TEST(AgentStateCoordinator, marksSilenceBeyondTheTTLOnEverySweep) {
   EXPECT_EQ(world.coordinator.lastActiveAgentStoppedAt(), at(1900.5));
 }
 
+TEST(AgentStateCoordinator, countsTheSilenceAfterAnEventOfTheFutureFromTheFirstSweep) {
+  CoordinatorWorld world;
+  world.coordinator.didReceiveHookEvent(event("ahead", AgentType::claude, working, 1e9));
+  world.takeCalls();
+  world.coordinator.sweepStaleSessions(at(1001));
+  EXPECT_EQ(world.takeCalls(), 1);
+  EXPECT_EQ(world.session("ahead").lastEventAt, at(1001));
+  EXPECT_EQ(world.session("ahead").state, working);
+  EXPECT_EQ(world.coordinator.lastActiveAgentStoppedAt(), std::nullopt);
+  world.coordinator.sweepStaleSessions(at(1901));
+  EXPECT_EQ(world.takeCalls(), 0);
+  world.coordinator.sweepStaleSessions(at(1901.5));
+  EXPECT_EQ(world.session("ahead").state, stale);
+}
+
 TEST(AgentStateCoordinator, aScanFreshensAProcessSessionThatASweepMarked) {
   CoordinatorWorld world;
   world.coordinator.syncProcessSessions({match(AgentType::aider, 3, true)});

@@ -357,11 +357,21 @@ void AgentStateCoordinator::markEndedSessions(Instant now) {
 void AgentStateCoordinator::sweepStaleSessions(Instant now) {
   markEndedSessions(now);
   std::vector<SessionTable::Entry> stale;
+  bool hadFutureEvents = false;
   Notice notice;
   {
     const std::lock_guard guard(lock_);
     for (std::size_t i = 0; i < table_.entries().size(); ++i) {
       const auto& entry = table_.entries()[i];
+      if (now < entry->lastEventAt) {
+        // The sender's clock is wrong, or this one was set back. Silence counts from here: dated by its own
+        // account, a session could hold for ever.
+        AgentSession heardNow = *entry;
+        heardNow.lastEventAt = now;
+        table_.replace(i, std::move(heardNow));
+        hadFutureEvents = true;
+        continue;
+      }
       if (!(staleSessionTTL_ < now - entry->lastEventAt)) continue;
       stale.push_back(entry);
       if (entry->state == AgentState::stale) continue;
@@ -369,8 +379,9 @@ void AgentStateCoordinator::sweepStaleSessions(Instant now) {
       marked.state = AgentState::stale;
       table_.replace(i, std::move(marked));
     }
-    if (stale.empty()) return;
-    if (table_.workingCount() == 0 && !lastActiveAgentStoppedAt_) lastActiveAgentStoppedAt_ = now;
+    if (stale.empty() && !hadFutureEvents) return;
+    if (!stale.empty() && table_.workingCount() == 0 && !lastActiveAgentStoppedAt_)
+      lastActiveAgentStoppedAt_ = now;
     notice = noticeLocked();
   }
   if (logger_.enabled(LogLevel::error)) {
