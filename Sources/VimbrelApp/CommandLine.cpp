@@ -3,7 +3,9 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <exception>
 #include <functional>
 #include <string>
@@ -38,7 +40,8 @@ struct Invocation {
   std::vector<std::string> when;
   std::string onOrOff;
   bool lid = false;
-  std::vector<std::string> heldCommand;
+  std::vector<std::string> heldCommand;  ///< what follows "--", as it was given
+  std::vector<std::string> unseparated;  ///< what looks like a command and does not follow "--"
   AgentSetupOptions agentSetup;
   UsageRange range;
   BudgetArguments budget;
@@ -63,9 +66,11 @@ void addJsonFlag(CLI::App* app, Invocation& invocation) {
 
 /// Two commands in one: the switch, and the hold of one command.
 int holdAsAsked(const Invocation& in) {
-  if (!in.heldCommand.empty()) return holdWhileCommand(in.onOrOff, in.lid, in.heldCommand);
+  if (!in.heldCommand.empty() && in.unseparated.empty()) {
+    return holdWhileCommand(in.onOrOff, in.lid, in.heldCommand);
+  }
   const bool isSwitch = in.onOrOff == "on" || in.onOrOff == "off";
-  if (isSwitch && !in.lid) return holdCommand(in.onOrOff == "on");
+  if (isSwitch && !in.lid && in.unseparated.empty()) return holdCommand(in.onOrOff == "on");
   return reportUsage(
       say("hold takes on, off, or a time and a command, such as: vimbrel hold --lid 45m -- make"));
 }
@@ -135,7 +140,7 @@ void describe(CLI::App& app, Invocation& in) {
           [&] { return holdAsAsked(in); });
   hold->add_option("state", in.onOrOff, say("on or off; with a command, for how long at most"))->required();
   hold->add_flag("--lid", in.lid, say("Keep awake with the lid closed too, while the command runs"));
-  hold->add_option("command", in.heldCommand, say("The command and its arguments, after --"));
+  hold->add_option("command", in.unseparated, say("The command and its arguments, after --"));
   addJsonFlag(
       add(app, "doctor", say("Examine what can keep this machine awake, and what to do about the rest"), in,
           [&] { return doctorCommand(in.output()); }),
@@ -306,8 +311,7 @@ std::string hintFor(CLI::App& app, const std::vector<std::string>& arguments) {
   return {};
 }
 
-int reportMisuse(CLI::App& app, const CLI::ParseError& error, int argc, char** argv) {
-  const std::vector<std::string> arguments(argv + 1, argv + argc);
+int reportMisuse(CLI::App& app, const CLI::ParseError& error, const std::vector<std::string>& arguments) {
   auto message = hintFor(app, arguments);
   if (message.empty()) message = displayable(retell(error.what()));
   std::string command = "vimbrel";
@@ -340,6 +344,28 @@ void translateHelp(CLI::App& app) {
   }
   app.get_version_ptr()->description(say("Display program version information and exit"));
   translateParser(app);
+}
+
+/// Takes what follows the first "--" of a `vimbrel hold` out of the arguments: the parser gives "[a,b]" a
+/// meaning of its own, and another program's arguments are that program's.
+std::vector<std::string> takeHeldCommand(std::vector<std::string>& arguments) {
+  if (arguments.empty() || arguments.front() != "hold") return {};
+  const auto separator = std::ranges::find(arguments, "--");
+  if (separator == arguments.end()) return {};
+  std::vector<std::string> command(separator + 1, arguments.end());
+  arguments.erase(separator, arguments.end());
+  return command;
+}
+
+/// The status of a command, unless what it printed did not arrive: a script that goes by the status would
+/// take a part for the whole. A reader that has read enough is no failure.
+int statusOfPrinted(int status) {
+  errno = 0;
+  const bool failed = std::fflush(stdout) != 0 || std::ferror(stdout) != 0;
+  if (!failed || errno == EPIPE) return status;
+  const int reported =
+      reportProblem(say("cannot write what it printed: %1", {std::strerror(errno != 0 ? errno : EIO)}));
+  return status == exitCode::done ? reported : status;
 }
 
 /// Everything that `vimbrel` understands.
@@ -376,19 +402,26 @@ int runCommandLine(int argc, char** argv) {
   invocation.run.program = argc > 0 ? argv[0] : "";
   invocation.setup.program = invocation.run.program;
   if (argc <= 1 && isOnTerminal()) return greetingCommand(std::string(versionNumber()));
+  bool keepsRunning = false;
   {
+    std::vector<std::string> arguments(argv + std::min(argc, 1), argv + argc);
+    invocation.heldCommand = takeHeldCommand(arguments);
     CLI::App app;
     compose(app, invocation);
     try {
-      app.parse(argc, argv);
+      // The parser takes the last first.
+      app.parse(std::vector<std::string>(arguments.rbegin(), arguments.rend()));
     } catch (const CLI::Success& wanted) {
-      return app.exit(wanted);  // --help and --version print and end well.
+      return statusOfPrinted(app.exit(wanted));  // --help and --version print and end well.
     } catch (const CLI::ParseError& error) {
-      return reportMisuse(app, error, argc, argv);
+      return reportMisuse(app, error, arguments);
     }
+    keepsRunning = app.got_subcommand("run");
   }
   try {
-    return invocation.command();
+    const int status = invocation.command();
+    // Keeping awake is what counts there, and nobody need read its lines.
+    return keepsRunning ? status : statusOfPrinted(status);
   } catch (const std::exception& problem) {
     // What the system refuses before anything can go on without it: memory, threads, descriptors.
     return reportProblem(say("cannot go on: %1", {problem.what()}));

@@ -55,7 +55,7 @@ interval=persist
 format=json
 CONF
 shows() {
-  local -A text=([stopped]='"off"' [idle]='"idle"' [working]='"1 working"')
+  local -A text=([stopped]='"off"' [idle]='"idle"' [working]='"1 working (simulated)"')
   tail -n 1 i3blocks.out 2>/dev/null | grep -q "\"full_text\":${text[$1]}"
 }
 setsid i3blocks -c i3blocks.conf >i3blocks.out 2>i3blocks.log &

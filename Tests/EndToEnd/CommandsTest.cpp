@@ -114,8 +114,10 @@ TEST(Commands, steerTheRunningApplication) {
               {{"status", "--format", "plain"}, 0, "idle\n"},
               {{"history"}, 0, "Protected for"},
               {{"history", "--since", "2001-01-01", "--until", "2001-01-02"}, 0, "Nothing was protected"},
-              {{"diagnostics"}, 0, "\"appName\": \"Vimbrel\""},
-              {{"doctor"}, 0, "hook socket"}});
+              {{"diagnostics"}, 0, "\"appName\": \"Vimbrel\""}});
+  const auto doctor = sandbox.vimbrel({"doctor"});
+  EXPECT_EQ(doctor.status, 1) << "what is simulated keeps nothing awake";
+  EXPECT_TRUE(doctor.output.contains("hook socket")) << doctor.output;
 }
 
 TEST(Commands, followTheStateForABarFromBeforeTheApplicationToAfterIt) {
@@ -126,9 +128,10 @@ TEST(Commands, followTheStateForABarFromBeforeTheApplicationToAfterIt) {
     const auto application = sandbox.startSimulated();
     ASSERT_TRUE(eventually([&] { return bar.output() == "off\nidle\n"; }));
     EXPECT_EQ(sandbox.relay({"--agent", "codex", "--state", "working"}).status, 0);
-    ASSERT_TRUE(eventually([&] { return bar.output() == "off\nidle\n1 working\n"; }));
+    ASSERT_TRUE(eventually([&] { return bar.output() == "off\nidle\n1 working (simulated)\n"; }));
   }
-  ASSERT_TRUE(eventually([&] { return bar.output() == "off\nidle\n1 working\noff\n"; })) << bar.output();
+  ASSERT_TRUE(eventually([&] { return bar.output() == "off\nidle\n1 working (simulated)\noff\n"; }))
+      << bar.output();
   EXPECT_EQ(bar.errors(), "");
 }
 

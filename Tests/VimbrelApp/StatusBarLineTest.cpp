@@ -45,6 +45,8 @@ TEST(StatusBarLine, saysInEachBarsWayWhatCounts) {
   debounce["statusDescription"] = "Active (0 working agents) — Release debounce (29s)";
   json unheld = working;
   unheld["assertions"] = {{"system", false}};
+  json simulated = debounce;
+  simulated["assertions"] = {{"system", true}, {"simulated", true}};
   struct Case {
     json state;
     std::string plain;
@@ -59,6 +61,9 @@ TEST(StatusBarLine, saysInEachBarsWayWhatCounts) {
                 "%{F#4caf50}1 working, 1 waiting%{F-}"},
            Case{stateOf(debounce), "awake", R"({"color":"#4caf50","full_text":"awake","short_text":"awake"})",
                 "%{F#4caf50}awake%{F-}"},
+           Case{stateOf(simulated), "awake (simulated)",
+                R"x({"color":"#4caf50","full_text":"awake (simulated)","short_text":"awake"})x",
+                "%{F#4caf50}awake (simulated)%{F-}"},
            Case{stateOf(unheld), "NOT HELD", R"({"color":"#e05050","full_text":"NOT HELD","short_text":"2"})",
                 "%{F#e05050}NOT HELD%{F-}"},
            Case{stateOf({{"visualState", "error"}, {"decision", {{"blocked", {{"block", "100%{F} hot"}}}}}}),

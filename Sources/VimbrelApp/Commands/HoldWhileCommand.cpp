@@ -23,6 +23,7 @@
 #include "Support/DurationText.h"
 #include "Support/Fd.h"
 #include "Terminal/DisplayText.h"
+#include "Terminal/StatusView.h"
 
 extern char** environ;
 
@@ -35,6 +36,9 @@ namespace {
 using namespace std::chrono_literals;
 using SteadyClock = std::chrono::steady_clock;
 
+// What the application grants to one command.
+constexpr Seconds longestHold = std::chrono::weeks(1);
+
 // What shells answer for a command that cannot be run, or was not found.
 constexpr int exitCannotRun = 126;
 constexpr int exitNotFound = 127;
@@ -42,20 +46,42 @@ constexpr int exitNotFound = 127;
 void tell(const std::string& problem) { (void)reportProblem(problem); }
 
 /// Tells the user what the answer to "holdWhile" means for the command, as far as it is not what was asked.
-void reportHold(const json& state, bool lid) {
+void reportHold(const json& state) {
   if (!state.value("isHolding", false)) {
     tell(say("the machine is NOT held: %1; the command runs all the same",
              {retell(state.value("statusDescription", "?"))}));
-    return;
+  } else if (isHeldInVain(state)) {
+    tell(say("Held: %1", {heldSentence(state)}));
   }
+}
+
+/// Why closing the lid suspends the machine although it should not; empty when it does not.
+std::string uncoveredReason(const json& state) {
   const auto closedLid = state.find("closedLid");
-  if (!lid || closedLid == state.end() || !closedLid->is_object()) return;
+  if (closedLid == state.end() || !closedLid->is_object()) return {};
+  if (closedLid->value("cover", std::string{}) != "uncovered") return {};
+  return closedLid->value("explanation", std::string{});
+}
+
+bool hasHelper(const json& state) {
+  const auto closedLid = state.find("closedLid");
+  if (closedLid == state.end() || !closedLid->is_object()) return false;
   const auto helper = closedLid->find("helper");
-  const bool missing =
-      helper != closedLid->end() && helper->is_object() && !helper->value("isHelperInstalled", true);
-  if (missing) {
-    tell(say("closing the lid still suspends the machine: no helper is installed; see: vimbrel status"));
+  return helper == closedLid->end() || !helper->is_object() || helper->value("isHelperInstalled", true);
+}
+
+/// Tells when the lid is not covered; a helper gets a moment to do so, in which the command has not begun.
+void reportLid(ControlClient& client, json state) {
+  constexpr auto helperPatience = 2s;
+  constexpr auto askInterval = 50ms;
+  const auto end = SteadyClock::now() + helperPatience;
+  while (!uncoveredReason(state).empty() && hasHelper(state) && SteadyClock::now() < end) {
+    ::poll(nullptr, 0, static_cast<int>(askInterval.count()));
+    auto next = client.call("status", json::object());
+    if (!next) return;  // Its end is seen, and told, when the command runs.
+    state = std::move(*next);
   }
+  if (const auto reason = uncoveredReason(state); !reason.empty()) tell(retell(reason));
 }
 
 /// The hold of one command: as long as its connection.
@@ -70,7 +96,8 @@ class Hold {
     if (!client) return reportFailure(client.error());
     const auto state = client->call("holdWhile", parameters());
     if (!state) return reportFailure(state.error());
-    reportHold(*state, lid_);
+    reportHold(*state);
+    if (lid_ && state->value("isHolding", false)) reportLid(*client, *state);
     client_ = std::move(*client);
     return std::nullopt;
   }
@@ -167,6 +194,7 @@ int holdWhileCommand(const std::string& duration, bool lid, const std::vector<st
   const auto length = parseDuration(duration);
   if (!length) return reportUsage(retell(length.error()));
   if (*length <= 0s) return reportUsage(say("a hold needs a time, such as 45m"));
+  if (*length > longestHold) return reportUsage(say("a hold lasts a week at most"));
   // The arguments stay here: they may hold what is nobody's business.
   Hold hold(nameOf(command[0]), currentTime() + *length, lid);
   if (const auto failed = hold.begin()) return *failed;

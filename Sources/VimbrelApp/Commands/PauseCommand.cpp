@@ -49,6 +49,7 @@ int reportState(const std::expected<json, int>& state) {
     }
   }
   std::puts(line.c_str());
+  if (isHeldInVain(*state)) (void)reportProblem(say("Held: %1", {heldSentence(*state)}));
   return exitCode::done;
 }
 

@@ -21,6 +21,8 @@ using nlohmann::json;
 
 namespace {
 
+constexpr auto firstStatePatience = 2s;
+
 /// The signals that end or suspend the view, as a descriptor.
 Fd blockSignals() {
   sigset_t set;
@@ -36,6 +38,8 @@ class Watch {
 
   /// The exit status; 128 + the signal's number when one ended it.
   int run() {
+    // The first state comes with the answer to the subscription; before it, there is nothing true to show.
+    takeStates(firstStatePatience);
     while (!result_) {
       screen_.draw(currentTime());
       pollfd polls[] = {
@@ -44,7 +48,7 @@ class Watch {
       ::poll(polls, 3, 1000);
       takeSignals();
       takeKeys();
-      takeStates();
+      takeStates(0ms);
     }
     return *result_;
   }
@@ -86,9 +90,11 @@ class Watch {
     }
   }
 
-  void takeStates() {
+  /// Waits that long for the first, and takes all that are there.
+  void takeStates(std::chrono::milliseconds patience) {
     while (!result_) {
-      auto state = client_.nextNotification(0ms);
+      auto state = client_.nextNotification(patience);
+      patience = 0ms;
       if (state) {
         screen_.setState(*state);
       } else {

@@ -99,6 +99,7 @@ BarContent contentOf(const json& state, Instant now) {
     content.text = holds ? say("awake") : say("idle");
   }
   if (content.shortText.empty()) content.shortText = content.text;
+  if (holds && isSimulated) content.text = say("%1 (simulated)", {content.text});
 
   content.classes.push_back(content.mood);
   if (holds && !isUnheld) content.classes.emplace_back("held");

@@ -177,6 +177,11 @@ std::string heldSentence(const json& state) {
   return say("NOTHING: the machine can fall asleep. %1", {notHeldReason(assertions)});
 }
 
+bool isHeldInVain(const json& state) {
+  const auto& assertions = part(state, "assertions");
+  return flag(state, "isHolding") && (!flag(assertions, "system") || flag(assertions, "simulated"));
+}
+
 std::vector<std::string> sessionLines(const json& sessions, std::size_t width, const Palette& palette,
                                       Instant now) {
   Table table({say("AGENT"), say("STATE"), say("LAST EVENT"), say("PID"), say("DIRECTORY")});

@@ -28,6 +28,9 @@ namespace vimbrel {
 
 /// What is held, by what, or plainly what is not and why: one sentence.
 [[nodiscard]] std::string heldSentence(const nlohmann::json& state);
+/// Whether that state holds by its rules, and this machine can fall asleep all the same: every mechanism
+/// refused, or only a simulated one is held.
+[[nodiscard]] bool isHeldInVain(const nlohmann::json& state);
 
 /// The time of day, with the date unless it is today's, in the user's time zone.
 [[nodiscard]] std::string localTime(Instant instant, Instant now);

@@ -76,12 +76,11 @@ RpcResult examine(const ControlledApplication& application, const std::optional<
                     {"remedy", finding.remedy}});
   }
   const auto mechanisms = application.platform.assertions->mechanisms();
-  const bool canHold = std::ranges::any_of(mechanisms, [](const MechanismStatus& mechanism) {
+  const bool isSimulated = application.platform.assertions->isSimulated();
+  const bool canHold = !isSimulated && std::ranges::any_of(mechanisms, [](const MechanismStatus& mechanism) {
     return mechanism.state == MechanismState::available || mechanism.state == MechanismState::granted;
   });
-  return json{{"findings", std::move(list)},
-              {"canHold", canHold},
-              {"simulated", application.platform.assertions->isSimulated()}};
+  return json{{"findings", std::move(list)}, {"canHold", canHold}, {"simulated", isSimulated}};
 }
 
 }  // namespace

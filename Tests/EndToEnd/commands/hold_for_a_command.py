@@ -110,6 +110,27 @@ def with_its_time(sandbox):
     require(held.end() == 9, "the command goes on without it")
 
 
+def as_it_was_given(sandbox):
+    show = ["5m", "--", sys.executable, "-c", "import sys; print(sys.argv[1:])"]
+    given = ["[a,b]", "[]", "", "--", "--lid", "{x}", "a b", "-h", "'\\"]
+    result = sandbox.command("hold", *show, *given)
+    require(result.stdout == "%s\n" % given, "the arguments are the command's: %s" % result.stdout)
+    result = sandbox.command("hold", "5m", "true")
+    require(result.returncode == 2 and "-- make" in result.stderr, "a command follows --: " + result.stderr)
+
+
+def not_in_silence_when_nothing_is_held(sandbox):
+    sandbox.world({"assertions": {"system": "fail"}})
+    for arguments in (["5m", "--", "true"], ["on"]):
+        def tells():
+            result = sandbox.command("hold", *arguments)
+            return result.returncode == 0 and "NOTHING: the machine can fall asleep" in result.stderr
+        eventually(tells, "it says that nothing is held")
+    require(sandbox.command("hold", "off").stderr == "", "nothing to hold, nothing to say")
+    require(sandbox.command("doctor").returncode == 1, "a simulated machine keeps none awake")
+    sandbox.world({})
+
+
 def never_against_the_rules(sandbox):
     sandbox.world({"power": {"batteryPercent": 5, "isCharging": False, "isOnAC": False, "isLowPowerMode": False}})
     eventually(lambda: "blocked" in sandbox.ask("status")["decision"], "the battery is too low")
@@ -125,7 +146,8 @@ def what_cannot_be_held(sandbox):
     touched = sandbox.file("touched")
     for options, status, said in ((["5m", "--", text], 126, "Permission denied"),
                                   (["0s", "--", "true"], 2, "a hold needs a time"),
-                                  (["soon", "--", "true"], 2, "soon")):
+                                  (["soon", "--", "true"], 2, "soon"),
+                                  (["8d", "--", "true"], 2, "a week at most")):
         result = sandbox.command("hold", *options)
         require(result.returncode == status and said in result.stderr, "%s: %d %s" % (options, result.returncode, result.stderr))
     require(sandbox.stop() == 0, "it stops with 0")
@@ -133,11 +155,21 @@ def what_cannot_be_held(sandbox):
     require(not os.path.exists(touched), "then the command is not started")
 
 
+def what_cannot_be_printed(sandbox):
+    """A script that goes by the status must not take half a report for a whole one."""
+    sandbox.start()
+    for command in (["usage", "export", "--format", "prometheus"], ["status", "--json"], ["--help"]):
+        with open("/dev/full", "wb") as full:
+            result = subprocess.run([sandbox.vimbrel, *command], env=sandbox.environment, stdout=full,
+                                    stderr=subprocess.PIPE, text=True, timeout=patience)
+        require(result.returncode == 1 and "No space left" in result.stderr, "%s: %s" % (command, result))
+
+
 def main():
     with Sandbox() as sandbox:
         sandbox.start()
         for part in (with_the_command, with_this_program, with_the_application, with_its_time,
-                     never_against_the_rules, what_cannot_be_held):
+                     as_it_was_given, not_in_silence_when_nothing_is_held, never_against_the_rules, what_cannot_be_held, what_cannot_be_printed):
             part(sandbox)
             print(part.__name__, "as it must")
 
