@@ -69,6 +69,7 @@ TEST_F(MoneyBudgets, countTheMoneyOfTheirPeriodAndScope) {
   spend(32, "2026-03-25T17:00:00Z", AgentType::claude, "project/below");
   spend(64, "2026-03-25T17:00:00Z", AgentType::claude, "projectile");
   spend(std::nullopt, "2026-03-25T17:00:00Z");
+  spend(-1000, "2026-03-25T17:00:00Z");
   struct Case {
     BudgetScope scope;
     double spent;

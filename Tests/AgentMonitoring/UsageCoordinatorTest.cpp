@@ -129,7 +129,12 @@ TEST_F(Usage, publishesBudgetsAndTheirAlerts) {
   EXPECT_EQ(claude.sessionId, "s9");
   EXPECT_EQ(claude.context.value()->tokensRemaining(), 50000);
   EXPECT_EQ(claude.quota.value()->percentageRemaining, 3);
+  usage_->refreshBudgetReports();
+  time_.runReady();
+  EXPECT_EQ(usage_->latestBudgetReports().get().at(AgentType::claude).sessionId, "s9")
+      << "what a provider told of another session before";
   time_.advance(std::chrono::seconds(3601));
+  provider_->report->lastUpdated = time_.now();
   usage_->refreshBudgetReports();
   time_.runReady();
   claude = usage_->latestBudgetReports().get().at(AgentType::claude);

@@ -71,6 +71,8 @@ TEST_F(UsageProviders, claudeTurnsUsageLinesIntoEventsAndAReport) {
   ASSERT_TRUE(report && report->context.value() != nullptr);
   EXPECT_EQ(report->context.value()->tokensConsumed(), 5420);
   EXPECT_EQ(report->source, "claude");
+  EXPECT_EQ(report->lastUpdated, noon);
+  EXPECT_TRUE(report->isOldNews()) << "its file was written years ago";
 }
 
 TEST_F(UsageProviders, claudeLinesWithOddFields) {

@@ -173,10 +173,13 @@ TEST(BudgetNotices, comeOnceForEachSessionAndLevel) {
       std::make_shared<NotificationController>(settings, center, nullptr, time.mainQueue());
   BudgetNotices::BudgetReports reports;
   BudgetNotices notices(controller, settings, [&]() -> const auto& { return reports; });
+  Seconds toldBefore{0};
   const auto heard = [&](std::optional<LowBudgetLevel> level, const std::string& session) {
     ProviderBudgetReport report;
     report.agentType = AgentType::codex;
     report.sessionId = session;
+    report.lastUpdated = time.now();
+    report.toldAt = time.now() - toldBefore;
     if (level) report.lowBudgetAlert = LowBudgetAlert{*level, LowBudgetMetricType::quota, 8, "8 % left"};
     reports = {{AgentType::codex, report}};
     center->posted.clear();
@@ -194,6 +197,10 @@ TEST(BudgetNotices, comeOnceForEachSessionAndLevel) {
             "vimbrel.budget.codex/Codex CLI budget: Critically Low/8 % left;");
   EXPECT_EQ(heard(LowBudgetLevel::warning, "a"), "") << "back again is no news";
   EXPECT_NE(heard(LowBudgetLevel::warning, "b"), "");
+  toldBefore = Seconds(7200);
+  EXPECT_EQ(heard(LowBudgetLevel::warning, "found in an old log"), "");
+  toldBefore = Seconds(60);
+  EXPECT_NE(heard(LowBudgetLevel::warning, "found in an old log"), "") << "it is used again";
   ASSERT_TRUE(settings->setValue("lowBudgetNotificationsEnabled", false));
   EXPECT_EQ(heard(LowBudgetLevel::exhausted, "b"), "");
   ASSERT_TRUE(settings->setValue("lowBudgetNotificationsEnabled", true));

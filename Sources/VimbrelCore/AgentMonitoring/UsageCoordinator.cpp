@@ -185,6 +185,8 @@ void UsageCoordinator::applyMeasured(ProviderBudgetReport& report) const {
   // A window that has ended tells nothing about the next one.
   if (measured.quota && !(measured.quota->resetsAt && *measured.quota->resetsAt < clock_.now())) {
     report.quota = BudgetMetric<AccountQuotaBudget>::known(*measured.quota, 1.0, measured.source);
+  } else if (measured.quota && report.quota.source() == measured.source) {
+    report.quota = BudgetMetric<AccountQuotaBudget>::unavailable(sentence("Quota unavailable"));
   }
   if (measured.sessionId == report.sessionId) {
     if (measured.context) {
@@ -194,6 +196,16 @@ void UsageCoordinator::applyMeasured(ProviderBudgetReport& report) const {
   }
   report.lowBudgetAlert.reset();
   report = ProviderBudgetReport::make(std::move(report));
+}
+
+/// With the lock held. A provider gives its last report each time it is asked: what a hook or the agent
+/// itself has told of another session since then stands.
+bool UsageCoordinator::knowsNewer(const ProviderBudgetReport& report) const {
+  const auto known = reports_.find(report.agentType);
+  if (known == reports_.end() || !known->second.sessionId) return false;
+  if (known->second.sessionId == report.sessionId) return false;
+  // A time that is still to come is from before the clock was set back.
+  return report.lastUpdated < known->second.lastUpdated && known->second.lastUpdated <= clock_.now();
 }
 
 void UsageCoordinator::setMeasuredBudget(AgentType agent, MeasuredBudget budget) {
@@ -251,6 +263,7 @@ void UsageCoordinator::refreshBudgetReports() {
       const std::lock_guard guard(self->lock_);
       self->refreshPending_ = false;
       for (auto& report : current->found) {
+        if (self->knowsNewer(report)) report = self->reports_.at(report.agentType);
         self->applyMeasured(report);
         self->reports_.insert_or_assign(report.agentType, report);
       }

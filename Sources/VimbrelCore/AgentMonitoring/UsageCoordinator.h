@@ -96,6 +96,7 @@ class UsageCoordinator : public std::enable_shared_from_this<UsageCoordinator> {
   void flush();
   void publishReports(Reports reports);
   void applyMeasured(ProviderBudgetReport& report) const;
+  [[nodiscard]] bool knowsNewer(const ProviderBudgetReport& report) const;
 
   const Parts parts_;
   const Clock& clock_;

@@ -150,9 +150,15 @@ struct ProviderBudgetReport {
   std::optional<LowBudgetAlert> lowBudgetAlert{};
   Instant lastUpdated{};
   std::string source;  ///< tag of whoever built the report
+  /// When the agent told what the report was built from, where its log knows; never published.
+  std::optional<Instant> toldAt{};
 
   /// How every new report is built: without an alert it gets the one that its context and quota call for.
   [[nodiscard]] static ProviderBudgetReport make(ProviderBudgetReport fields);
+
+  /// Whether what it tells was an hour old when it was built, as of a log that was found and not watched: no
+  /// news.
+  [[nodiscard]] bool isOldNews() const { return toldAt && lastUpdated - *toldAt >= std::chrono::hours(1); }
 
   /// "<agent>_<session>", or "<agent>_global".
   [[nodiscard]] std::string id() const;

@@ -18,7 +18,8 @@ bool BudgetNotices::isNew(const Key& key) {
 void BudgetNotices::didApply(const WakeDecision& /*previous*/, const WakeDecision& /*next*/) {
   for (const auto& [agent, report] : budgetReports_()) {
     const auto& alert = report.lowBudgetAlert;
-    if (!alert || !isNew({agent, report.sessionId.value_or(""), alert->level})) continue;
+    if (!alert || report.isOldNews() || !isNew({agent, report.sessionId.value_or(""), alert->level}))
+      continue;
     if (!settings_->lowBudgetNotificationsEnabled()) continue;
     notifications_->notifyLowBudget(
         rawValue(agent), sentence("%1 budget: %2", {displayName(agent), displayLabel(alert->level)}),

@@ -146,7 +146,8 @@ std::vector<BudgetStanding> budgetStandings(
         if (!directory || !isInside(withoutTrailingSlash(*directory), *budget.scope.project)) return;
       }
       if (event.costEstimateUSD) {
-        standing.spentUSD += *event.costEstimateUSD;
+        // A hook may say what it likes of tokens; nothing that it says gives money back.
+        standing.spentUSD += std::max(*event.costEstimateUSD, 0.0);
       } else {
         standing.unpricedTokens = saturatingAdd(standing.unpricedTokens, event.tokenFigure());
       }

@@ -66,7 +66,7 @@ std::vector<UsageEvent> ClaudeUsageProvider::readSource() {
   bool reported = false;  // The newest file that says something tells of the latest turn.
   for (const auto& path : files_.newest(filesRead)) {
     const auto latest = parseFile(path, fileOffsets_[path], &events);
-    if (latest && !std::exchange(reported, true)) setReport(reportOf(*latest));
+    if (latest && !std::exchange(reported, true)) setReport(reportOf(*latest, path));
   }
   return events;
 }
@@ -75,7 +75,7 @@ void ClaudeUsageProvider::findReport() {
   files_.refresh();
   for (const auto& path : files_.newest(1)) {
     JsonLinesPosition fromStart;
-    if (const auto latest = parseFile(path, fromStart, nullptr)) setReport(reportOf(*latest));
+    if (const auto latest = parseFile(path, fromStart, nullptr)) setReport(reportOf(*latest, path));
   }
 }
 
@@ -105,7 +105,7 @@ std::optional<UsageEvent> ClaudeUsageProvider::parseFile(const std::string& path
   return latest;
 }
 
-ProviderBudgetReport ClaudeUsageProvider::reportOf(const UsageEvent& event) const {
+ProviderBudgetReport ClaudeUsageProvider::reportOf(const UsageEvent& event, const std::string& path) const {
   const auto now = clock().now();
   std::optional<CostBudget> cost;
   if (event.costEstimateUSD) cost = CostBudget{std::max(*event.costEstimateUSD, 0.0), true};
@@ -129,6 +129,7 @@ ProviderBudgetReport ClaudeUsageProvider::reportOf(const UsageEvent& event) cons
       .cost = cost,
       .lastUpdated = now,
       .source = "claude",
+      .toldAt = files_.modifiedAt(path),
   });
 }
 

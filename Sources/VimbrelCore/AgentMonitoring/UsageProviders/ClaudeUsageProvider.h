@@ -27,7 +27,7 @@ class ClaudeUsageProvider final : public PollingUsageProvider {
   /// Appends the events that were added since `position`, if they are wanted, and gives the last one.
   std::optional<UsageEvent> parseFile(const std::string& path, JsonLinesPosition& position,
                                       std::vector<UsageEvent>* events);
-  [[nodiscard]] ProviderBudgetReport reportOf(const UsageEvent& event) const;
+  [[nodiscard]] ProviderBudgetReport reportOf(const UsageEvent& event, const std::string& path) const;
 
   RecentFiles files_;
   bool changed_ = false;  // a tick saw that there is something to read

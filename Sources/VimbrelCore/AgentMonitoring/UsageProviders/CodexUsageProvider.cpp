@@ -127,7 +127,9 @@ std::optional<ProviderBudgetReport> CodexUsageProvider::parseFile(const std::str
   if (events != nullptr && reading.abortedAt && onTurnInterrupted) {
     onTurnInterrupted({AgentType::codex, state.ownId, state.directory, *reading.abortedAt});
   }
-  return reportOf(sessionId, reading);
+  auto report = reportOf(sessionId, reading);
+  report.toldAt = files_.modifiedAt(path);
+  return report;
 }
 
 ProviderBudgetReport CodexUsageProvider::reportOf(const std::string& sessionId,

@@ -93,6 +93,12 @@ std::vector<std::string> RecentFiles::newest(std::size_t count) const {
   return paths;
 }
 
+std::optional<Instant> RecentFiles::modifiedAt(const std::string& path) const {
+  const auto known = modified_.find(path);
+  if (known == modified_.end()) return std::nullopt;
+  return instantFromUnixSeconds(Seconds{known->second}.count());
+}
+
 std::vector<std::string> RecentFiles::all() const {
   std::vector<std::string> paths;
   for (const auto& [path, time] : modified_) paths.push_back(path);

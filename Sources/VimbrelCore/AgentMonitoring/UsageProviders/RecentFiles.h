@@ -29,6 +29,8 @@ class RecentFiles {
   bool refresh();
   /// The `count` newest files, newest first, of those known at the last `refresh`.
   [[nodiscard]] std::vector<std::string> newest(std::size_t count) const;
+  /// When a known file was written last.
+  [[nodiscard]] std::optional<Instant> modifiedAt(const std::string& path) const;
   /// Every file, in no order.
   [[nodiscard]] std::vector<std::string> all() const;
 
