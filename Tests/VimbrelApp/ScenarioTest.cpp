@@ -52,12 +52,106 @@ TEST(Day, isLivedAsItIsWrittenDown) {
   EXPECT_EQ(simulated(*scenario).first, text) << "the same scenario gives the same day";
 }
 
+/// The one JSON block of the document that has steps.
+std::string documentedExample() {
+  const auto text = readFile(EXAMPLES "/../simulated-machine.md").value_or("");
+  const auto steps = text.find("\"steps\":");
+  const std::string_view fence = "```";
+  const auto begin = text.rfind("```json\n", steps) + std::string_view("```json\n").size();
+  return steps == std::string::npos ? "" : text.substr(begin, text.find(fence, begin) - begin);
+}
+
+TEST(Scenario, ofTheDocumentIsLivedAsItReads) {
+  const auto scenario = parseScenario(documentedExample());
+  ASSERT_TRUE(scenario) << scenario.error();
+  const auto text = simulated(*scenario).first;
+  // All that happens from the lid to the crash: it stays closed, and the battery sinks to the floor once.
+  EXPECT_TRUE(
+      text.contains("08:10:00  > battery at 60 %\n"
+                    "08:20:00  > {\"lidClosed\":true}\n"
+                    "08:20:00    lid closed: stays awake\n"
+                    "08:40:00  > pauseUntil = 5m\n"
+                    "08:40:00    Safety blocked: Protection paused\n"
+                    "08:40:01    lid closed: the machine sleeps\n"
+                    "08:45:00    Active (1 working agent) — Claude Code working; held: system\n"
+                    "08:45:00    notice: Vimbrel is protecting this Mac — 1 coding agent session working.\n"
+                    "08:45:00    lid closed: stays awake\n"
+                    "09:21:00    Safety blocked: Battery level below safety cutoff\n"
+                    "09:21:00    notice: Battery limit reached — Vimbrel released sleep protection at 20%.\n"
+                    "09:21:01    lid closed: the machine sleeps\n"
+                    "09:40:00  > Vimbrel crashes\n"))
+      << text;
+}
+
+TEST(Scenario, changesOnlyWhatAStepNamesWhileAnotherGoesOn) {
+  struct Moment {
+    int minute;
+    std::int64_t charge;
+    bool isLidClosed;
+    bool isOnAC;
+  };
+  const struct {
+    std::string what;
+    std::string steps;
+    std::vector<Moment> moments;
+  } cases[] = {
+      {"a lid within a ramp",
+       R"({"at":"10m","battery":[80,60],"until":"30m"},{"at":"20m","world":{"lidClosed":true}})",
+       {{10, 80, false, false},
+        {19, 71, false, false},
+        {20, 70, true, false},
+        {21, 69, true, false},
+        {30, 60, true, false}}},
+      {"the same, written the other way round",
+       R"({"at":"20m","world":{"lidClosed":true}},{"at":"10m","battery":[80,60],"until":"30m"})",
+       {{19, 71, false, false}, {20, 70, true, false}, {30, 60, true, false}}},
+      {"several within a ramp",
+       R"({"at":"10m","battery":[80,60],"until":"30m"},{"at":"12m","world":{"lidClosed":true}},
+          {"at":"15m","world":{"power":{"isOnAC":true}}},{"at":"18m","world":{"lidClosed":false}})",
+       {{13, 77, true, false}, {15, 75, true, true}, {18, 72, false, true}, {30, 60, false, true}}},
+      {"at the ramp's first and last moment",
+       R"({"at":"10m","battery":[80,60],"until":"30m"},{"at":"10m","world":{"power":{"isOnAC":true}}},
+          {"at":"30m","world":{"lidClosed":true}})",
+       {{10, 80, false, true}, {29, 61, false, true}, {30, 60, true, true}}},
+      {"in the ramp's own step",
+       R"({"at":"10m","world":{"lidClosed":true},"battery":[80,60],"until":"30m"})",
+       {{10, 80, true, false}, {20, 70, true, false}}},
+      {"a charge within a slow ramp holds until the next moment of it",
+       R"({"at":"10m","battery":[80,79],"until":"30m"},{"at":"15m","world":{"power":{"batteryPercent":5}}})",
+       {{14, 80, false, false}, {15, 5, false, false}, {16, 80, false, false}, {30, 79, false, false}}},
+      {"two ramps, of which the later one wins while both go on",
+       R"({"at":"10m","battery":[80,60],"until":"30m"},{"at":"20m","battery":[40,30],"until":"25m"})",
+       {{19, 71, false, false}, {20, 40, false, false}, {25, 30, false, false}, {26, 64, false, false}}},
+  };
+  for (const auto& each : cases) {
+    const auto scenario = parseScenario(
+        R"({"length":"1h","world":{"power":{"batteryPercent":90,"isOnAC":false},"lidClosed":false},"steps":[)" +
+        each.steps + "]}");
+    ASSERT_TRUE(scenario) << each.what << ": " << scenario.error();
+    for (const auto& moment : each.moments) {
+      auto world = scenario->world;
+      for (const auto& step : scenario->steps) {
+        const auto* change = std::get_if<ScenarioStep::World>(&step.action);
+        if (change != nullptr && step.at <= std::chrono::minutes{moment.minute}) world = change->world;
+      }
+      const auto where = each.what + ", minute " + std::to_string(moment.minute);
+      ASSERT_TRUE(world.power) << where;
+      EXPECT_EQ(world.power->batteryPercent, moment.charge) << where;
+      EXPECT_EQ(world.lidClosed, moment.isLidClosed) << where;
+      EXPECT_EQ(world.power->isOnAC, moment.isOnAC) << where;
+    }
+  }
+}
+
 TEST(Scenario, saysWhatCannotBeMeant) {
   const auto with = [](const std::string& step) { return R"({"length":"1h","steps":[)" + step + "]}"; };
   for (const auto& [text, problem] : std::vector<std::pair<std::string, std::string>>{
            {"[", "scenario: not valid JSON"},
            {"[]", "scenario: not a JSON object"},
            {R"({"length":"1h"})", "scenario: \"steps\" is not a list"},
+           {R"({"length":"1h","stpes":[]})", "scenario: \"stpes\" is unknown"},
+           {R"({"length":"1h","steps":[],"settings":{"nope":1}})", "scenario: there is no setting \"nope\""},
+           {R"({"length":"1h","steps":[],"settings":[1]})", "scenario: \"settings\" is not an object"},
            {R"({"steps":[]})", "scenario: \"length\" is missing"},
            {with(R"({"say":"x"})"), "step 1: \"at\" is missing"},
            {with(R"({"at":"1m","sya":"x"})"), "step 1: \"sya\" is unknown"},
@@ -73,19 +167,22 @@ TEST(Scenario, saysWhatCannotBeMeant) {
            {with(R"({"at":"2m","every":"1m"})"), "step 1: \"every\" needs \"until\""},
            {with(R"({"at":"2m","battery":[1]})"), "step 1: \"battery\" takes two charges, such as [80, 20]"},
            {with(R"({"at":"90d"})"), "step 1: \"90d\" is longer than two weeks"},
+           {with(R"({"at":"1h"},{"at":"61m"})"), "step 2: \"at\" is later than the scenario's \"length\""},
+           {with(R"({"at":"50m","battery":[9,1],"until":"2h"})"),
+            "step 1: \"until\" is later than the scenario's \"length\""},
+           {with(R"({"at":"1m"},{"at":"9m","settings":{"nope":1}})"), "step 2: there is no setting \"nope\""},
+           {with(R"({"at":"9m","settings":{"onlyOnAC":"maybe"}})"),
+            "step 1: onlyOnAC cannot be \"maybe\": it takes on or off"},
+           {with(R"({"at":"9m","settings":{"onlyOnAC":true}},{"at":"8m","vimbrel":"stop"})"),
+            "step 1: settings cannot be changed while Vimbrel is not running"},
+           {with(R"({"at":"1m","battery":[8,2],"until":"9m"},{"at":"5m","world":{"lidClosed":"no"}})"),
+            "step 2: world: \"lidClosed\" is not true or false"},
+           {R"({"length":"3d","steps":[{"at":"0","battery":[9,1],"every":"1s","until":"3d"}]})",
+            "step 1: with it the scenario has more than 200000 steps"},
        }) {
     const auto parsed = parseScenario(text);
     ASSERT_FALSE(parsed) << text;
     EXPECT_EQ(parsed.error(), problem);
-  }
-  const TemporaryDirectory directory;
-  const CapturedLog quiet;
-  for (const auto& [settings, problem] : std::vector<std::pair<std::string, std::string>>{
-           {R"({"nope":1})", "there is no setting \"nope\""},
-           {R"({"onlyOnAC":"maybe"})", "onlyOnAC cannot be \"maybe\": it takes on or off"}}) {
-    const auto scenario = parseScenario(R"({"length":"1h","steps":[],"settings":)" + settings + "}");
-    ASSERT_TRUE(scenario);
-    EXPECT_EQ(runScenario(*scenario, directory.path(), [](const auto&) {}).error(), problem);
   }
 }
 

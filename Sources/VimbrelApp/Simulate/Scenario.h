@@ -3,7 +3,6 @@
 
 #include <cstdint>
 #include <expected>
-#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -15,8 +14,16 @@
 #include "Domain/AgentType.h"
 #include "Platform/Simulated/SimulatedWorld.h"
 #include "Support/Instant.h"
+#include "System/Preferences.h"
 
 namespace vimbrel {
+
+/// A setting that a scenario changes.
+struct ScenarioSetting {
+  std::string key;
+  std::string text;       ///< as a person would type it
+  PreferenceValue value;  ///< what that means at its time
+};
 
 /// What happens at one moment of a scenario.
 struct ScenarioStep {
@@ -34,9 +41,9 @@ struct ScenarioStep {
     SimulatedWorld world;
     std::string text;  ///< what of it was written in the scenario
   };
-  /// Settings by key, as a person would type them.
+  /// Only while the application runs.
   struct Settings {
-    std::map<std::string, std::string> values;
+    std::vector<ScenarioSetting> settings;
   };
   enum class Life : std::uint8_t { start, stop, crash };
 
@@ -50,11 +57,12 @@ struct Scenario {
   Instant start{};
   Seconds length{0};
   SimulatedWorld world;
-  std::map<std::string, std::string> settings;
-  std::vector<ScenarioStep> steps;  ///< in order of time
+  std::vector<ScenarioSetting> settings;  ///< in force from the start
+  std::vector<ScenarioStep> steps;        ///< in order of time, none after the end
 };
 
-/// Reads a scenario's JSON. The error is a sentence that names the step.
+/// Reads a scenario's JSON, so that whatever it says can be done. The error is a sentence that names the
+/// step.
 [[nodiscard]] std::expected<Scenario, std::string> parseScenario(std::string_view text);
 
 }  // namespace vimbrel

@@ -11,7 +11,6 @@
 #include "Platform/Simulated/SimulatedMachine.h"
 #include "Support/VirtualTime.h"
 #include "System/Application.h"
-#include "System/SettingDescriptions.h"
 
 namespace vimbrel {
 namespace {
@@ -52,7 +51,6 @@ class Run {
     start();
     if (auto changed = change(scenario_.settings); !changed) return std::unexpected(changed.error());
     for (const auto& step : scenario_.steps) {
-      if (step.at > scenario_.length) break;
       advanceTo(step.at);
       if (auto done = carryOut(step); !done) return std::unexpected(done.error());
       time_.runReady();
@@ -106,14 +104,10 @@ class Run {
     time_.runReady();
   }
 
-  std::expected<void, std::string> change(const std::map<std::string, std::string>& settings) {
-    for (const auto& [key, text] : settings) {
-      const auto* setting = findSetting(key);
-      if (setting == nullptr) return std::unexpected("there is no setting \"" + key + "\"");
-      const auto value = parseSettingText(*setting, text, time_.now());
-      if (!value) return std::unexpected(value.error());
-      if (!application_) return std::unexpected(key + " cannot be changed while Vimbrel is not running");
-      const auto written = application_->settings().setValue(key, *value);
+  /// While the application runs; the scenario's reader sees to that.
+  std::expected<void, std::string> change(const std::vector<ScenarioSetting>& settings) {
+    for (const auto& setting : settings) {
+      const auto written = application_->settings().setValue(setting.key, setting.value);
       if (!written) return std::unexpected(written.error().text);
     }
     time_.runReady();
@@ -127,9 +121,9 @@ class Run {
       if (!step.isRepeat) tell(Kind::cause, world->text);
       machine_.setWorld(world->world);
     }
-    if (const auto* settings = std::get_if<ScenarioStep::Settings>(&step.action)) {
-      for (const auto& [key, value] : settings->values) tell(Kind::cause, key + " = " + value);
-      return change(settings->values);
+    if (const auto* changed = std::get_if<ScenarioStep::Settings>(&step.action)) {
+      for (const auto& setting : changed->settings) tell(Kind::cause, setting.key + " = " + setting.text);
+      return change(changed->settings);
     }
     if (const auto* life = std::get_if<ScenarioStep::Life>(&step.action)) live(*life);
     return {};

@@ -27,7 +27,7 @@ struct ScenarioEvent {
 
 /// Runs a scenario on virtual time, with the whole application and a simulated machine, in files of its own
 /// under `directory`. `happened` is told of every event in order. The result is the history of protection as
-/// it stands at the end; the error is a sentence (a setting that does not exist, or cannot be so).
+/// it stands at the end; the error is a sentence (a setting that cannot be written).
 [[nodiscard]] std::expected<std::vector<ProtectionEpisode>, std::string> runScenario(
     const Scenario& scenario, const std::string& directory,
     const std::function<void(const ScenarioEvent&)>& happened);
