@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <filesystem>
 #include <nlohmann/json.hpp>
 
@@ -81,6 +82,47 @@ TEST(Commands, explainAWrongCommandLine) {
               {{"pause", "soon"}, 2, "soon"},
               {{"pause", "until", "25:00"}, 2, "write it like 14:00"},
               {{"run", "--simulate", "/nonexistent.json"}, 1, "/nonexistent.json"}});
+}
+
+TEST(Commands, simulateLeavesNoDirectoryBehind) {
+  Sandbox sandbox;
+  const auto temporary = sandbox.file("temporary");
+  std::filesystem::create_directory(temporary);
+  sandbox.environment["TMPDIR"] = temporary;
+  // More than a pipe holds: the program cannot end before it is read.
+  const json story{{"at", "1m"}, {"say", std::string(300'000, 'x')}};
+  sandbox.write("wordy.json", json{{"length", "1h"}, {"steps", {story}}}.dump());
+  const auto names = [&] {
+    std::vector<std::string> found;
+    for (const auto& entry : std::filesystem::directory_iterator(temporary)) {
+      found.push_back(entry.path().filename());
+    }
+    return found;
+  };
+  for (const int number : {0, SIGINT, SIGTERM, SIGHUP}) {
+    // Whoever runs the tests may ignore it, which is inherited.
+    if (number != 0) std::signal(number, SIG_DFL);
+    RunningProcess process({vimbrelProgram(), "simulate", sandbox.file("wordy.json")}, sandbox.environment);
+    ASSERT_TRUE(eventually([&] { return !names().empty(); })) << number << process.errors();
+    EXPECT_TRUE(names()[0].starts_with("vimbrel-simulate-")) << names()[0];
+    process.signal(number);
+    EXPECT_EQ(process.wait(), number == 0 ? 0 : 128 + number) << process.errors();
+    EXPECT_EQ(names(), std::vector<std::string>{}) << number;
+  }
+  std::signal(SIGPIPE, SIG_DFL);
+  RunningProcess left({"/bin/sh", "-c", "{ \"$0\" simulate \"$1\"; echo $? >&2; } | head -c 1",
+                       vimbrelProgram(), sandbox.file("wordy.json")},
+                      sandbox.environment);
+  EXPECT_EQ(left.wait(), 0);
+  EXPECT_EQ(left.output().size(), 1U);
+  EXPECT_EQ(left.errors(), std::to_string(128 + SIGPIPE) + "\n");
+  EXPECT_EQ(names(), std::vector<std::string>{});
+
+  sandbox.environment["TMPDIR"] = sandbox.file("missing");
+  const auto refused = sandbox.vimbrel({"simulate", sandbox.file("wordy.json")});
+  EXPECT_EQ(refused.status, 1);
+  EXPECT_TRUE(refused.errors.contains("a directory for the run cannot be made in " + sandbox.file("missing")))
+      << refused.errors;
 }
 
 TEST(Commands, steerTheRunningApplication) {

@@ -143,6 +143,21 @@ TEST(Scenario, changesOnlyWhatAStepNamesWhileAnotherGoesOn) {
   }
 }
 
+TEST(Scenario, endsWhenItIsInterrupted) {
+  const CapturedLog quiet;
+  const TemporaryDirectory directory;
+  const auto scenario =
+      parseScenario(R"({"length":"2h","steps":[{"at":"1h","say":"half"},{"at":"1h1m","say":"more"}]})");
+  ASSERT_TRUE(scenario) << scenario.error();
+  Instant last{};
+  const auto episodes = runScenario(
+      *scenario, directory.path(), [&](const ScenarioEvent& event) { last = event.at; },
+      [&] { return last >= scenario->start + std::chrono::hours{1}; });
+  ASSERT_FALSE(episodes);
+  EXPECT_EQ(episodes.error(), "it was interrupted");
+  EXPECT_EQ(last, scenario->start + std::chrono::hours{1});
+}
+
 TEST(Scenario, saysWhatCannotBeMeant) {
   const auto with = [](const std::string& step) { return R"({"length":"1h","steps":[)" + step + "]}"; };
   for (const auto& [text, problem] : std::vector<std::pair<std::string, std::string>>{

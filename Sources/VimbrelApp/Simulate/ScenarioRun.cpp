@@ -40,10 +40,11 @@ class Notices final : public NotificationCenter {
 class Run {
  public:
   Run(const Scenario& scenario, const std::string& directory,
-      const std::function<void(const ScenarioEvent&)>& happened)
+      const std::function<void(const ScenarioEvent&)>& happened, const std::function<bool()>& isInterrupted)
       : scenario_(scenario),
         directories_{directory, directory, directory},
         happened_(happened),
+        isInterrupted_(isInterrupted),
         time_(scenario.start),
         machine_(time_.mainQueue(), scenario.world) {}
 
@@ -52,11 +53,13 @@ class Run {
     if (auto changed = change(scenario_.settings); !changed) return std::unexpected(changed.error());
     for (const auto& step : scenario_.steps) {
       advanceTo(step.at);
+      if (isInterrupted()) break;
       if (auto done = carryOut(step); !done) return std::unexpected(done.error());
       time_.runReady();
       tellOfLid();
     }
     advanceTo(scenario_.length);
+    if (isInterrupted()) return std::unexpected("it was interrupted");
     const auto episodes = application_ ? application_->history().episodes() : ended_;
     stop();
     return episodes;
@@ -65,10 +68,12 @@ class Run {
  private:
   void tell(Kind kind, std::string text) { happened_({time_.now(), kind, std::move(text)}); }
 
+  bool isInterrupted() const { return isInterrupted_ && isInterrupted_(); }
+
   void advanceTo(Seconds at) {
     const auto target = asNanoseconds(at);
     // A second at a time: the lid's cover changes without the state being announced.
-    while (time_.monotonic() < target) {
+    while (time_.monotonic() < target && !isInterrupted()) {
       time_.advance(std::min<nanoseconds>(std::chrono::seconds{1}, target - time_.monotonic()));
       tellOfLid();
     }
@@ -184,6 +189,7 @@ class Run {
   const Scenario& scenario_;
   const ApplicationDirectories directories_;
   const std::function<void(const ScenarioEvent&)>& happened_;
+  const std::function<bool()>& isInterrupted_;
   VirtualTime time_;
   SimulatedMachine machine_;
   std::shared_ptr<DirectHookReceiver> receiver_;
@@ -198,8 +204,8 @@ class Run {
 
 std::expected<std::vector<ProtectionEpisode>, std::string> runScenario(
     const Scenario& scenario, const std::string& directory,
-    const std::function<void(const ScenarioEvent&)>& happened) {
-  return Run(scenario, directory, happened).toEnd();
+    const std::function<void(const ScenarioEvent&)>& happened, const std::function<bool()>& isInterrupted) {
+  return Run(scenario, directory, happened, isInterrupted).toEnd();
 }
 
 std::string_view rawValue(ScenarioEvent::Kind kind) {

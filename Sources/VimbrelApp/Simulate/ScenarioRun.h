@@ -26,11 +26,13 @@ struct ScenarioEvent {
 };
 
 /// Runs a scenario on virtual time, with the whole application and a simulated machine, in files of its own
-/// under `directory`. `happened` is told of every event in order. The result is the history of protection as
-/// it stands at the end; the error is a sentence (a setting that cannot be written).
+/// under `directory`. `happened` is told of every event in order; `isInterrupted` is asked often, and its yes
+/// ends the run. The result is the history of protection as it stands at the end; the error is a sentence (a
+/// setting that cannot be written, or the interruption).
 [[nodiscard]] std::expected<std::vector<ProtectionEpisode>, std::string> runScenario(
     const Scenario& scenario, const std::string& directory,
-    const std::function<void(const ScenarioEvent&)>& happened);
+    const std::function<void(const ScenarioEvent&)>& happened,
+    const std::function<bool()>& isInterrupted = {});
 
 /// "08:05:00  > claude working".
 [[nodiscard]] std::string lineOf(const ScenarioEvent& event);
