@@ -16,7 +16,9 @@ namespace {
 class History : public testing::Test {
  protected:
   void open(std::size_t most = 100) {
-    history_.emplace(ProtectionHistory::Options{.path = path_, .mostEpisodes = most}, time_);
+    history_.emplace(
+        ProtectionHistory::Options{.path = path_, .mostEpisodes = most, .isHeld = [this] { return isHeld_; }},
+        time_);
   }
   /// One evaluation a second for the given time.
   void live(double seconds, const WakeDecision& decision, std::vector<AgentType> working = {},
@@ -34,7 +36,10 @@ class History : public testing::Test {
     context.powerSource.batteryPercent = battery;
     for (double at = 0; at < seconds; ++at) {
       context.now = time_.now();
+      // As in the application: a hold is granted, or not, after the decision.
       history_->didDecide(context, context.sessions.entries(), decision);
+      isHeld_ = isGranted_ && decision.isHolding();
+      history_->didApply(decision, decision);
       time_.advance(std::chrono::seconds{1});
     }
   }
@@ -43,6 +48,8 @@ class History : public testing::Test {
   const std::string path_ = directory_.file("history.jsonl");
   VirtualTime time_{instantFromUnixSeconds(1'800'000'000)};
   std::optional<ProtectionHistory> history_;
+  bool isGranted_ = true;  ///< whether a mechanism grants holds
+  bool isHeld_ = false;
 };
 
 TEST_F(History, tellsWhatHeldTheMachineAwakeAndWhyItStopped) {
@@ -78,6 +85,37 @@ TEST_F(History, tellsWhatHeldTheMachineAwakeAndWhyItStopped) {
   EXPECT_EQ(totals.safetyCutoffs, 1);
   EXPECT_EQ(totals.sleepsPrevented.at(AgentType::claude), 1);
   EXPECT_EQ(protectionEpisodeFromJson(nlohmann::json(toJson(first))).value(), first);
+}
+
+TEST_F(History, whatWasNotHeldIsNotCountedAsProtected) {
+  open();
+  const auto working = WakeDecision::hold("Codex CLI working", 1, false);
+  isGranted_ = false;
+  live(32, working, {AgentType::codex});
+  live(1, idle_);
+  isGranted_ = true;
+  live(1, working, {AgentType::claude});
+  live(1, idle_);
+  live(10, working, {AgentType::claude});
+  isGranted_ = false;
+  live(5, working, {AgentType::claude});
+  isGranted_ = true;
+  live(5, working, {AgentType::claude});
+  isGranted_ = false;
+  live(3, working, {AgentType::aider});
+  history_->didStop();
+  const auto episodes = history_->episodes();
+  ASSERT_EQ(episodes.size(), 3U);
+  EXPECT_EQ(episodes[0].seconds(), 32);
+  EXPECT_EQ(episodes[0].unheldSeconds, 32);
+  EXPECT_EQ(episodes[1].unheldSeconds, 0);
+  EXPECT_EQ(episodes[2].seconds(), 23);
+  EXPECT_EQ(episodes[2].unheldSeconds, 8);
+  const auto totals = totalsOf(episodes);
+  EXPECT_EQ(totals.episodes, 3);
+  EXPECT_EQ(totals.protectedSeconds, 1 + 15);
+  EXPECT_EQ(totals.sleepsPrevented,
+            (std::map<AgentType, std::int64_t>{{AgentType::claude, 2}, {AgentType::aider, 1}}));
 }
 
 TEST_F(History, aCrashLeavesAnInterruptedEpisodeAndAStopAStoppedOne) {

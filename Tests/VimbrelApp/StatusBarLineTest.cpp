@@ -134,15 +134,25 @@ TEST(HistoryView, drawsEachDayAndNamesEachEnd) {
   EXPECT_EQ(lines[0], "                0           6           12          18          24");
   EXPECT_EQ(lines[1], "Thu 2026-01-29  ·············································▄██  1 h 15 min");
   EXPECT_EQ(lines[2], "Fri 2026-01-30  ██▄·············································  1 h 15 min");
-  EXPECT_EQ(lines[3], "Sat 2026-01-31  ··················█x··▄·························  45 min");
+  EXPECT_EQ(lines[3], "Sat 2026-01-31  ··················█x··▄·························  44 min");
   EXPECT_TRUE(lines[6].starts_with("2026-01-29 22:45  2 h 30 min")) << lines[6];
   EXPECT_TRUE(
       lines[6].ends_with("agents finished                    Claude Code 1 h                  covered"))
       << lines[6];
   EXPECT_NE(lines[7].find("20 -> 14 %  not covered"), std::string::npos) << lines[7];
   EXPECT_NE(lines[8].find("15 min (not held for 1 min)  goes on"), std::string::npos) << lines[8];
-  EXPECT_EQ(lines[10], "Protected for 3 h 15 min in 3 episodes; 1 safety cut-off");
+  EXPECT_EQ(lines[10], "Protected for 3 h 14 min in 3 episodes; 1 safety cut-off");
   EXPECT_EQ(lines[11], "Sleeps prevented: Claude Code 2");
+
+  const json unheld{
+      {"episodes",
+       {episode(
+           "2026-01-31T09:00:00Z", "2026-01-31T09:30:00Z",
+           {{"workingSeconds", json::object()}, {"reasons", {"Running make"}}, {"unheldSeconds", 1800.0}})}}};
+  const auto unheldLines = historyLines(unheld, 0, Palette(false), noon);
+  EXPECT_EQ(unheldLines[1], "Sat 2026-01-31  ················································");
+  EXPECT_NE(unheldLines[4].find("the hold ended"), std::string::npos) << "no agent was there to finish";
+  EXPECT_EQ(unheldLines[6], "Protected for 0 s in 1 episode; 0 safety cut-offs");
   EXPECT_EQ(historyLines(json::object(), 0, Palette(false), noon).size(), 1U);
 }
 

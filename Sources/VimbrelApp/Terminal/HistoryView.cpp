@@ -57,11 +57,13 @@ DayLine dayLine(const std::vector<ProtectionEpisode>& episodes, sys_days day, st
   for (const auto& episode : episodes) {
     const auto from = std::max(episode.startedAt, start);
     const auto to = std::min(episode.endedAt, end);
-    if (from < to) line.total += to - from;
+    // When in its time it was not held is not kept, so that each part of it counts with its share.
+    const auto heldShare = episode.seconds() > 0 ? episode.heldSeconds() / episode.seconds() : 1;
+    if (from < to) line.total += (to - from) * heldShare;
     for (std::size_t i = 0; i < cells; ++i) {
       const auto cellStart = start + cell * static_cast<double>(i);
       const auto overlap = std::min(to, cellStart + cell) - std::max(from, cellStart);
-      line.share[i] += std::max(overlap, Seconds{0}) / cell;
+      line.share[i] += std::max(overlap, Seconds{0}) / cell * heldShare;
       const bool endsHere = episode.endedAt >= cellStart && episode.endedAt < cellStart + cell;
       if (endsHere && isSafetyCutOff(episode)) line.isCutOff[i] = true;
     }
@@ -130,7 +132,7 @@ std::string endingOf(const ProtectionEpisode& episode) {
     case EpisodeEnding::ongoing:
       return say("goes on");
     case EpisodeEnding::finished:
-      return say("agents finished");
+      return episode.workingSeconds.empty() ? say("the hold ended") : say("agents finished");
     case EpisodeEnding::blocked:
       return episode.block ? retell(rawValue(*episode.block)) : say("blocked");
     case EpisodeEnding::stopped:

@@ -35,8 +35,9 @@ ProtectionTotals totalsOf(const std::vector<ProtectionEpisode>& episodes) {
   ProtectionTotals totals;
   for (const auto& episode : episodes) {
     ++totals.episodes;
-    totals.protectedSeconds += episode.seconds();
+    totals.protectedSeconds += episode.heldSeconds();
     if (episode.block && isCriticalSafety(*episode.block)) ++totals.safetyCutoffs;
+    if (episode.wasNeverHeld()) continue;
     for (const auto& [agent, seconds] : episode.workingSeconds) ++totals.sleepsPrevented[agent];
   }
   return totals;

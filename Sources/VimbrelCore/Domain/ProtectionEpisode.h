@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <expected>
 #include <map>
@@ -20,7 +21,7 @@ namespace vimbrel {
 /// How a time of protection ended.
 enum class EpisodeEnding : std::uint8_t {
   ongoing,
-  finished,     ///< the agents were done
+  finished,     ///< what held it was over: agents, commands, the user's own hold
   blocked,      ///< a safety block, or the user's own switch, cut it
   stopped,      ///< the application was stopped
   interrupted,  ///< the application or the machine ended without a word; the end is when it was last seen
@@ -52,14 +53,19 @@ struct ProtectionEpisode {
   bool operator==(const ProtectionEpisode&) const = default;
 
   [[nodiscard]] double seconds() const { return (endedAt - startedAt).count(); }
+  /// Of its seconds, those in which the machine was really held; at least 0.
+  [[nodiscard]] double heldSeconds() const { return std::max(seconds() - unheldSeconds, 0.0); }
+  /// No mechanism ever granted the hold: nothing was protected, whatever was meant. Less than a second counts
+  /// as never.
+  [[nodiscard]] bool wasNeverHeld() const { return unheldSeconds > 0 && heldSeconds() < 1; }
 };
 
 /// Totals over episodes.
 struct ProtectionTotals {
   std::int64_t episodes = 0;
-  double protectedSeconds = 0;
+  double protectedSeconds = 0;                        ///< without those in which no hold was granted
   std::int64_t safetyCutoffs = 0;                     ///< ended by a block that guards the machine itself
-  std::map<AgentType, std::int64_t> sleepsPrevented;  ///< episodes in which the agent was at work
+  std::map<AgentType, std::int64_t> sleepsPrevented;  ///< held episodes in which it was at work
   bool operator==(const ProtectionTotals&) const = default;
 };
 

@@ -69,7 +69,7 @@ void ProtectionHistory::didDecide(const PolicyEvaluationContext& context,
     return;
   }
   if (!open_) return;
-  open_->endedAt = std::max(open_->startedAt, context.now);
+  extend(context.now);
   const auto* blocked = decision.asBlocked();
   if (blocked != nullptr) {
     end(EpisodeEnding::blocked, blocked->block);
@@ -78,9 +78,14 @@ void ProtectionHistory::didDecide(const PolicyEvaluationContext& context,
   }
 }
 
+void ProtectionHistory::didApply(const WakeDecision& /*previous*/, const WakeDecision& next) {
+  // Only now: what is decided is not yet held.
+  isUnheld_ = next.isHolding() && options_.isHeld && !options_.isHeld();
+}
+
 void ProtectionHistory::didStop() {
   if (!open_) return;
-  open_->endedAt = std::max(open_->endedAt, clock_.now());
+  extend(clock_.now());
   end(EpisodeEnding::stopped, std::nullopt);
 }
 
@@ -95,7 +100,7 @@ void ProtectionHistory::update(const PolicyEvaluationContext& context, const Wak
   // A wall clock that was set back must not make time run backwards here, nor one set forward add hours of
   // work.
   const auto elapsed = std::clamp((context.now - open_->endedAt).count(), 0.0, 10.0);
-  open_->endedAt = std::max(open_->endedAt, context.now);
+  extend(context.now);
 
   std::set<AgentType> working;
   std::int64_t count = 0;
@@ -115,13 +120,18 @@ void ProtectionHistory::update(const PolicyEvaluationContext& context, const Wak
     open_->reasons.push_back(reason);
     changed = true;
   }
-  if (options_.isHeld && !options_.isHeld()) open_->unheldSeconds += elapsed;
   if (options_.isLidCovered && options_.isLidCovered()) open_->wasLidCovered = true;
   open_->wasDeepHoldWanted = open_->wasDeepHoldWanted || hold.requiresDeepHold;
   if (changed || context.now - lastWritten_ >= options_.checkpoint) {
     lastWritten_ = context.now;
     writeOpen();
   }
+}
+
+void ProtectionHistory::extend(Instant now) {
+  const auto endsAt = std::max(open_->endedAt, now);
+  if (isUnheld_) open_->unheldSeconds += (endsAt - open_->endedAt).count();
+  open_->endedAt = endsAt;
 }
 
 void ProtectionHistory::end(EpisodeEnding ending, std::optional<SafetyBlock> block) {

@@ -35,6 +35,7 @@ class ProtectionHistory final : public CoordinatorService {
 
   void didDecide(const PolicyEvaluationContext& context, const SessionSnapshot::Entries& newestFirst,
                  const WakeDecision& decision) override;
+  void didApply(const WakeDecision& previous, const WakeDecision& next) override;
   void didStop() override;
 
   /// Episodes that overlap the time from `since` to `until`, oldest first, the ongoing one included.
@@ -48,6 +49,8 @@ class ProtectionHistory final : public CoordinatorService {
   void load();
   void begin(const PolicyEvaluationContext& context);
   void update(const PolicyEvaluationContext& context, const WakeDecision::Hold& hold);
+  /// Lets the open episode last until `now`.
+  void extend(Instant now);
   void end(EpisodeEnding ending, std::optional<SafetyBlock> block);
   void writeOpen();
   void append(const ProtectionEpisode& episode);
@@ -58,6 +61,7 @@ class ProtectionHistory final : public CoordinatorService {
   std::vector<ProtectionEpisode> ended_;
   std::optional<ProtectionEpisode> open_;
   std::optional<std::int64_t> lastBattery_;
+  bool isUnheld_ = false;  ///< since the last decision was applied
   Instant lastWritten_{};
 };
 

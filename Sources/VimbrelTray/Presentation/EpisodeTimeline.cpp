@@ -32,7 +32,7 @@ std::string endingText(const ProtectionEpisode& episode) {
     case EpisodeEnding::ongoing:
       return say("still going on");
     case EpisodeEnding::finished:
-      return say("agents were done");
+      return episode.workingSeconds.empty() ? say("the hold ended") : say("agents were done");
     case EpisodeEnding::blocked:
       return episode.block ? retell(rawValue(*episode.block)) : say("cut off");
     case EpisodeEnding::stopped:
@@ -43,7 +43,14 @@ std::string endingText(const ProtectionEpisode& episode) {
   return say("interrupted without a word");
 }
 
+std::string durationText(const ProtectionEpisode& episode) {
+  auto text = formatDuration(Seconds(episode.seconds()));
+  if (episode.unheldSeconds < 1) return text;
+  return say("%1 (not held for %2)", {std::move(text), formatDuration(Seconds(episode.unheldSeconds))});
+}
+
 Tone toneOf(const ProtectionEpisode& episode) {
+  if (episode.wasNeverHeld()) return Tone::bad;
   if (episode.ending == EpisodeEnding::interrupted) return Tone::warning;
   if (episode.ending == EpisodeEnding::blocked && episode.block && isCriticalSafety(*episode.block)) {
     return Tone::bad;
@@ -68,16 +75,17 @@ void addTo(TimelineDay& day, const ProtectionEpisode& episode) {
   TimelineBar bar{.from = (from - begin).count() / length, .to = (to - begin).count() / length};
   bar.tone = toneOf(episode);
   bar.isDeep = episode.wasDeepHoldWanted;
-  bar.label = say("%1 to %2 (%3): %4; %5",
-                  {clockText(episode.startedAt), clockText(episode.endedAt),
-                   formatDuration(Seconds(episode.seconds())), joined(episode.reasons), endingText(episode)});
+  bar.label =
+      say("%1 to %2 (%3): %4; %5", {clockText(episode.startedAt), clockText(episode.endedAt),
+                                    durationText(episode), joined(episode.reasons), endingText(episode)});
   day.bars.push_back(std::move(bar));
-  day.seconds += (to - from).count();
+  // When in its time it was not held is not kept, so that each part of it counts with its share.
+  if (to > from) day.seconds += (to - from).count() / episode.seconds() * episode.heldSeconds();
 }
 
 EpisodeRow makeRow(const ProtectionEpisode& episode, Instant now) {
   EpisodeRow row{.start = momentText(episode.startedAt, now),
-                 .duration = formatDuration(Seconds(episode.seconds())),
+                 .duration = durationText(episode),
                  .reasons = joined(episode.reasons),
                  .ending = endingText(episode),
                  .tone = toneOf(episode)};

@@ -25,14 +25,14 @@ struct TimelineDay {
   std::chrono::year_month_day day;
   std::string name;  ///< "Sat 31 Jan"
   std::vector<TimelineBar> bars;
-  double seconds = 0;      ///< protected on that day
+  double seconds = 0;      ///< protected on that day, without what was not held
   std::string protection;  ///< "3 h 5 min"; empty when there was none
   bool operator==(const TimelineDay&) const = default;
 };
 
 struct EpisodeRow {
   std::string start;
-  std::string duration;
+  std::string duration;  ///< "1 h 30 min", and how much of it was not held
   std::string reasons;
   std::string ending;
   std::string battery;  ///< "80 % → 64 %"; empty without a battery
