@@ -149,11 +149,13 @@ TEST(LastHookEvents, outliveTheApplicationButNotItsTrials) {
     events.save();
     EXPECT_FALSE(std::filesystem::exists(path)) << "nothing new, nothing written";
     events.beginTrial("try");
+    EXPECT_TRUE(events.isOnTrial("try"));
     events.record(eventOf(AgentType::codex, AgentState::working, "try"));
     events.record(eventOf(AgentType::claude, AgentState::working, "a"));
     time.advance(std::chrono::seconds(5));
     events.record(eventOf(AgentType::claude, AgentState::idle, "b"));
     events.endTrial("try");
+    EXPECT_FALSE(events.isOnTrial("try"));
     events.endTrial("never begun");
     EXPECT_EQ(
         events.all(),

@@ -17,7 +17,10 @@ class History : public testing::Test {
  protected:
   void open(std::size_t most = 100) {
     history_.emplace(
-        ProtectionHistory::Options{.path = path_, .mostEpisodes = most, .isHeld = [this] { return isHeld_; }},
+        ProtectionHistory::Options{.path = path_,
+                                   .mostEpisodes = most,
+                                   .isHeld = [this] { return isHeld_; },
+                                   .isOnTrial = [this](const std::string& id) { return id == trial_; }},
         time_);
   }
   /// One evaluation a second for the given time.
@@ -50,6 +53,7 @@ class History : public testing::Test {
   std::optional<ProtectionHistory> history_;
   bool isGranted_ = true;  ///< whether a mechanism grants holds
   bool isHeld_ = false;
+  std::string trial_;  ///< the session that is a test
 };
 
 TEST_F(History, tellsWhatHeldTheMachineAwakeAndWhyItStopped) {
@@ -116,6 +120,30 @@ TEST_F(History, whatWasNotHeldIsNotCountedAsProtected) {
   EXPECT_EQ(totals.protectedSeconds, 1 + 15);
   EXPECT_EQ(totals.sleepsPrevented,
             (std::map<AgentType, std::int64_t>{{AgentType::claude, 2}, {AgentType::aider, 1}}));
+}
+
+TEST_F(History, leavesOutTests) {
+  open();
+  trial_ = "aider0";
+  live(1, WakeDecision::hold("Aider working", 1, false), {AgentType::aider});
+  live(1, idle_);
+  EXPECT_TRUE(history_->episodes().empty()) << "nothing but a test was there";
+
+  live(10, WakeDecision::hold("Manual hold requested", 0, false));
+  trial_ = "aider1";
+  live(2, WakeDecision::hold("Aider, Claude Code working", 2, false), {AgentType::claude, AgentType::aider});
+  live(10, WakeDecision::hold("Claude Code working", 1, false), {AgentType::claude});
+  live(1, idle_);
+  trial_ = "aider0";
+  live(5, WakeDecision::hold("Aider working", 2, false), {AgentType::aider, AgentType::aider});
+  const auto episodes = history_->episodes();
+  ASSERT_EQ(episodes.size(), 2U);
+  EXPECT_EQ(episodes[0].workingSeconds, (std::map<AgentType, double>{{AgentType::claude, 12}}));
+  EXPECT_EQ(episodes[0].reasons, (std::vector<std::string>{"Manual hold requested", "Claude Code working"}));
+  EXPECT_EQ(episodes[0].counts.back().count, 1);
+  EXPECT_EQ(episodes[1].counts.front().count, 1);
+  EXPECT_EQ(totalsOf(episodes).sleepsPrevented,
+            (std::map<AgentType, std::int64_t>{{AgentType::claude, 1}, {AgentType::aider, 1}}));
 }
 
 TEST_F(History, aCrashLeavesAnInterruptedEpisodeAndAStopAStoppedOne) {

@@ -106,7 +106,9 @@ Application::Application(PlatformServices platform, QueueProvider& queues, const
       ProtectionHistory::Options{
           .path = directories.applicationSupport + "/Vimbrel/history.jsonl",
           .isHeld = [assertions = parts.idleAssertionController] { return assertions->isActive(); },
-          .isLidCovered = [deepHold = deepHold_] { return deepHold->report().cover == LidCover::covered; }},
+          .isLidCovered = [deepHold = deepHold_] { return deepHold->report().cover == LidCover::covered; },
+          .isOnTrial = [last = options.lastHookEvents](
+                           const std::string& session) { return last && last->isOnTrial(session); }},
       clock);
   parts.services = {
       deepHold_,     commandHolds_, std::make_shared<WaitingGrace>(), std::make_shared<LongestHold>(),

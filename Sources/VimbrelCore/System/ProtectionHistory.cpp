@@ -22,6 +22,11 @@ constexpr std::size_t mostCounts = 500;
 // The debounce names its remaining seconds; as a reason it is one.
 constexpr std::string_view debouncePrefix = "Release debounce";
 
+/// By the user's own hold or a command's, whatever agents do.
+bool isHeldBesideAgents(const PolicyEvaluationContext& context) {
+  return context.config.manualHoldEnabled || !context.commandHold.empty();
+}
+
 std::string lineOf(const ProtectionEpisode& episode) {
   return toJson(episode).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
 }
@@ -64,7 +69,14 @@ void ProtectionHistory::didDecide(const PolicyEvaluationContext& context,
                                   const WakeDecision& decision) {
   lastBattery_ = context.powerSource.batteryPercent;
   if (const auto* hold = decision.asHold()) {
-    if (!open_) begin(context);
+    if (!open_) {
+      // What holds for a test alone is no time of protection.
+      const auto trials = std::ranges::count_if(context.sessions.entries(), [&](const auto& session) {
+        return session->isWorking() && isOnTrial(*session);
+      });
+      if (trials > 0 && trials == hold->activeAgentCount && !isHeldBesideAgents(context)) return;
+      begin(context);
+    }
     update(context, *hold);
     return;
   }
@@ -89,6 +101,10 @@ void ProtectionHistory::didStop() {
   end(EpisodeEnding::stopped, std::nullopt);
 }
 
+bool ProtectionHistory::isOnTrial(const AgentSession& session) const {
+  return options_.isOnTrial && options_.isOnTrial(session.id);
+}
+
 void ProtectionHistory::begin(const PolicyEvaluationContext& context) {
   open_.emplace();
   open_->startedAt = open_->endedAt = context.now;
@@ -104,8 +120,13 @@ void ProtectionHistory::update(const PolicyEvaluationContext& context, const Wak
 
   std::set<AgentType> working;
   std::int64_t count = 0;
+  bool hasTrial = false;  // the reason then names its agent, and is not kept
   for (const auto& session : context.sessions.entries()) {
     if (!session->isWorking()) continue;
+    if (isOnTrial(*session)) {
+      hasTrial = true;
+      continue;
+    }
     ++count;
     working.insert(session->agentType);
   }
@@ -115,7 +136,7 @@ void ProtectionHistory::update(const PolicyEvaluationContext& context, const Wak
   }
   const auto reason = hold.reason.starts_with(debouncePrefix) ? std::string(debouncePrefix) : hold.reason;
   bool changed = false;
-  if (std::ranges::find(open_->reasons, reason) == open_->reasons.end() &&
+  if (!hasTrial && std::ranges::find(open_->reasons, reason) == open_->reasons.end() &&
       open_->reasons.size() < mostReasons) {
     open_->reasons.push_back(reason);
     changed = true;

@@ -27,6 +27,9 @@ class ProtectionHistory final : public CoordinatorService {
     /// Whether the system assertion is held now, and whether the closed lid is covered; may be empty.
     std::function<bool()> isHeld;
     std::function<bool()> isLidCovered;
+    /// Whether the session with this identifier is a test of an integration, not an agent at work; may be
+    /// empty.
+    std::function<bool(const std::string&)> isOnTrial;
   };
 
   /// Reads what is there. An episode that was going on when the application last ended without a word is
@@ -47,6 +50,7 @@ class ProtectionHistory final : public CoordinatorService {
 
  private:
   void load();
+  [[nodiscard]] bool isOnTrial(const AgentSession& session) const;
   void begin(const PolicyEvaluationContext& context);
   void update(const PolicyEvaluationContext& context, const WakeDecision::Hold& hold);
   /// Lets the open episode last until `now`.

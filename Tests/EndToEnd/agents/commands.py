@@ -136,6 +136,7 @@ def try_waiting(sandbox):
 
 
 def try_tests(sandbox):
+    history = sandbox.ask("history")
     for agent in agents:
         done = sandbox.command("agents", "test", agent, "--json")
         require(done.returncode == 0, done.stderr)
@@ -147,6 +148,7 @@ def try_tests(sandbox):
     eventually(lambda: not sessions(sandbox), "no session of a test stays")
     state = eventually(lambda: not (now := sandbox.ask("status"))["isHolding"] and now, "nothing is held any more")
     require(not state["lastEvents"], "and nothing is remembered")
+    require(sandbox.ask("history") == history, "nor is it in the history")
 
     # One that is killed between its report and its end.
     install(sandbox, "slow-relay", "cat > %s.in; %s \"$@\" < %s.in; kill -9 $PPID; sleep 1000 & exit 0"

@@ -59,6 +59,11 @@ void LastHookEvents::endTrial(const std::string& sessionId) {
   if (const auto trial = trials_.find(sessionId); trial != trials_.end()) trials_.erase(trial);
 }
 
+bool LastHookEvents::isOnTrial(const std::string& sessionId) const {
+  const std::lock_guard guard(lock_);
+  return trials_.contains(sessionId);
+}
+
 void LastHookEvents::save() {
   nlohmann::json document = nlohmann::json::object();
   {

@@ -36,6 +36,7 @@ class LastHookEvents {
   /// While a session is on trial, its events are not an agent's and are not recorded.
   void beginTrial(std::string sessionId);
   void endTrial(const std::string& sessionId);
+  [[nodiscard]] bool isOnTrial(const std::string& sessionId) const;
 
   /// Writes the file if there is something new. Main queue; a failure is logged.
   void save();
