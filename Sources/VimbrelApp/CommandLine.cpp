@@ -124,9 +124,9 @@ void describe(CLI::App& app, Invocation& in) {
   set->add_option("key", in.key, say("The setting"))->required();
   set->add_option("value", in.value, say("on or off, a number, a duration such as 45s, a time"))->required();
   addJsonFlag(set, in);
-  auto* reset = add(*settings, "reset", say("Give one setting, or all, the default again"), in,
+  auto* reset = add(*settings, "reset", say("Give one setting, or all but launchAtLogin, the default again"), in,
                     [&] { return settingsResetCommand(in.key, in.output()); });
-  reset->add_option("key", in.key, say("The setting; all when it is left out"));
+  reset->add_option("key", in.key, say("The setting; all but launchAtLogin when it is left out"));
   addJsonFlag(reset, in);
 
   add(app, "pause", say("Let the machine sleep for a while: pause 45m, pause until 14:00"), in,

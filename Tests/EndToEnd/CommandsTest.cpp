@@ -151,7 +151,7 @@ TEST(Commands, steerTheRunningApplication) {
               {{"settings", "set", "masterEnabled", "perhaps"}, 2, "perhaps"},
               {{"pause", "0s"}, 2, "more than 0"},
               {{"settings", "set", "waitingGraceSeconds", "10m"}, 0, "waitingGraceSeconds = 600 seconds"},
-              {{"settings", "set", "waitingGraceSeconds", "none"}, 0, "waitingGraceSeconds = none"},
+              {{"settings", "set", "waitingGraceSeconds", "none"}, 0, "waitingGraceSeconds = none\n"},
               {{"settings", "set", "maximumHoldSeconds", "5"}, 2, "from 60 to 604800, or none"},
               {{"status", "--format", "plain"}, 0, "idle\n"},
               {{"history"}, 0, "Protected for"},

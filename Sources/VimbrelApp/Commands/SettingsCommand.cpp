@@ -24,7 +24,9 @@ std::string text(const json& object, const char* key) {
 }
 
 std::string withUnit(const json& setting) {
-  const auto unit = text(setting, "unit");
+  // "none" has no unit.
+  const auto value = setting.find("value");
+  const auto unit = value == setting.end() || value->is_null() ? std::string{} : text(setting, "unit");
   return text(setting, "text") + (unit.empty() ? "" : " " + retell(unit));
 }
 
