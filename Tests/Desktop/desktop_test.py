@@ -159,6 +159,15 @@ class Windows(Desktop):
         self.press("Reset", Atspi.Role.PUSH_BUTTON)
         eventually(lambda: self.status()["settings"]["batteryFloorPercent"] == 15)
 
+    def test_the_agents_page_names_the_file_that_the_agent_reads(self):
+        self.tray.terminate()
+        self.tray.wait(PATIENCE)
+        # The application was started elsewhere and knows nothing of it.
+        self.start_tray(CLAUDE_CONFIG_DIR=str(HOME / "claudecfg"))
+        self.open_page("Agents")
+        self.press("Claude Code…", Atspi.Role.LIST_ITEM)
+        self.see("Goes into ~/claudecfg/settings.json…")
+
     def test_every_page_names_what_can_be_used(self):
         self.event("claude", "working")
         usable = {Atspi.Role.PUSH_BUTTON, Atspi.Role.CHECK_BOX, Atspi.Role.SPIN_BUTTON, Atspi.Role.COMBO_BOX,

@@ -120,8 +120,8 @@ class Desktop(unittest.TestCase):
                                             stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         eventually(lambda: self.status() is not None)
 
-    def start_tray(self):
-        self.tray = subprocess.Popen([TRAY, *self.tray_options])
+    def start_tray(self, **variables):
+        self.tray = subprocess.Popen([TRAY, *self.tray_options], env={**os.environ, **variables})
         eventually(self.program)
         if HOST == "trayer":
             eventually(self.item_stands_still)

@@ -14,6 +14,7 @@
 #include <algorithm>
 #include <nlohmann/json.hpp>
 
+#include "AgentMonitoring/Adapters/AgentAdapter.h"
 #include "Presentation/TimeText.h"
 #include "Say.h"
 #include "Support/Clock.h"
@@ -33,6 +34,15 @@ constexpr int listEmblem = 32;
 constexpr int headingEmblem = 48;
 
 QString text(const std::string& value) { return QString::fromStdString(value); }
+
+/// What the user's shell would find, as far as the session's environment tells.
+json ownEnvironment() {
+  json environment = json::object();
+  for (const char* name : AgentEnvironment::variableNames()) {
+    if (qEnvironmentVariableIsSet(name)) environment[name] = qEnvironmentVariable(name).toStdString();
+  }
+  return environment;
+}
 
 QString statusLine(const AgentRow& row) {
   QStringList parts{text(row.status)};
@@ -147,12 +157,7 @@ void AgentsPage::showIntroduction() {
 void AgentsPage::refresh() {
   showIntroduction();
   if (rows_.empty()) status_->setText(tr("Looking for agents…"));
-  // What the user's shell would find, as far as the session's environment tells.
-  json environment = json::object();
-  for (const char* name : {"HOME", "PATH", "XDG_CONFIG_HOME", "XDG_DATA_HOME"}) {
-    if (qEnvironmentVariableIsSet(name)) environment[name] = qEnvironmentVariable(name).toStdString();
-  }
-  ask("agents", {{"environment", environment}},
+  ask("agents", {{"environment", ownEnvironment()}},
       [this](const json& result) { showRows(makeAgentRows(result)); });
 }
 
@@ -205,9 +210,10 @@ void AgentsPage::select(int index) {
   emblem_->setPixmap(agentTile(row.agent, headingEmblem, devicePixelRatioF()));
   showStatus(row);
   isWatching_ = false;
-  ask("agents.setup", {{"agent", rawValue(row.agent)}}, [this, agent = row.agent](const json& result) {
-    if (agent == chosen_) showSetup(makeAgentInstructions(result));
-  });
+  ask("agents.setup", {{"agent", rawValue(row.agent)}, {"environment", ownEnvironment()}},
+      [this, agent = row.agent](const json& result) {
+        if (agent == chosen_) showSetup(makeAgentInstructions(result));
+      });
 }
 
 void AgentsPage::showSetup(const AgentInstructions& setup) {
