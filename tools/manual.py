@@ -122,7 +122,7 @@ def accepted(option: dict) -> str:
 def program_options(program: str) -> list[str]:
     """What `PROGRAM --help` prints, as a page: first the synopsis, then the options."""
     text = subprocess.run([program, "--help"], capture_output=True, text=True, check=True,
-                          env={**os.environ, "LC_ALL": "C", "QT_QPA_PLATFORM": "offscreen"}).stdout
+                          env={**os.environ, "LC_ALL": "C"}).stdout
     usage = re.search(r"[Uu]sage: (.*)", text).group(1)
     name, _, rest = usage.partition(" ")
     name = name.rsplit("/", 1)[-1]
@@ -190,7 +190,7 @@ def main() -> int:
                 inline("`vimbrel-tray` shows what `vimbrel run` does in the desktop's panel. It is a client of the "
                        "control socket and keeps no state of its own.", {}),
                 ".SH EXIT STATUS", ".TP", r"\fB0\fP", "It was told to end, or another one in this session opened what was asked for.",
-                ".TP", r"\fB2\fP", "Wrong usage."]
+                ".TP", r"\fB1\fP", "There is no display.", ".TP", r"\fB2\fP", "Wrong usage."]
         manual.write("vimbrel-tray(1)", "show vimbrel in the desktop's panel", body, pages)
 
     for page, summary, document, wanted, unwanted in DOCUMENT_PAGES:

@@ -4,6 +4,7 @@
 
 manual_test.py VIMBREL HELPER SOURCES MAN-DIRECTORY [TRAY]. The programs' own --help and their sources are the truth; the
 pages are made by another road (tools/manual.py), so that a fault of that road shows here."""
+import os
 import pathlib
 import re
 import subprocess
@@ -77,7 +78,7 @@ class Manual(unittest.TestCase):
                     "vimbrel-helper.8": {"0"} | set(re.findall(r"constexpr int exit\w+ = (\d);", helper))}
         if TRAY:
             tray = (SOURCES / "VimbrelTray/main.cpp").read_text()
-            programs["vimbrel-tray.1"] = set(re.findall(r"(?m)^ +return (\d);", tray))
+            programs["vimbrel-tray.1"] = set(re.findall(r"(?m)^ +return (?:std::unexpected\()?(\d)\)?;", tray))
         for page, program in programs.items():
             self.assertEqual(set(tagged(section(page, "EXIT STATUS"))), program, page)
 
@@ -112,6 +113,30 @@ class Manual(unittest.TestCase):
         # Qt adds one of its own to each program.
         self.assertEqual(page - {"--help-all"}, program)
         self.assertGreater(len(program), 4)
+
+    def test_the_tray_ends_as_its_page_says_where_there_is_no_display(self):
+        if not TRAY:
+            return
+        of_a_display = ("DISPLAY", "WAYLAND_DISPLAY", "WAYLAND_SOCKET", "QT_QPA_PLATFORM", "XDG_SESSION_TYPE")
+        nowhere = {name: value for name, value in os.environ.items() if name not in of_a_display}
+        nowhere["LC_ALL"] = "C"
+        for arguments, status, output, errors in (
+                (["--help"], 0, "--reduce-motion", ""), (["-h"], 0, "Usage: ", ""),
+                (["--version"], 0, "vimbrel-tray ", ""), (["-v", "-reverse"], 0, "vimbrel-tray ", ""),
+                (["--colour"], 2, "", "Unknown option 'colour'; see --help"),
+                (["--theme", "red"], 2, "", '--theme takes "light" or "dark", not "red"; see --help'),
+                (["--open", "door"], 2, "", '--open does not know "door"; see --help'),
+                (["open"], 2, "", '"open" is no option; see --help')):
+            # One that cannot be reached is none.
+            for environment in (nowhere, {**nowhere, "DISPLAY": "/nowhere:1"}):
+                done = subprocess.run([TRAY, *arguments], env=environment, capture_output=True, text=True, check=False)
+                self.assertEqual(done.returncode, status, (arguments, done))
+                self.assertIn(output, done.stdout)
+                self.assertEqual(done.stderr, f"vimbrel-tray: {errors}\n" if errors else "")
+        for arguments in ([], ["--open", "settings"], ["-reverse", "-style", "fusion"]):
+            done = subprocess.run([TRAY, *arguments], env=nowhere, capture_output=True, text=True, check=False)
+            self.assertEqual((done.returncode, done.stdout), (1, ""), done)
+            self.assertEqual(done.stderr, "vimbrel-tray: there is no display: neither DISPLAY nor WAYLAND_DISPLAY is set\n")
 
     def test_every_program_file_format_and_socket_has_a_page(self):
         for page in ("vimbrel.1", "vimbrel-relay.1", "vimbrel-helper.8", "vimbrel-settings.5", "vimbrel-files.5",
