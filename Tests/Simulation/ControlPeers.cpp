@@ -197,6 +197,7 @@ std::string ControlPeers::happen(const Draw& draw) {
 void ControlPeers::take(Peer& peer, const std::string& line) {
   if (line.starts_with(stateBegin)) {
     peer.stateLine = line;
+    service_->samples = 0;  // The state changed, though it may stand again as it did.
     return;
   }
   const auto message = json::parse(line, nullptr, false);
