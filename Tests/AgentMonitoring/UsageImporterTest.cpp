@@ -15,6 +15,7 @@
 #include <filesystem>
 #include <fstream>
 #include <random>
+#include <semaphore>
 #include <thread>
 
 #include "AgentMonitoring/UsageProviders/ClaudeUsageProvider.h"
@@ -148,14 +149,19 @@ TEST_P(UsageImport, racingWithLivePollsCountsEachMessageOnce) {
   }
   std::atomic<bool> isOver = false;
   std::size_t polled = 0;
+  // An import that is over before the first poll would leave nothing to race for.
+  std::binary_semaphore hasPolled{0};
   std::thread poller([&] {
-    while (!isOver || polled == 0) {
+    while (!isOver) {
       const auto provider =
           std::make_shared<ClaudeUsageProvider>(std::vector{directory_.file("claude")}, time_.mainQueue(),
                                                 time_, ModelRateCard::builtIn(), nullptr);
-      for (const auto& event : provider->pollLatestEvents()) polled += store_->record(event) ? 1 : 0;
+      for (const auto& event : provider->pollLatestEvents()) {
+        if (store_->record(event) && polled++ == 0) hasPolled.release();
+      }
     }
   });
+  hasPolled.acquire();
   const auto imported = import();
   isOver = true;
   poller.join();
