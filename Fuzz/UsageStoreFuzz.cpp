@@ -29,6 +29,16 @@ std::string written(const UsageLedger& contents) {
   return text;
 }
 
+void requireReadable(const UsageLedger& ledger) {
+  const auto text = written(ledger);
+  JsonPullReader reader(text);
+  const auto reread = usageStoreFormat::read(reader);
+  if (!reread || reread->ledger.events.size() != ledger.events.size() ||
+      reread->ledger.sessions.size() != ledger.sessions.size()) {
+    std::abort();
+  }
+}
+
 void checkStore(std::string_view text) {
   // In pieces of seven bytes, so that every token is cut somewhere.
   std::size_t at = 0;
@@ -43,13 +53,14 @@ void checkStore(std::string_view text) {
   const auto atOnce = usageStoreFormat::read(whole);
   if (inPieces.has_value() != atOnce.has_value()) std::abort();
   if (!atOnce) return;
-  const auto first = written(atOnce->ledger);
-  JsonPullReader again(first);
-  const auto reread = usageStoreFormat::read(again);
-  if (!reread || reread->ledger.events.size() != atOnce->ledger.events.size() ||
-      reread->ledger.sessions.size() != atOnce->ledger.sessions.size()) {
-    std::abort();
+  requireReadable(atOnce->ledger);
+  // Summed anew, as a journal's lines are: no sum may be a number that the file cannot hold.
+  UsageLedger summed;
+  UsageEventTable::Scratch scratch;
+  for (UsageEventTable::Row row = 0; row < atOnce->ledger.events.size(); ++row) {
+    (void)summed.accept(atOnce->ledger.events.view(row, scratch));
   }
+  requireReadable(summed);
 }
 
 void checkJournal(std::string_view line) {

@@ -6,6 +6,7 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 
+#include <cmath>
 #include <csignal>
 #include <filesystem>
 #include <nlohmann/json.hpp>
@@ -149,6 +150,80 @@ TEST(UsageStore, refusesWhatItsFileCannotHold) {
   EXPECT_EQ(world.open().recordAll(
                 {{nan, turn("\xff", "t", 1), turn("s", std::string(70'000, 'x'), 1), turn("s", "t", 2)}}),
             1U);
+  const auto infinity = std::numeric_limits<double>::infinity();
+  struct Case {
+    double at;
+    std::optional<double> cost;
+    bool isStorable;
+  };
+  int number = 0;
+  for (const auto& [at, cost, isStorable] : {
+           Case{1.7e308, {}, false},
+           Case{-1.7e308, {}, false},
+           Case{infinity, {}, false},
+           Case{1.1e12, {}, false},
+           Case{-1.1e12, {}, false},
+           Case{0, 1.7e308, false},
+           Case{0, -1.7e308, false},
+           Case{0, infinity, false},
+           Case{0, 1.1e9, false},
+           Case{1e12, 1e9, true},
+           Case{-1e12, -1e9, true},
+       }) {
+    auto event = turn("extremes", std::to_string(++number), 1, at);
+    event.costEstimateUSD = cost;
+    EXPECT_EQ(world.store->record(event), isStorable) << at << " " << cost.value_or(0);
+  }
+  EXPECT_EQ(world.open().eventCount(), 3U);
+}
+
+TEST(UsageStore, staysReadableWhateverItsJournalAddsUpTo) {
+  constexpr double most = 1.7e308;
+  World world;
+  std::string journal;
+  for (const double sign : {1.0, -1.0}) {
+    for (const char* id : {"1", "2", "3"}) {
+      auto event = turn(sign > 0 ? "rich" : "poor", id, 1, id[0] == '1' ? -most : most);
+      event.costEstimateUSD = sign * most;
+      usageStoreFormat::appendJournalLine(journal, event.view());
+    }
+  }
+  world.put("usage_store.journal.1", journal);
+  world.open().record(turn("s", "t", 1));
+  for (int reopened = 0; reopened < 2; ++reopened) {
+    EXPECT_EQ(world.open().eventCount(), 7U);
+    EXPECT_EQ(world.contents().find("inf"), std::string::npos);
+    for (const auto& session : world.store->recentSessions()) {
+      EXPECT_TRUE(std::isfinite(session.durationSeconds)) << session.id;
+      EXPECT_TRUE(std::isfinite(session.estimatedCostUSD.value_or(0))) << session.id;
+    }
+  }
+  // The difference to an earlier reading is not known at the end of a sum's range: it is made anew.
+  auto later = turn("rich", "1", 2, 0);
+  later.costEstimateUSD = 1;
+  EXPECT_TRUE(world.store->record(later));
+  later.turnId = "2";
+  EXPECT_TRUE(world.store->record(later));
+  for (const auto& session : world.store->recentSessions()) {
+    if (session.id == "rich") {
+      EXPECT_EQ(session.estimatedCostUSD, most) << "what the third of its events carries";
+    }
+  }
+}
+
+TEST(UsageStore, writesOnlyNumbersThatItCanRead) {
+  const auto nothing = std::numeric_limits<double>::quiet_NaN();
+  for (const double number : {std::numeric_limits<double>::infinity(), nothing}) {
+    auto event = turn("s", "t", 1);
+    event.costEstimateUSD = number;
+    event.quotaRemainingPercent = -number;
+    std::string line;
+    usageStoreFormat::appendJournalLine(line, event.view());
+    const auto read = usageStoreFormat::readJournalLine(line.substr(0, line.size() - 1));
+    ASSERT_TRUE(read) << line;
+    EXPECT_TRUE(std::isfinite(*read->costEstimateUSD));
+    EXPECT_TRUE(std::isfinite(*read->quotaRemainingPercent));
+  }
 }
 
 TEST(UsageStore, answersByTimeAndExportsOnlyTotals) {
@@ -313,6 +388,13 @@ TEST(UsageStore, givesEventsAPriceThatBecameKnownLater) {
     world.open();
   }
   EXPECT_EQ(world.store->priceUnpriced(card), 0U);
+  // Nor does a price bring in what an event could not.
+  auto another = turn("s", "5", 1'000'000);
+  another.modelId = "golden-model";
+  EXPECT_TRUE(world.store->record(another));
+  EXPECT_EQ(world.store->priceUnpriced(
+                ModelRateCard::builtIn().with({{"golden-model", {1e300, 8, 1, 2, 8}, std::nullopt}})),
+            0U);
 }
 
 TEST(UsageStore, agreesWithARecomputationAfterAnySequence) {

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <limits>
 
 #include "Support/SaturatingSum.h"
@@ -26,9 +27,14 @@ bool isAtLimit(std::int64_t value) {
          value == std::numeric_limits<std::int64_t>::min();
 }
 
+constexpr double largest = std::numeric_limits<double>::max();
+
+/// Sums of finite numbers may leave their range; like those of counts they stay at its end.
+double finite(double sum) { return std::isnan(sum) ? 0 : std::clamp(sum, -largest, largest); }
+
 void takeLatest(SessionUsageRecord& record, const UsageEventView& event) {
   record.lastActiveAt = std::max(record.lastActiveAt, event.timestamp);
-  record.durationSeconds = std::max((record.lastActiveAt - record.startedAt).count(), 0.0);
+  record.durationSeconds = finite(std::max((record.lastActiveAt - record.startedAt).count(), 0.0));
   if (event.contextWindow) record.contextWindow = event.contextWindow;
   if (event.quotaRemainingPercent) record.quotaRemainingPercent = event.quotaRemainingPercent;
 }
@@ -48,7 +54,7 @@ void SessionUsageRecord::fold(const UsageEventView& event) {
   const auto added = counts(event);
   const auto targets = sums(*this);
   for (std::size_t i = 0; i < targets.size(); ++i) *targets[i] = saturatingAdd(*targets[i], added[i]);
-  if (event.costEstimateUSD) estimatedCostUSD = estimatedCostUSD.value_or(0) + *event.costEstimateUSD;
+  if (event.costEstimateUSD) estimatedCostUSD = finite(estimatedCostUSD.value_or(0) + *event.costEstimateUSD);
   takeLatest(*this, event);
 }
 
@@ -59,12 +65,13 @@ bool SessionUsageRecord::exchange(const UsageEventView& earlier, const UsageEven
   for (const auto* target : targets) {
     if (isAtLimit(*target)) return false;
   }
+  if (std::fabs(estimatedCostUSD.value_or(0)) >= largest) return false;
   for (std::size_t i = 0; i < targets.size(); ++i) {
     *targets[i] = saturatingAdd(saturatingSubtract(*targets[i], removed[i]), added[i]);
   }
   if (earlier.costEstimateUSD || later.costEstimateUSD) {
-    estimatedCostUSD = estimatedCostUSD.value_or(0) - earlier.costEstimateUSD.value_or(0) +
-                       later.costEstimateUSD.value_or(0);
+    estimatedCostUSD = finite(estimatedCostUSD.value_or(0) - earlier.costEstimateUSD.value_or(0) +
+                              later.costEstimateUSD.value_or(0));
   }
   takeLatest(*this, later);
   return true;

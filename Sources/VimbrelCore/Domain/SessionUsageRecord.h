@@ -9,7 +9,8 @@
 
 namespace vimbrel {
 
-/// The running totals of one agent session. Counts are tokens and saturate; money is US dollars.
+/// The running totals of one agent session. Counts are tokens; money is US dollars. Sums saturate: they are
+/// finite whatever the events carry.
 struct SessionUsageRecord {
   std::string id;  ///< the events' session id
   AgentType agentType = AgentType::custom;

@@ -2,7 +2,10 @@
 #include "AgentMonitoring/UsageStore/UsageLedger.h"
 
 #include <algorithm>
+#include <cmath>
 #include <optional>
+
+#include "AgentMonitoring/UsageStore/UsageStoreFormat.h"
 
 namespace vimbrel {
 
@@ -61,6 +64,7 @@ std::size_t UsageLedger::priceUnpriced(const ModelRateCard& card) {
     }
     auto event = earlier.toEvent();
     event.costEstimateUSD = rate->price(billed);
+    if (!(std::fabs(*event.costEstimateUSD) <= usageStoreFormat::maximumCostUSD)) continue;
     auto counted = event.view();  // What the session last said of its window and quota stays.
     counted.contextWindow.reset();
     counted.quotaRemainingPercent.reset();

@@ -33,11 +33,15 @@ bool isWellFormed(std::string_view text) {
 
 /// What the file format cannot carry is not accepted into memory either, so that both always agree.
 bool isStorable(const UsageEvent& event) {
-  const auto isFinite = [](const std::optional<double>& number) { return !number || std::isfinite(*number); };
+  // Comparisons are false for what is no number.
+  const auto isWithin = [](std::optional<double> number, double limit) {
+    return !number || std::fabs(*number) <= limit;
+  };
   return isWellFormed(event.id) && isWellFormed(event.sessionId) && isWellFormed(event.source) &&
          isWellFormed(event.turnId.value_or("")) && isWellFormed(event.modelId.value_or("")) &&
-         std::isfinite(unixSeconds(event.timestamp)) && isFinite(event.costEstimateUSD) &&
-         isFinite(event.quotaRemainingPercent);
+         isWithin(unixSeconds(event.timestamp), usageStoreFormat::maximumUnixSeconds) &&
+         isWithin(event.costEstimateUSD, usageStoreFormat::maximumCostUSD) &&
+         isWithin(event.quotaRemainingPercent, std::numeric_limits<double>::max());
 }
 
 }  // namespace

@@ -20,6 +20,10 @@ namespace usageStoreFormat {
 inline constexpr std::int64_t schemaVersion = 1;
 /// Texts of an event that are longer than this are none that an agent writes; such events are refused.
 inline constexpr std::size_t maximumTextBytes = 1 << 16;
+/// Events further from 1970 than this many seconds, or with more US dollars, are refused, too: their sums
+/// would be no numbers any more.
+inline constexpr double maximumUnixSeconds = 1e12;
+inline constexpr double maximumCostUSD = 1e9;
 
 void write(OutputBuffer& output, const UsageLedger& ledger);
 

@@ -4,6 +4,7 @@
 #include <charconv>
 #include <cmath>
 #include <cstring>
+#include <limits>
 
 #include "Support/JsonWriter.h"
 
@@ -47,6 +48,11 @@ class RecordWriter {
   /// The shortest text that reads back as the same number. Times have at most milliseconds as a rule: those
   /// are found without the general search.
   static char* appendDouble(char* cursor, double value) {
+    if (!std::isfinite(value)) {
+      // JSON has no such number, and one of them would make the whole file unreadable.
+      constexpr double largest = std::numeric_limits<double>::max();
+      value = std::isnan(value) ? 0 : std::copysign(largest, value);
+    }
     const double thousandths = value * 1000;
     if (std::fabs(thousandths) < 1e15) {
       const auto whole = static_cast<std::int64_t>(std::llround(thousandths));
