@@ -4,8 +4,11 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <functional>
+#include <future>
 
 #include "AgentMonitoring/UsageReports.h"
+#include "Support/EventLoop.h"
 #include "Support/VirtualTime.h"
 #include "TemporaryDirectory.h"
 
@@ -46,6 +49,7 @@ class Usage : public testing::Test {
     parts.importHistory = [this](UsageStore& store, TurnOwners&, const std::atomic<bool>&) {
       EXPECT_EQ(provider_->starts, 0) << "history comes before the first poll";
       store.record(event("old", "msg_0", 5));
+      if (importing_) importing_(store);
     };
     usage_ = std::make_shared<UsageCoordinator>(std::move(parts), time_);
   }
@@ -79,6 +83,7 @@ class Usage : public testing::Test {
   VirtualTime time_{*parseIso8601("2026-03-07T12:00:00Z")};
   std::shared_ptr<FakeProvider> provider_;
   std::shared_ptr<UsageCoordinator> usage_;
+  std::function<void(UsageStore& store)> importing_;
 };
 
 TEST_F(Usage, recordsWhatProvidersDeliverAndRefreshesOnceForAPoll) {
@@ -102,6 +107,45 @@ TEST_F(Usage, recordsWhatProvidersDeliverAndRefreshesOnceForAPoll) {
   usage_->stop();
   time_.runReady();
   EXPECT_FALSE(provider_->deliver);
+}
+
+TEST_F(Usage, letsOnlySoManyEventsWaitForAnImport) {
+  constexpr int count = 10'000;
+  importing_ = [&](UsageStore& store) {
+    const auto before = store.eventCount();
+    for (int i = 0; i < count; ++i) usage_->handleUsageEvent(event("busy", std::to_string(i), 1));
+    EXPECT_GE(store.eventCount(), before + count / 2) << "the work queue cannot take them meanwhile";
+  };
+  usage_->start();
+  time_.runReady();
+  EXPECT_EQ(usage_->todaySummary().get().outputTokens, 5 + count);
+}
+
+TEST_F(Usage, recordsWhatWasHandedOverBeforeItsEnd) {
+  EventLoop loop;
+  UsageCoordinator::Parts parts;
+  parts.mainQueue = loop.mainQueue();
+  parts.workQueue = loop.makeQueue("work", QueueHome::background);
+  UsageStoreOptions options;
+  options.path = directory_.file("Vimbrel/orderly.json");
+  parts.openStore = [&] {
+    return UsageStore::open(options, loop.makeQueue("store", QueueHome::background), time_);
+  };
+  std::promise<void> handedOver;
+  parts.importHistory = [&](UsageStore&, TurnOwners&, const std::atomic<bool>&) {
+    handedOver.get_future().wait();  // Nothing is recorded before everything waits.
+  };
+  auto usage = std::make_shared<UsageCoordinator>(std::move(parts), time_);
+  usage->start();
+  for (int i = 0; i < 100; ++i) usage->handleUsageEvent(event("s", std::to_string(i), 1));
+  usage->stop();
+  usage->handleUsageEvent(event("s", "late", 1));
+  handedOver.set_value();
+  usage->drain(std::chrono::minutes(5));
+  usage.reset();
+  const auto store = UsageStore::open(options, time_.mainQueue(), time_);
+  ASSERT_TRUE(store) << store.error();
+  EXPECT_EQ((*store)->eventCount(), 101U);
 }
 
 TEST_F(Usage, publishesBudgetsAndTheirAlerts) {

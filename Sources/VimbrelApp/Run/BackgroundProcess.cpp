@@ -40,6 +40,9 @@ ApplicationOptions::Helper helperFor(const RunOptions& options) {
 /// The helper gives a lease up by itself when it runs out, so a slow one need not be waited for.
 constexpr auto helperPatience = 500ms;
 
+/// What a hook was told is taken must be in the store. The service manager kills after ten seconds.
+constexpr auto usagePatience = 5s;
+
 }  // namespace
 
 BackgroundProcess::BackgroundProcess(const RunOptions& options, std::string version)
@@ -222,6 +225,7 @@ void BackgroundProcess::run() {
   application_.stop();
   drawing_.reset();
   screen_ = nullptr;
+  usage_.coordinator->drain(usagePatience);
   application_.drain(helperPatience);
 }
 

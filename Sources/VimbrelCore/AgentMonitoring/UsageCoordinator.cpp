@@ -2,6 +2,7 @@
 #include "AgentMonitoring/UsageCoordinator.h"
 
 #include <algorithm>
+#include <future>
 #include <utility>
 
 #include "Domain/HookUsage.h"
@@ -13,6 +14,8 @@ namespace vimbrel {
 namespace {
 
 constexpr std::size_t recentSessionCount = 25;
+// So many events wait for the work queue at most, which an import of history keeps busy for long.
+constexpr std::size_t mostPending = 4096;
 
 /// The window of a model that the card does not know.
 std::int64_t defaultContextWindow(AgentType agent) {
@@ -97,8 +100,26 @@ void UsageCoordinator::stop() {
     const auto self = weak.lock();
     if (!self) return;
     for (const auto& provider : self->parts_.providers) provider->stopMonitoring();
-    if (self->store_) self->store_->stop();
+    if (!self->store_) return;
+    self->recordPending(*self->store_);
+    self->store_->stop();
   });
+}
+
+void UsageCoordinator::drain(std::chrono::milliseconds limit) {
+  const auto drained = std::make_shared<std::promise<void>>();
+  auto done = drained->get_future();
+  parts_.workQueue->post([weak = weak_from_this(), drained] {
+    // What came after the stop was answered, too.
+    if (const auto self = weak.lock(); self && self->store_) {
+      self->recordPending(*self->store_);
+      self->store_->stop();
+    }
+    drained->set_value();
+  });
+  if (done.wait_for(limit) != std::future_status::ready) {
+    logger_.error("Usage that was reported last is not recorded: the store takes too long");
+  }
 }
 
 void UsageCoordinator::openStoreIfNeeded() {
@@ -116,6 +137,7 @@ void UsageCoordinator::openStoreIfNeeded() {
   constexpr double always = 1e300;
   store_->forEachEvent(instantFromUnixSeconds(-always), instantFromUnixSeconds(always),
                        [this](const UsageEventView& event) { owners_.learn(event); });
+  openedStore_ = store_.get();
 }
 
 void UsageCoordinator::importHistory(std::function<void()> done) {
@@ -140,26 +162,41 @@ void UsageCoordinator::withStore(std::function<void(UsageStore*)> work) {
 }
 
 void UsageCoordinator::handleUsageEvent(const UsageEvent& event) {
+  std::size_t waiting = 0;
   {
     const std::lock_guard guard(lock_);
     pending_.push_back(event);
-    if (pending_.size() > 1) return;  // A flush is on its way and takes this one along.
+    waiting = pending_.size();
   }
+  if (waiting >= mostPending) {
+    if (auto* store = openedStore_.load()) recordPending(*store);
+  }
+  if (waiting > 1) return;  // A flush is on its way and takes this one along.
   parts_.workQueue->post([weak = weak_from_this()] {
     if (const auto self = weak.lock()) self->flush();
   });
 }
 
-void UsageCoordinator::flush() {
+/// Any thread.
+void UsageCoordinator::recordPending(UsageStore& store) {
   std::vector<UsageEvent> events;
   {
     const std::lock_guard guard(lock_);
     events.swap(pending_);
   }
-  openStoreIfNeeded();
-  if (!store_) return;
   for (auto& event : events) owners_.assign(event);
-  if (store_->recordAll(events) == 0) return;
+  if (store.recordAll(events) != 0) hasNews_ = true;
+}
+
+void UsageCoordinator::flush() {
+  openStoreIfNeeded();
+  if (!store_) {
+    const std::lock_guard guard(lock_);
+    pending_.clear();
+    return;
+  }
+  recordPending(*store_);
+  if (!hasNews_.exchange(false)) return;
   refreshBudgetReports();
   refreshSummaries();
 }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <expected>
 #include <functional>
 #include <map>
@@ -68,7 +69,11 @@ class UsageCoordinator : public std::enable_shared_from_this<UsageCoordinator> {
   /// Hears, on the providers' queues, of turns that their users interrupted. Before `start`.
   void setOnTurnInterrupted(const TurnInterruptionHandler& handler);
   void start();
+  /// What was handed over until now is recorded, on the work queue.
   void stop();
+  /// After `stop`, waits until all that was handed over is recorded, but at most so long. Not on virtual
+  /// time.
+  void drain(std::chrono::milliseconds limit);
   /// Records one event. What several events change is refreshed once.
   void handleUsageEvent(const UsageEvent& event);
   /// Records the tokens that a hook carries and makes them the agent's budget report.
@@ -94,6 +99,7 @@ class UsageCoordinator : public std::enable_shared_from_this<UsageCoordinator> {
  private:
   void openStoreIfNeeded();
   void flush();
+  void recordPending(UsageStore& store);
   void publishReports(Reports reports);
   void applyMeasured(ProviderBudgetReport& report) const;
   [[nodiscard]] bool knowsNewer(const ProviderBudgetReport& report) const;
@@ -111,7 +117,9 @@ class UsageCoordinator : public std::enable_shared_from_this<UsageCoordinator> {
 
   std::atomic<bool> cancelled_ = false;
   TurnOwners owners_;
-  std::unique_ptr<UsageStore> store_;  // the work queue's
+  std::unique_ptr<UsageStore> store_;               // the work queue's
+  std::atomic<UsageStore*> openedStore_ = nullptr;  // for the other threads, as soon as it is loaded
+  std::atomic<bool> hasNews_ = false;               // recorded, but not refreshed yet
   bool openFailed_ = false;
 
   Published<UsageSummary> todaySummary_{UsageSummary{}};

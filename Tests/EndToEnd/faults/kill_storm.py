@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """kill -9, again and again, at any moment: of the application while it records, of the helper while it holds, of the
-relay while it sends. No recorded usage is lost or doubled, no file is torn, nothing piles up, and each start works."""
+relay while it sends. No recorded usage is lost or doubled, no file is torn, nothing piles up, and each start works.
+And SIGTERM, after which nothing that was answered may be missing."""
 
 import json
 import os
@@ -54,6 +55,30 @@ def storm_on_the_application(sandbox, chance):
     leftovers = [name for name in os.listdir(sandbox.file(".config/com.vimbrel.app")) if name != "settings.json"]
     require(len(leftovers) <= 2, "files pile up beside the settings: %s" % leftovers)
     return written
+
+
+def orderly_ends(sandbox, chance):
+    """SIGTERM right after the last answer: what a hook was told is taken is there at the next start."""
+    expected = 0
+    for number in range(rounds):
+        sandbox.start() if number % 3 else sandbox.launch()
+        sent = 0
+        while sent < 20:
+            # Without a name for its turn, an event is known by its session, its time and its count.
+            tokens = 1000 * (number + 1) + sent
+            try:
+                answer = sandbox.hook(event("o%d-%d" % (number, sent), "working", input_tokens=tokens))
+            except OSError:
+                continue  # It has not begun to listen.
+            require(b'"ok":true' in answer, answer)
+            expected += tokens
+            sent += 1
+        require(sandbox.stop() == 0, "the application stops with 0")
+    sandbox.start()
+    today = sandbox.ask("usage.today")
+    require(today["totalTokens"] == expected, "%d tokens of %d" % (today["totalTokens"], expected))
+    require(today["turnCount"] == rounds * 20, "%d turns of %d" % (today["turnCount"], rounds * 20))
+    require(sandbox.stop() == 0, "the application stops with 0")
 
 
 def storm_on_the_helper(sandbox, chance):
@@ -115,8 +140,10 @@ def main():
         written = storm_on_the_application(sandbox, chance)
         storm_on_the_helper(sandbox, chance)
         storm_on_the_relay(sandbox, chance)
-    print("%d kills of the application, %d of the helper, %d of the relay; %d events, none lost, none doubled"
-          % (rounds + 1, rounds, rounds * 4, written))
+    with Sandbox() as sandbox:
+        orderly_ends(sandbox, chance)
+    print("%d kills of the application, %d of the helper, %d of the relay; %d events, none lost, none doubled; "
+          "%d orderly ends" % (rounds + 1, rounds, rounds * 4, written, rounds))
 
 
 main()

@@ -85,6 +85,11 @@ void HookIntake::setDelegate(std::weak_ptr<HookEventReceiverDelegate> delegate) 
   delegate_ = std::move(delegate);
 }
 
+void HookIntake::close() {
+  closed_ = true;
+  const std::lock_guard delivered(deliveryLock_);
+}
+
 void HookIntake::begin() { queue_->post(whileAlive(&HookIntake::watchListener)); }
 
 void HookIntake::watchListener() {
@@ -166,6 +171,8 @@ void HookIntake::handleDocument(int connection, std::string_view document) {
   if (senderObserver_) {
     if (const auto peer = peerCredentials(connection)) senderObserver_(*event, peer->pid);
   }
+  const std::lock_guard delivering(deliveryLock_);
+  if (closed_) return;
   send(connection, successAnswer);
   std::shared_ptr<HookEventReceiverDelegate> delegate;
   {

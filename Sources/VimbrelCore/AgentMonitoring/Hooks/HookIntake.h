@@ -35,8 +35,9 @@ class HookIntake : public std::enable_shared_from_this<HookIntake> {
   void setDelegate(std::weak_ptr<HookEventReceiverDelegate> delegate);
   /// Starts accepting. Once, by the owner.
   void begin();
-  /// Nothing further is accepted or delivered. Any thread.
-  void close() { closed_ = true; }
+  /// Nothing further is accepted or answered, and what was answered is delivered when this returns. Any
+  /// thread.
+  void close();
 
  private:
   struct Waiting {
@@ -69,6 +70,7 @@ class HookIntake : public std::enable_shared_from_this<HookIntake> {
   const Logger logger_{"hooks"};
   const std::unique_ptr<char[]> buffer_;  // For every read: a connection's bytes are used up before the next.
   std::atomic<bool> closed_{false};
+  std::recursive_mutex deliveryLock_;  ///< from an event's answer until it is delivered
   std::mutex delegateLock_;
   std::weak_ptr<HookEventReceiverDelegate> delegate_;
 
