@@ -132,6 +132,10 @@ struct HelperServer::State : std::enable_shared_from_this<State> {
 
   void ask(const std::shared_ptr<Connection>& connection) {
     connection->asked = true;
+    // The peer may have sent its end or more bytes: its socket would stay readable for as long as the
+    // authority takes, and the watch would fire without end. Whether the peer is still there shows when it is
+    // answered.
+    connection->readable.reset();
     auto request = decodeHelperRequest(connection->received);
     if (!request) return refuse(connection, request.error().text);
     authority->check(connection->peer, connection->socket.get(),

@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-// What peers may do to the real helper process.
+// What peers may do to the real helper process, and to its server in virtual time.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 
+#include <cerrno>
 #include <chrono>
 #include <fstream>
 #include <functional>
@@ -14,8 +15,11 @@
 #include "DeepHold/DeepHoldProtocolCodec.h"
 #include "DeepHold/HelperExchange.h"
 #include "HelperProcess.h"
+#include "HelperServer.h"
+#include "Simulation/DescriptorQueue.h"
 #include "Stranger.h"
 #include "Support/AtomicFile.h"
+#include "Support/VirtualTime.h"
 
 namespace vimbrel {
 namespace {
@@ -117,6 +121,68 @@ TEST(HelperPeers, delayNobodyByTheHundredOrWithoutEnd) {
   EXPECT_TRUE(isHeld(helper));
   EXPECT_TRUE(ask(helper, {HelperCommand::release, "A", std::nullopt}).ok);
   EXPECT_EQ(helper.end(SIGTERM), 0);
+}
+
+/// Decides when it is told to, as polkit does after a while.
+struct SlowAuthority : PeerAuthority {
+  void check(const PeerCredentials& /*peer*/, int /*connection*/, Verdict verdict) override {
+    asked = std::move(verdict);
+  }
+  Verdict asked;
+};
+
+TEST(HelperPeers, costNothingWhileTheDecisionOnThemIsAwaited) {
+  const std::string request = R"({"command":"status"})";
+  struct Case {
+    std::string name;
+    std::function<void(Fd&)> then;
+  };
+  const std::vector<Case> cases{
+      {"waits", [](Fd&) {}},
+      {"closed its half", [](const Fd& socket) { ::shutdown(socket.get(), SHUT_WR); }},
+      {"sent more", [](const Fd& socket) { (void)::send(socket.get(), "more", 4, MSG_NOSIGNAL); }},
+      {"went away", [](Fd& socket) { socket.reset(); }},
+  };
+  for (const auto& [name, then] : cases) {
+    const TemporaryDirectory directory;
+    VirtualTime time{instantFromReferenceSeconds(1000)};
+    const auto queue = std::make_shared<DescriptorQueue>(time.mainQueue());
+    const auto authority = std::make_shared<SlowAuthority>();
+    int handled = 0;
+    const HelperServer server(*listenOnUnixSocket(directory.file("s"), 0600, 4), queue, authority,
+                              [&](const HelperRequest&, const PeerCredentials&) {
+                                ++handled;
+                                return HelperResponse{true, std::nullopt, std::nullopt};
+                              });
+    const auto connectAndAsk = [&] {
+      auto socket = std::move(*connectToUnixSocket(directory.file("s"), 5000));
+      (void)::send(socket.get(), request.data(), request.size(), MSG_NOSIGNAL);
+      authority->asked = nullptr;
+      for (int turn = 0; turn < 100 && !authority->asked && queue->poll(); ++turn) time.runReady();
+      then(socket);
+      return socket;
+    };
+    const auto received = [](const Fd& socket) {
+      char answer[256];
+      return ::recv(socket.get(), answer, sizeof answer, MSG_DONTWAIT);
+    };
+
+    auto socket = connectAndAsk();
+    ASSERT_TRUE(authority->asked) << name;
+    EXPECT_FALSE(queue->poll()) << name << ": the helper is woken though it can do nothing";
+    authority->asked(std::nullopt);
+    EXPECT_EQ(handled, 1) << name;
+    EXPECT_TRUE(!socket || received(socket) > 0) << name;
+
+    // Nobody waits for a decision for longer than two seconds.
+    socket = connectAndAsk();
+    ASSERT_TRUE(authority->asked) << name;
+    time.advance(std::chrono::seconds(2));
+    EXPECT_TRUE(!socket || received(socket) == 0 || errno == ECONNRESET) << name;
+    EXPECT_FALSE(queue->poll()) << name;
+    authority->asked(std::nullopt);
+    EXPECT_EQ(handled, 1) << name;
+  }
 }
 
 TEST(HelperPeers, ofAnotherUserAreRefusedUnlessTheirGroupOwnsTheSocket) {
