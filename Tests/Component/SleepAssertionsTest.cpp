@@ -5,10 +5,14 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
+
 #include "CapturedLog.h"
 #include "Component/Rig.h"
 #include "Platform/Linux/LinuxSleepAssertions.h"
 #include "SleepAssertionsContract.h"
+#include "Support/VirtualTime.h"
 
 namespace vimbrel {
 namespace {
@@ -20,6 +24,39 @@ using testing::HasSubstr;
 
 constexpr auto systemSleep = AssertionType::preventUserIdleSystemSleep;
 constexpr auto displaySleep = AssertionType::preventUserIdleDisplaySleep;
+
+/// A queue that counts the timers on it that have not been dropped.
+class TimerCountingQueue final : public TaskQueue {
+ public:
+  explicit TimerCountingQueue(std::shared_ptr<TaskQueue> inner) : inner_(std::move(inner)) {}
+  [[nodiscard]] int timers() const { return *timers_; }
+
+  [[nodiscard]] const std::string& label() const override { return inner_->label(); }
+  void post(Task task) override { inner_->post(std::move(task)); }
+  Token after(std::chrono::nanoseconds delay, Task task) override {
+    ++*timers_;
+    auto token = std::make_shared<Token>(inner_->after(delay, std::move(task)));
+    return Token{[token, timers = timers_] {
+      token->reset();
+      --*timers;
+    }};
+  }
+  Token every(std::chrono::nanoseconds first, std::chrono::nanoseconds interval, TimerPrecision precision,
+              std::move_only_function<void()> task) override {
+    return inner_->every(first, interval, precision, std::move(task));
+  }
+  Token watchReadable(int descriptor, std::move_only_function<void()> ready) override {
+    return inner_->watchReadable(descriptor, std::move(ready));
+  }
+  Token onceWritable(int descriptor, Task ready) override {
+    return inner_->onceWritable(descriptor, std::move(ready));
+  }
+  [[nodiscard]] bool isCurrent() const override { return inner_->isCurrent(); }
+
+ private:
+  const std::shared_ptr<TaskQueue> inner_;
+  const std::shared_ptr<int> timers_ = std::make_shared<int>(0);
+};
 
 struct World {
   EventLoop loop;
@@ -175,6 +212,95 @@ TEST_F(Session, takesAgainWhatARestartedServiceForgot) {
                                       std::pair{"power-management", "org.freedesktop.PowerManagement"}}) {
     EXPECT_TRUE(eventually(loop, [&] { return state(name) == MechanismState::granted; })) << name;
     EXPECT_EQ(occurrences(heldBy(service), "Vimbrel: test"), 1);
+  }
+}
+
+/// The session's services, which answer late by a clock that stands still until it is told to move; only the
+/// buses live in real time.
+class SlowSession : public testing::Test {
+ protected:
+  using State = MechanismState;
+  struct Service {
+    const char* mechanism;
+    const char* name;
+    AssertionType type;
+  };
+  static constexpr std::array services{
+      Service{"gnome-session", "org.gnome.SessionManager", systemSleep},
+      Service{"power-management", "org.freedesktop.PowerManagement", systemSleep},
+      Service{"screensaver", "org.freedesktop.ScreenSaver", displaySleep}};
+
+  [[nodiscard]] MechanismStatus mechanism(const Service& service) const {
+    const auto all = assertions.mechanisms();
+    return *std::ranges::find(all, service.mechanism, &MechanismStatus::name);
+  }
+  bool becomes(const Service& service, State state) {
+    return eventually(loop, [&] {
+      time.runReady();
+      return mechanism(service).state == state;
+    });
+  }
+  static int held(const Service& service) {
+    return occurrences(rig::busCall("session", service.name, "/mock", "org.vimbrel.Mock.Held"), "Vimbrel");
+  }
+  static void order(const Service& service, const std::string& what) {
+    EXPECT_EQ(rig::busCall("session", service.name, "/mock", "org.vimbrel.Mock." + what), "()\n") << what;
+  }
+  /// Asks the service, which takes it and says nothing, and lets time pass. The others grant theirs.
+  AssertionHandle askInVain(const Service& service) {
+    order(service, "Delay");
+    const auto handle = assertions.create(service.type, "Vimbrel: test");
+    EXPECT_TRUE(handle) << service.mechanism;
+    EXPECT_EQ(mechanism(service).state, State::available);
+    // A call with a time-out would lose the answer, and the cookie in it, when that is over.
+    EXPECT_TRUE(eventually(loop, [&] { return sessionQueue->timers() == 0; })) << service.mechanism;
+    time.advance(std::chrono::seconds(26));
+    EXPECT_EQ(mechanism(service), (MechanismStatus{service.mechanism, State::refused, "no answer in time"}));
+    time.advance(std::chrono::minutes(10));
+    EXPECT_EQ(held(service), 1) << service.mechanism << " was asked again";
+    EXPECT_EQ(mechanism(service).state, State::refused);
+    return handle.value_or(0);
+  }
+
+  EventLoop loop;
+  VirtualTime time{instantFromReferenceSeconds(1000)};
+  std::shared_ptr<TimerCountingQueue> sessionQueue = std::make_shared<TimerCountingQueue>(loop.mainQueue());
+  std::shared_ptr<BusConnection> system = std::make_shared<BusConnection>(BusKind::system, loop.mainQueue());
+  std::shared_ptr<BusConnection> session = std::make_shared<BusConnection>(BusKind::session, sessionQueue);
+  LinuxSleepAssertions assertions{time.mainQueue(), system, session, ""};
+};
+
+TEST_F(SlowSession, isBelievedHoweverLateItAnswers) {
+  for (const auto& service : services) {
+    const auto handle = askInVain(service);
+    order(service, "Answer");
+    EXPECT_TRUE(becomes(service, State::granted)) << service.mechanism;
+    EXPECT_EQ(held(service), 1) << service.mechanism;
+    assertions.release(handle);
+    EXPECT_TRUE(eventually(loop, [&] { return held(service) == 0; })) << service.mechanism;
+  }
+}
+
+TEST_F(SlowSession, getsBackWhatIsNotWantedAnyMore) {
+  for (const auto& service : services) {
+    assertions.release(askInVain(service));
+    EXPECT_EQ(held(service), 1) << service.mechanism;
+    order(service, "Answer");
+    EXPECT_TRUE(becomes(service, State::available)) << service.mechanism;
+    EXPECT_TRUE(eventually(loop, [&] { return held(service) == 0; })) << service.mechanism;
+  }
+}
+
+TEST_F(SlowSession, isAskedAgainWhenItEndsWithoutAnAnswer) {
+  for (const auto& service : services) {
+    const auto handle = askInVain(service);
+    rig::order(std::string("kill ") + service.mechanism);
+    EXPECT_TRUE(becomes(service, State::missing)) << service.mechanism;
+    rig::order(std::string("start ") + service.mechanism);
+    EXPECT_TRUE(becomes(service, State::granted)) << service.mechanism;
+    EXPECT_EQ(held(service), 1) << service.mechanism;
+    assertions.release(handle);
+    EXPECT_TRUE(eventually(loop, [&] { return held(service) == 0; })) << service.mechanism;
   }
 }
 

@@ -9,6 +9,7 @@ usage: mock_desktop.py gnome-session|power-management|screensaver|screensaver-ba
 "portal-desktop" is the desktop behind xdg-desktop-portal: it grants every global shortcut, or declines after
 Decline() at /mock, and Press() presses the one that was bound last.
 Every service also answers Held() -> as, "reason" of each inhibitor, at /mock on interface org.vimbrel.Mock.
+After Delay() there, it takes inhibitors as before but does not say so until Answer().
 """
 import sys
 
@@ -39,16 +40,49 @@ def take(sender, application, reason, flags=0, exported=None, first=1):
 take.count = 0
 
 
+delayed = None  # what to say, and to whom, as soon as answers are given again
+
+
+def answer(reply, cookie):
+    if delayed is None:
+        reply(cookie)
+    else:
+        delayed.append((reply, cookie))
+
+
 def release(cookie):
     entry = held.pop(int(cookie), None)
     if entry and entry[3]:
         entry[3].remove_from_connection()
 
 
+def asked_to_inhibit(interface, signature):
+    """A method that may answer later."""
+    return dbus.service.method(
+        interface,
+        in_signature=signature,
+        out_signature="u",
+        sender_keyword="sender",
+        async_callbacks=("reply", "refuse"),
+    )
+
+
 class Mock(dbus.service.Object):
     @dbus.service.method("org.vimbrel.Mock", out_signature="as")
     def Held(self):
         return dbus.Array([entry[1] for entry in held.values()], signature="s")
+
+    @dbus.service.method("org.vimbrel.Mock")
+    def Delay(self):
+        global delayed
+        delayed = []
+
+    @dbus.service.method("org.vimbrel.Mock")
+    def Answer(self):
+        global delayed
+        late, delayed = delayed, None
+        for reply, cookie in late:
+            reply(cookie)
 
 
 class GnomeInhibitor(dbus.service.Object):
@@ -70,9 +104,9 @@ class GnomeInhibitor(dbus.service.Object):
 class GnomeSession(dbus.service.Object):
     NAME = "org.gnome.SessionManager"
 
-    @dbus.service.method(NAME, in_signature="susu", out_signature="u", sender_keyword="sender")
-    def Inhibit(self, application, window, reason, flags, sender):
-        return take(sender, application, reason, flags, GnomeInhibitor)
+    @asked_to_inhibit(NAME, "susu")
+    def Inhibit(self, application, window, reason, flags, sender, reply, refuse):
+        answer(reply, take(sender, application, reason, flags, GnomeInhibitor))
 
     @dbus.service.method(NAME, in_signature="u")
     def Uninhibit(self, cookie):
@@ -86,9 +120,9 @@ class GnomeSession(dbus.service.Object):
 class PowerManagement(dbus.service.Object):
     NAME = "org.freedesktop.PowerManagement.Inhibit"
 
-    @dbus.service.method(NAME, in_signature="ss", out_signature="u", sender_keyword="sender")
-    def Inhibit(self, application, reason, sender):
-        return take(sender, application, reason)
+    @asked_to_inhibit(NAME, "ss")
+    def Inhibit(self, application, reason, sender, reply, refuse):
+        answer(reply, take(sender, application, reason))
 
     @dbus.service.method(NAME, in_signature="u")
     def UnInhibit(self, cookie):
@@ -103,9 +137,9 @@ class ScreenSaver(dbus.service.Object):
     NAME = "org.freedesktop.ScreenSaver"
     first = 1
 
-    @dbus.service.method(NAME, in_signature="ss", out_signature="u", sender_keyword="sender")
-    def Inhibit(self, application, reason, sender):
-        return take(sender, application, reason, first=self.first)
+    @asked_to_inhibit(NAME, "ss")
+    def Inhibit(self, application, reason, sender, reply, refuse):
+        answer(reply, take(sender, application, reason, first=self.first))
 
     @dbus.service.method(NAME, in_signature="u")
     def UnInhibit(self, cookie):

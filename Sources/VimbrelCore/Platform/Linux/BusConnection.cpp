@@ -22,7 +22,7 @@ using SteadyClock = std::chrono::steady_clock;
 namespace {
 
 constexpr std::chrono::seconds longestPause{30};
-constexpr std::uint64_t noTimeout = UINT64_MAX;
+constexpr std::uint64_t never = UINT64_MAX;
 
 BusError systemError(int code) { return {"System.Error", std::strerror(std::abs(code))}; }
 
@@ -93,7 +93,7 @@ struct BusConnection::Impl : std::enable_shared_from_this<Impl> {
   std::chrono::seconds pause{1};
   Token readWatch, writeWatch, timer, reconnection;
   bool writing = false;
-  std::uint64_t armedFor = noTimeout;
+  std::uint64_t armedFor = never;
 
   void connect();
   void close();
@@ -131,7 +131,7 @@ void BusConnection::Impl::close() {
   writeWatch.reset();
   timer.reset();
   writing = false;
-  armedFor = noTimeout;
+  armedFor = never;
   for (auto& [text, name] : names) name->slot.reset();
   for (auto& [id, subscription] : subscriptions) subscription->slot.reset();
   for (auto& [id, entry] : pending) entry->slot.reset();
@@ -179,19 +179,19 @@ void BusConnection::Impl::arm() {
       self->pump();
     });
   }
-  std::uint64_t due = noTimeout;
-  if (sd_bus_get_timeout(bus, &due) < 0) due = noTimeout;
+  std::uint64_t due = never;
+  if (sd_bus_get_timeout(bus, &due) < 0) due = never;
   if (due == armedFor) return;
   armedFor = due;
   timer.reset();
-  if (due == noTimeout) return;
+  if (due == never) return;
   const auto now =
       std::chrono::duration_cast<std::chrono::microseconds>(SteadyClock::now().time_since_epoch());
   const auto left = std::chrono::microseconds(due) - now;
   timer = queue->after(std::max<std::chrono::nanoseconds>(left, 0ns), [weak = weak_from_this()] {
     const auto self = weak.lock();
     if (!self) return;
-    self->armedFor = noTimeout;
+    self->armedFor = never;
     self->pump();
   });
 }
@@ -236,8 +236,9 @@ void BusConnection::Impl::call(const BusMethod& method, const std::vector<BusArg
     }
     return 0;
   };
-  result = sd_bus_call_async(bus, &slot, message.get(), answered, entry.get(),
-                             static_cast<std::uint64_t>(std::chrono::microseconds(timeout).count()));
+  const auto limit =
+      timeout == noTimeout ? never : static_cast<std::uint64_t>(std::chrono::microseconds(timeout).count());
+  result = sd_bus_call_async(bus, &slot, message.get(), answered, entry.get(), limit);
   if (result < 0) {
     entry->done(std::unexpected(systemError(result)));
     return;
@@ -400,8 +401,8 @@ bool BusConnection::waitFor(std::initializer_list<BusConnection*> connections,
       auto* bus = connection->impl_->bus;
       if (bus == nullptr) continue;
       descriptors.push_back({sd_bus_get_fd(bus), static_cast<short>(sd_bus_get_events(bus)), 0});
-      std::uint64_t due = noTimeout;
-      if (sd_bus_get_timeout(bus, &due) >= 0 && due != noTimeout) {
+      std::uint64_t due = never;
+      if (sd_bus_get_timeout(bus, &due) >= 0 && due != never) {
         wake = std::min(wake, SteadyClock::time_point(std::chrono::microseconds(due)));
       }
     }

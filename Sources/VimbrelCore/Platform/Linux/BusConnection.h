@@ -42,6 +42,8 @@ using BusReply = std::expected<BusMessage, BusError>;
 class BusConnection {
  public:
   static constexpr std::chrono::milliseconds replyTimeout{5000};
+  /// For calls whose answer counts however late it comes.
+  static constexpr std::chrono::milliseconds noTimeout = std::chrono::milliseconds::max();
 
   BusConnection(BusKind kind, std::shared_ptr<TaskQueue> queue);
   ~BusConnection();
@@ -49,7 +51,8 @@ class BusConnection {
   BusConnection& operator=(const BusConnection&) = delete;
 
   /// Calls a method. `done` is called once, never inline unless there is no
-  /// connection: with the answer, with its error, or when the time-out or the connection's end came first.
+  /// connection: with the answer, with its error, or when the time-out, the end of the service's process or
+  /// the connection's end came first. An answer that comes after the time-out is lost.
   void call(const BusMethod& method, const std::vector<BusArgument>& arguments,
             std::function<void(BusReply)> done, std::chrono::milliseconds timeout = replyTimeout);
   /// Calls a method whose answer nobody needs.

@@ -61,18 +61,19 @@ GnomeSessionInhibitor::GnomeSessionInhibitor(Flag flag, std::shared_ptr<BusConne
                                              std::shared_ptr<TaskQueue> queue)
     : SleepInhibitor("gnome-session", sessionManager, std::move(sessionBus), std::move(queue)), flag_(flag) {}
 
-void GnomeSessionInhibitor::take(const std::string& reason, Taken done) {
-  auto answered = [weak = weak_from_this(), done = std::move(done)](BusReply reply) {
+void GnomeSessionInhibitor::take(const std::string& reason, unsigned round) {
+  auto answered = [weak = weak_from_this(), round](BusReply reply) {
     const auto self = std::static_pointer_cast<GnomeSessionInhibitor>(weak.lock());
-    if (!self) return;
-    if (!reply) return done(std::unexpected(std::move(reply.error())));
+    if (!self || !self->awaits(round)) return;
+    if (!reply) return self->answered(round, std::unexpected(std::move(reply.error())));
     self->cookie_ = reply->readUnsigned();
-    if (!self->cookie_) return done(std::unexpected(BusError{"Malformed", "it answered without a cookie"}));
-    done({});
+    if (!self->cookie_)
+      return self->answered(round, std::unexpected(BusError{"Malformed", "it answered without a cookie"}));
+    self->answered(round, {});
   };
   constexpr std::uint32_t noWindow = 0;
   bus().call(method("Inhibit"), {inhibitorName, noWindow, reason, static_cast<std::uint32_t>(flag_)},
-             std::move(answered), takeTimeout);
+             std::move(answered), BusConnection::noTimeout);
 }
 
 void GnomeSessionInhibitor::readBack(std::function<void(ReadBack)> done) {

@@ -20,7 +20,7 @@ class GnomeSessionInhibitor final : public SleepInhibitor {
  private:
   struct Search;
 
-  void take(const std::string& reason, Taken done) override;
+  void take(const std::string& reason, unsigned round) override;
   void readBack(std::function<void(ReadBack)> done) override;
   void giveBack() override;
   bool outlivesService() override;

@@ -8,6 +8,7 @@
 #include "Platform/Linux/LogindInhibitor.h"
 #include "Platform/Linux/PowerManagementInhibitor.h"
 #include "Platform/Linux/ScreenSaverInhibitor.h"
+#include "Support/Sentence.h"
 
 namespace vimbrel {
 
@@ -113,7 +114,7 @@ AssertionError LinuxSleepAssertions::errorFor(AssertionType type) const {
     if (!error.detail.empty()) error.detail += "; ";
     error.detail += status.name + ": " + status.detail;
     if (!part.inhibitor->isSettled()) {
-      error.detail += part.inhibitor->isOffered() ? "no answer in time" : "";
+      error.detail += part.inhibitor->isOffered() ? sentence("no answer in time") : "";
       error.fault = AssertionFault::timedOut;
     } else if (const auto& failure = part.inhibitor->failure()) {
       if (failure->isDenied()) error.fault = AssertionFault::denied;

@@ -38,16 +38,19 @@ bool listsOurLock(BusMessage& reply) {
 LogindInhibitor::LogindInhibitor(std::shared_ptr<BusConnection> systemBus, std::shared_ptr<TaskQueue> queue)
     : SleepInhibitor("logind", loginService, std::move(systemBus), std::move(queue)) {}
 
-void LogindInhibitor::take(const std::string& reason, Taken done) {
-  auto answered = [weak = weak_from_this(), done = std::move(done)](BusReply reply) {
+void LogindInhibitor::take(const std::string& reason, unsigned round) {
+  auto answered = [weak = weak_from_this(), round](BusReply reply) {
     const auto self = std::static_pointer_cast<LogindInhibitor>(weak.lock());
-    if (!self) return;  // The descriptor in the answer closes with it, which gives the lock back.
-    if (!reply) return done(std::unexpected(std::move(reply.error())));
+    if (!self || !self->awaits(round))
+      return;  // The descriptor in the answer closes with it, which gives the lock back.
+    if (!reply) return self->answered(round, std::unexpected(std::move(reply.error())));
     self->lock_ = reply->readDescriptor();
-    if (!self->lock_) return done(std::unexpected(BusError{"Malformed", "logind answered without a lock"}));
-    done({});
+    if (!self->lock_)
+      return self->answered(round, std::unexpected(BusError{"Malformed", "logind answered without a lock"}));
+    self->answered(round, {});
   };
-  bus().call(manager("Inhibit"), {"idle", inhibitorName, reason, "block"}, std::move(answered), takeTimeout);
+  bus().call(manager("Inhibit"), {"idle", inhibitorName, reason, "block"}, std::move(answered),
+             BusConnection::noTimeout);
 }
 
 void LogindInhibitor::readBack(std::function<void(ReadBack)> done) {

@@ -14,7 +14,7 @@ class LogindInhibitor final : public SleepInhibitor {
   LogindInhibitor(std::shared_ptr<BusConnection> systemBus, std::shared_ptr<TaskQueue> queue);
 
  private:
-  void take(const std::string& reason, Taken done) override;
+  void take(const std::string& reason, unsigned round) override;
   void readBack(std::function<void(ReadBack)> done) override;
   void giveBack() override;
   // A restarted logind finds its locks again in /run/systemd/inhibit.

@@ -19,16 +19,17 @@ PowerManagementInhibitor::PowerManagementInhibitor(std::shared_ptr<BusConnection
                                                    std::shared_ptr<TaskQueue> queue)
     : SleepInhibitor("power-management", powerManagement, std::move(sessionBus), std::move(queue)) {}
 
-void PowerManagementInhibitor::take(const std::string& reason, Taken done) {
-  auto answered = [weak = weak_from_this(), done = std::move(done)](BusReply reply) {
+void PowerManagementInhibitor::take(const std::string& reason, unsigned round) {
+  auto answered = [weak = weak_from_this(), round](BusReply reply) {
     const auto self = std::static_pointer_cast<PowerManagementInhibitor>(weak.lock());
-    if (!self) return;
-    if (!reply) return done(std::unexpected(std::move(reply.error())));
+    if (!self || !self->awaits(round)) return;
+    if (!reply) return self->answered(round, std::unexpected(std::move(reply.error())));
     self->cookie_ = reply->readUnsigned();
-    if (!self->cookie_) return done(std::unexpected(BusError{"Malformed", "it answered without a cookie"}));
-    done({});
+    if (!self->cookie_)
+      return self->answered(round, std::unexpected(BusError{"Malformed", "it answered without a cookie"}));
+    self->answered(round, {});
   };
-  bus().call(method("Inhibit"), {inhibitorName, reason}, std::move(answered), takeTimeout);
+  bus().call(method("Inhibit"), {inhibitorName, reason}, std::move(answered), BusConnection::noTimeout);
 }
 
 void PowerManagementInhibitor::readBack(std::function<void(ReadBack)> done) {

@@ -12,7 +12,7 @@ class PowerManagementInhibitor final : public SleepInhibitor {
   PowerManagementInhibitor(std::shared_ptr<BusConnection> sessionBus, std::shared_ptr<TaskQueue> queue);
 
  private:
-  void take(const std::string& reason, Taken done) override;
+  void take(const std::string& reason, unsigned round) override;
   void readBack(std::function<void(ReadBack)> done) override;
   void giveBack() override;
   bool outlivesService() override;

@@ -21,24 +21,26 @@ ScreenSaverInhibitor::ScreenSaverInhibitor(std::shared_ptr<BusConnection> sessio
                                            std::shared_ptr<TaskQueue> queue)
     : SleepInhibitor("screensaver", screenSaver, std::move(sessionBus), std::move(queue)) {}
 
-void ScreenSaverInhibitor::take(const std::string& reason, Taken done) { takeAt(0, reason, std::move(done)); }
+void ScreenSaverInhibitor::take(const std::string& reason, unsigned round) { takeAt(0, reason, round); }
 
-void ScreenSaverInhibitor::takeAt(std::size_t pathIndex, const std::string& reason, Taken done) {
-  auto answered = [weak = weak_from_this(), pathIndex, reason, done = std::move(done)](BusReply reply) {
+void ScreenSaverInhibitor::takeAt(std::size_t pathIndex, const std::string& reason, unsigned round) {
+  auto answered = [weak = weak_from_this(), pathIndex, reason, round](BusReply reply) {
     const auto self = std::static_pointer_cast<ScreenSaverInhibitor>(weak.lock());
-    if (!self) return;
+    if (!self || !self->awaits(round)) return;
     if (!reply) {
       if (reply.error().isUnknown() && pathIndex + 1 < paths.size()) {
-        return self->takeAt(pathIndex + 1, reason, done);
+        return self->takeAt(pathIndex + 1, reason, round);
       }
-      return done(std::unexpected(std::move(reply.error())));
+      return self->answered(round, std::unexpected(std::move(reply.error())));
     }
     self->path_ = pathIndex;
     self->cookie_ = reply->readUnsigned();
-    if (!self->cookie_) return done(std::unexpected(BusError{"Malformed", "it answered without a cookie"}));
-    done({});
+    if (!self->cookie_)
+      return self->answered(round, std::unexpected(BusError{"Malformed", "it answered without a cookie"}));
+    self->answered(round, {});
   };
-  bus().call(method(pathIndex, "Inhibit"), {inhibitorName, reason}, std::move(answered), takeTimeout);
+  bus().call(method(pathIndex, "Inhibit"), {inhibitorName, reason}, std::move(answered),
+             BusConnection::noTimeout);
 }
 
 void ScreenSaverInhibitor::readBack(std::function<void(ReadBack)> done) {

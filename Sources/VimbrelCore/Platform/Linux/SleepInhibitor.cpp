@@ -8,7 +8,9 @@
 namespace vimbrel {
 namespace {
 constexpr std::chrono::seconds retryInterval{30};
-}
+// A service may be busy. Only what is shown depends on it.
+constexpr std::chrono::seconds patience{25};
+}  // namespace
 
 SleepInhibitor::SleepInhibitor(std::string mechanism, std::string service, std::shared_ptr<BusConnection> bus,
                                std::shared_ptr<TaskQueue> queue)
@@ -50,7 +52,7 @@ void SleepInhibitor::unwant() {
 }
 
 bool SleepInhibitor::isSettled() const {
-  return owner_.has_value() && phase_ != Phase::taking && phase_ != Phase::readingBack;
+  return owner_.has_value() && (phase_ != Phase::taking || failure_) && phase_ != Phase::readingBack;
 }
 
 MechanismStatus SleepInhibitor::status() const {
@@ -71,6 +73,7 @@ void SleepInhibitor::ownerChanged(const std::string& owner) {
     const bool held = phase_ == Phase::held || phase_ == Phase::readingBack;
     ++round_;
     recheck_.reset();
+    patience_.reset();
     failure_.reset();
     retaking_ = retaking_ || (wanted_ && held);
     phase_ = held && outlivesService() ? Phase::orphaned : Phase::idle;
@@ -86,13 +89,19 @@ void SleepInhibitor::ownerChanged(const std::string& owner) {
 
 void SleepInhibitor::begin() {
   phase_ = Phase::taking;
-  take(reason_, [weak = weak_from_this(), round = ++round_](std::expected<void, BusError> result) {
-    if (const auto self = weak.lock()) self->answered(round, std::move(result));
+  patience_ = queue_->after(patience, [weak = weak_from_this()] {
+    const auto self = weak.lock();
+    if (!self || self->phase_ != Phase::taking) return;
+    self->failure_ = BusError{"org.freedesktop.DBus.Error.Timeout", sentence("no answer in time")};
+    self->announce();
   });
+  take(reason_, ++round_);
 }
 
 void SleepInhibitor::answered(unsigned round, std::expected<void, BusError> result) {
-  if (round != round_) return;
+  if (!awaits(round)) return;
+  patience_.reset();
+  failure_.reset();
   if (!result) return finish(Phase::idle, std::move(result.error()));
   if (!wanted_) {
     giveBack();

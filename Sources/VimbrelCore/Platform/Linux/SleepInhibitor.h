@@ -20,9 +20,10 @@ inline constexpr const char* inhibitorName = "Vimbrel";
 
 /// One thing that one service can hold for us, taken when it is wanted and the service is there. This class
 /// keeps the order of things, alike for every service: take, read back, take again after the service's
-/// restart and now and then after a refusal, give back; a subclass knows how each is said to its service. An
-/// answer that comes late is still honoured: what it granted is kept when it is still wanted, else given
-/// back. Queue: the bus's.
+/// restart and now and then after a refusal, give back; a subclass knows how each is said to its service. A
+/// service that has not answered after 25 seconds counts as one that refuses, but is not asked again: its
+/// answer is honoured however late it comes. What it granted is kept when it is still wanted, else given
+/// back. Queue: the bus's; timers may be another's on the same thread.
 class SleepInhibitor : public std::enable_shared_from_this<SleepInhibitor> {
  public:
   enum class ReadBack {
@@ -48,23 +49,25 @@ class SleepInhibitor : public std::enable_shared_from_this<SleepInhibitor> {
   /// The service is there and confirmed what it holds, or cannot be asked.
   [[nodiscard]] bool isHeld() const { return phase_ == Phase::held; }
   [[nodiscard]] bool isOffered() const { return !owner_.value_or("").empty(); }
-  /// True when nothing is under way: no answer is awaited, and it is known whether the service is there.
+  /// True when nothing is under way that is worth waiting for: no answer is awaited, or it is overdue, and it
+  /// is known whether the service is there.
   [[nodiscard]] bool isSettled() const;
-  /// Why the service did not do what was wanted, until it is asked again.
+  /// Why the service did not do what was wanted, until it is asked again or answers after all.
   [[nodiscard]] const std::optional<BusError>& failure() const { return failure_; }
   [[nodiscard]] MechanismStatus status() const;
   [[nodiscard]] const std::string& mechanism() const { return mechanism_; }
 
  protected:
-  using Taken = std::function<void(std::expected<void, BusError>)>;
-  /// A service may be busy; what it grants late still counts, so it is waited for long.
-  static constexpr std::chrono::milliseconds takeTimeout{25000};
-
   /// `mechanism` is its name for people, `service` the bus name that offers it.
   SleepInhibitor(std::string mechanism, std::string service, std::shared_ptr<BusConnection> bus,
                  std::shared_ptr<TaskQueue> queue);
 
-  virtual void take(const std::string& reason, Taken done) = 0;
+  /// Asks the service without a time-out, because what an answer grants after that could never be given back.
+  /// An answer that is awaited goes to `answered`, after what it grants has been kept.
+  virtual void take(const std::string& reason, unsigned round) = 0;
+  /// False when the answer is about a service that is gone: there is nothing in it to keep.
+  [[nodiscard]] bool awaits(unsigned round) const { return round == round_; }
+  void answered(unsigned round, std::expected<void, BusError> result);
   virtual void readBack(std::function<void(ReadBack)> done) = 0;
   virtual void giveBack() = 0;
   /// The service's process ended. True when what is held survives that and only needs to be read back once
@@ -81,7 +84,6 @@ class SleepInhibitor : public std::enable_shared_from_this<SleepInhibitor> {
 
   void ownerChanged(const std::string& owner);
   void begin();
-  void answered(unsigned round, std::expected<void, BusError> result);
   void verify(unsigned round, bool mayWait);
   void finish(Phase phase, std::optional<BusError> failure);
   void announce() const;
@@ -102,6 +104,7 @@ class SleepInhibitor : public std::enable_shared_from_this<SleepInhibitor> {
   std::optional<BusError> failure_;
   Token nameWatch_;
   Token recheck_;
+  Token patience_;
 };
 
 }  // namespace vimbrel
