@@ -3,7 +3,11 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+#include <ctime>
 #include <limits>
+#include <string>
+#include <tuple>
 
 namespace vimbrel {
 namespace {
@@ -42,6 +46,23 @@ TEST(CalendarZone, knowsTheDayOfAnInstantAndItsBeginning) {
   copy = CalendarZone();
   EXPECT_EQ(copy.dayOf(midnight), localDay(midnight));
   EXPECT_EQ(startOfLocalDay(localDay(midnight)), CalendarZone(copy).startOf(localDay(midnight)));
+}
+
+TEST(CalendarZone, followsTheUsersZoneWhenItChanges) {
+  const char* before = std::getenv("TZ");
+  const std::string zone = before != nullptr ? before : "";
+  const auto evening = parseIso8601("2026-01-31T20:00:00Z").value();
+  for (const auto& [name, day, hour] :
+       {std::tuple("Asia/Tokyo", 1, 5), std::tuple("America/New_York", 31, 15), std::tuple("UTC", 31, 20)}) {
+    ::setenv("TZ", name, 1);  // and nobody says so to the C library
+    EXPECT_EQ(static_cast<unsigned>(localDay(evening).day()), static_cast<unsigned>(day)) << name;
+    ::setenv("TZ", "UTC", 1);
+    ::tzset();
+    ::setenv("TZ", name, 1);
+    EXPECT_EQ(localFields(evening).tm_hour, hour) << name;
+  }
+  before != nullptr ? ::setenv("TZ", zone.c_str(), 1) : ::unsetenv("TZ");
+  ::tzset();
 }
 
 TEST(CalendarZone, takesAnyInstant) {

@@ -9,6 +9,7 @@
 #include "Control/ControlSocketPath.h"
 #include "Control/RpcError.h"
 #include "Say.h"
+#include "Support/CalendarDay.h"
 #include "Support/Clock.h"
 #include "Terminal/DisplayText.h"
 
@@ -69,9 +70,7 @@ Instant currentTime() { return SystemClock().now(); }
 std::string localTime(const std::string& iso8601) {
   const auto instant = parseIso8601(iso8601);
   if (!instant) return "";
-  const auto time = static_cast<std::time_t>(unixSeconds(*instant));
-  std::tm broken{};
-  localtime_r(&time, &broken);
+  const auto broken = localFields(*instant);
   char shown[32];
   std::strftime(shown, sizeof shown, "%Y-%m-%d %H:%M", &broken);
   return shown;

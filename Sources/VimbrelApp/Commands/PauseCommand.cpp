@@ -7,6 +7,7 @@
 #include "Commands/ControlSession.h"
 #include "Commands/ExitCode.h"
 #include "Say.h"
+#include "Support/CalendarDay.h"
 #include "Support/DurationText.h"
 #include "Terminal/DisplayText.h"
 #include "Terminal/StatusView.h"
@@ -24,10 +25,8 @@ std::optional<Instant> nextTimeOfDay(const std::string& text, Instant now) {
   char rest = 0;
   if (std::sscanf(text.c_str(), "%2d:%2d%c", &hour, &minute, &rest) != 2) return std::nullopt;
   if (hour < 0 || hour > 23 || minute < 0 || minute > 59) return std::nullopt;
-  const auto seconds = static_cast<std::time_t>(unixSeconds(now));
   for (int day = 0; day <= 1; ++day) {
-    std::tm fields{};
-    ::localtime_r(&seconds, &fields);
+    auto fields = localFields(now);
     fields.tm_mday += day;
     fields.tm_hour = hour;
     fields.tm_min = minute;

@@ -16,6 +16,7 @@
 #include "Control/ControlSocketPath.h"
 #include "DateWords.h"
 #include "Say.h"
+#include "Support/CalendarDay.h"
 #include "Support/DollarText.h"
 #include "Support/StrictJson.h"
 #include "Terminal/DisplayText.h"
@@ -88,9 +89,7 @@ std::string percent(double value) { return std::to_string(std::lround(std::clamp
 
 /// "14:00" today, "Mon 14:00" later.
 std::string clockTime(double unixTime) {
-  const auto time = static_cast<std::time_t>(std::clamp(unixTime, 0.0, 1e11));
-  std::tm broken{};
-  localtime_r(&time, &broken);
+  const auto broken = localFields(instantFromUnixSeconds(std::clamp(unixTime, 0.0, 1e11)));
   char shown[32];
   std::strftime(shown, sizeof shown, "%H:%M", &broken);
   if (unixTime - unixSeconds(currentTime()) <= 86400) return shown;

@@ -8,6 +8,7 @@
 #include "Domain/AgentState.h"
 #include "Domain/AgentType.h"
 #include "Say.h"
+#include "Support/CalendarDay.h"
 #include "Support/DurationText.h"
 #include "Terminal/DisplayText.h"
 #include "Terminal/Table.h"
@@ -147,14 +148,8 @@ void addLid(std::vector<std::string>& lines, const json& state, std::size_t widt
 }  // namespace
 
 std::string localTime(Instant moment, Instant now) {
-  const auto split = [](Instant at) {
-    const auto seconds = static_cast<std::time_t>(unixSeconds(at));
-    std::tm fields{};
-    ::localtime_r(&seconds, &fields);
-    return fields;
-  };
-  const auto then = split(moment);
-  const auto today = split(now);
+  const auto then = localFields(moment);
+  const auto today = localFields(now);
   const bool isToday = then.tm_yday == today.tm_yday && then.tm_year == today.tm_year;
   char buffer[64];
   const auto length = std::strftime(buffer, sizeof buffer, isToday ? "%H:%M" : "%Y-%m-%d %H:%M", &then);

@@ -49,14 +49,12 @@ std::optional<CalendarZone> CalendarZone::named(const std::string& name) {
 }
 
 year_month_day CalendarZone::dayOf(Instant instant) const {
-  const auto seconds = wholeSeconds(instant);
   if (zone_) {
-    const auto civil = cctz::convert(std::chrono::sys_time<cctz::seconds>(cctz::seconds(seconds)), *zone_);
+    const cctz::seconds seconds(wholeSeconds(instant));
+    const auto civil = cctz::convert(std::chrono::sys_time<cctz::seconds>(seconds), *zone_);
     return makeDay(static_cast<int>(civil.year()), civil.month(), civil.day());
   }
-  const auto time = static_cast<std::time_t>(seconds);
-  std::tm broken{};
-  localtime_r(&time, &broken);
+  const auto broken = localFields(instant);
   return makeDay(broken.tm_year + 1900, broken.tm_mon + 1, broken.tm_mday);
 }
 
@@ -76,6 +74,15 @@ Instant CalendarZone::startOf(year_month_day day) const {
   broken.tm_mday = dayOfMonth;
   broken.tm_isdst = -1;  // The library knows whether summer time was in force.
   return instantFromUnixSeconds(static_cast<double>(std::mktime(&broken)));
+}
+
+std::tm localFields(Instant instant) {
+  // mktime looks whether the zone has changed; localtime_r stays with the one it found first.
+  ::tzset();
+  const auto time = static_cast<std::time_t>(wholeSeconds(instant));
+  std::tm broken{};
+  ::localtime_r(&time, &broken);
+  return broken;
 }
 
 year_month_day localDay(Instant instant) { return CalendarZone().dayOf(instant); }

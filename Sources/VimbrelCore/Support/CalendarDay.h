@@ -2,6 +2,7 @@
 #pragma once
 
 #include <chrono>
+#include <ctime>
 #include <memory>
 #include <optional>
 #include <string>
@@ -34,6 +35,9 @@ class CalendarZone {
   std::unique_ptr<cctz::time_zone> zone_;  ///< null: the user's, of which the C library knows most
 };
 
+/// The user's clock and calendar at a moment, in the time zone of now: one that was changed while the program
+/// runs is followed.
+[[nodiscard]] std::tm localFields(Instant instant);
 /// As `CalendarZone().dayOf`.
 [[nodiscard]] std::chrono::year_month_day localDay(Instant instant);
 /// As `CalendarZone().startOf`.

@@ -20,9 +20,7 @@ using nlohmann::json;
 namespace {
 
 std::string clockText(Instant moment) {
-  const auto seconds = static_cast<std::time_t>(unixSeconds(moment));
-  std::tm fields{};
-  ::localtime_r(&seconds, &fields);
+  const auto fields = localFields(moment);
   char buffer[64];
   return {buffer, std::strftime(buffer, sizeof buffer, "%H:%M", &fields)};
 }

@@ -14,13 +14,6 @@
 namespace vimbrel::desktop {
 namespace {
 
-std::tm localFields(Instant moment) {
-  const auto seconds = static_cast<std::time_t>(std::floor(unixSeconds(moment)));
-  std::tm fields{};
-  ::localtime_r(&seconds, &fields);
-  return fields;
-}
-
 std::string formatted(const std::tm& fields, const char* format) {
   char buffer[64];
   return {buffer, std::strftime(buffer, sizeof buffer, format, &fields)};
