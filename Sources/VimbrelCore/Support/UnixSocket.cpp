@@ -7,9 +7,11 @@
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <sys/un.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "Support/Sentence.h"
 
@@ -23,11 +25,39 @@ sockaddr_un addressOf(const std::string& path) {
   return address;
 }
 
-std::string parentOf(const std::string& path) {
-  const auto slash = path.rfind('/');
-  if (slash == std::string::npos) return ".";
-  return slash == 0 ? "/" : path.substr(0, slash);
-}
+/// Lets one process at a time make the socket: two that start together must not take each other's, bound and
+/// not yet listening, for a stale one. The lock is a file of our own, which nobody else can open, beside the
+/// socket: the directory may be one that everybody can open and lock, such as /run. Where there can be no
+/// such file (a full disk), the socket is made without.
+class SocketLock {
+ public:
+  explicit SocketLock(const std::string& socketPath) : path_(socketPath + ".lock") {
+    // Each attempt that finds the file gone means that another process is done with its socket.
+    for (int attempt = 0; attempt < 1000; ++attempt) {
+      Fd file(::open(path_.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
+      struct stat ours{};
+      struct stat there{};
+      // What somebody else put there could be locked by them for ever.
+      if (!file || ::fstat(file.get(), &ours) != 0 || ours.st_uid != ::geteuid()) return;
+      while (::flock(file.get(), LOCK_EX) != 0) {
+        if (errno != EINTR) return;
+      }
+      if (::lstat(path_.c_str(), &there) == 0 && there.st_ino == ours.st_ino && there.st_dev == ours.st_dev) {
+        file_ = std::move(file);
+        return;
+      }
+    }
+  }
+  ~SocketLock() {
+    if (file_) ::unlink(path_.c_str());
+  }
+  SocketLock(const SocketLock&) = delete;
+  SocketLock& operator=(const SocketLock&) = delete;
+
+ private:
+  const std::string path_;
+  Fd file_;
+};
 
 std::unexpected<SocketError> failure(const char* operation, int code) {
   return std::unexpected(SocketError{SocketFault::system, operation, code});
@@ -59,10 +89,7 @@ bool isUnixSocketServed(const std::string& path) {
 std::expected<Fd, SocketError> listenOnUnixSocket(const std::string& path, mode_t mode, int backlog) {
   if (path.size() > maximumSocketPathLength)
     return std::unexpected(SocketError{SocketFault::pathTooLong, "bind", 0});
-  // Two processes that start together must not take each other's socket, bound and not yet listening, for a
-  // stale one. The lock goes with the descriptor.
-  const Fd directory(::open(parentOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (directory) ::flock(directory.get(), LOCK_EX);
+  const SocketLock lock(path);
   if (isUnixSocketServed(path)) return std::unexpected(SocketError{SocketFault::alreadyServed, "bind", 0});
   ::unlink(path.c_str());
   Fd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));

@@ -28,7 +28,8 @@ struct SocketError {
 };
 
 /// A non-blocking, close-on-exec stream socket bound to `path` with the given mode and listening. A socket
-/// file that nobody serves (left by a crash) is replaced; one that somebody serves gives `alreadyServed`.
+/// file that nobody serves (left by a crash) is replaced; one that somebody serves gives `alreadyServed`. Of
+/// several processes that start together one gets the socket; meanwhile "<path>.lock" keeps them apart.
 [[nodiscard]] std::expected<Fd, SocketError> listenOnUnixSocket(const std::string& path, mode_t mode,
                                                                 int backlog);
 
