@@ -22,6 +22,37 @@ std::int64_t wholeSeconds(Instant instant) {
   return static_cast<std::int64_t>(std::floor(std::clamp(seconds, -outermost, outermost)));
 }
 
+/// What the local clock shows, as if it were universal time.
+std::int64_t clockHere(std::int64_t seconds) {
+  const auto time = static_cast<std::time_t>(seconds);
+  std::tm broken{};
+  localtime_r(&time, &broken);
+  return seconds + broken.tm_gmtoff;
+}
+
+/// The first moment of the day by the local clock. The library's own way back, mktime, gives either of two
+/// midnights, and of none either side.
+std::int64_t startOfDayHere(year_month_day day) {
+  ::tzset();  // The machine may have been taken to another zone.
+  const auto midnight =
+      std::chrono::duration_cast<std::chrono::seconds>(std::chrono::sys_days(day).time_since_epoch()).count();
+  constexpr std::int64_t wholeDay = 86400;
+  const auto near = midnight - (clockHere(midnight) - midnight);
+  auto before = near - wholeDay;
+  auto after = near + wholeDay;
+  // By the clock of the day before the change, then of the day after it: the first counts.
+  for (const auto side : {before, after}) {
+    const auto start = midnight - (clockHere(side) - side);
+    if (clockHere(start) == midnight) return start;
+  }
+  // A change skips it: the day begins with the change.
+  while (after - before > 1) {
+    const auto middle = before + (after - before) / 2;
+    (clockHere(middle) < midnight ? before : after) = middle;
+  }
+  return after;
+}
+
 year_month_day makeDay(int year, int month, int day) {
   return std::chrono::year{year} / std::chrono::month{static_cast<unsigned>(month)} /
          std::chrono::day{static_cast<unsigned>(day)};
@@ -59,21 +90,14 @@ year_month_day CalendarZone::dayOf(Instant instant) const {
 }
 
 Instant CalendarZone::startOf(year_month_day day) const {
-  const auto year = static_cast<int>(day.year());
-  const auto month = static_cast<int>(static_cast<unsigned>(day.month()));
-  const auto dayOfMonth = static_cast<int>(static_cast<unsigned>(day.day()));
   if (zone_) {
-    const auto found = zone_->lookup(cctz::civil_second(year, month, dayOfMonth));
+    const auto found = zone_->lookup(cctz::civil_second(
+        static_cast<int>(day.year()), static_cast<unsigned>(day.month()), static_cast<unsigned>(day.day())));
     // A midnight that a change skips moves on to the change; of two, the first counts.
     const auto start = found.kind == cctz::time_zone::civil_lookup::SKIPPED ? found.trans : found.pre;
     return instantFromUnixSeconds(static_cast<double>(start.time_since_epoch().count()));
   }
-  std::tm broken{};
-  broken.tm_year = year - 1900;
-  broken.tm_mon = month - 1;
-  broken.tm_mday = dayOfMonth;
-  broken.tm_isdst = -1;  // The library knows whether summer time was in force.
-  return instantFromUnixSeconds(static_cast<double>(std::mktime(&broken)));
+  return instantFromUnixSeconds(static_cast<double>(startOfDayHere(day)));
 }
 
 std::tm localFields(Instant instant) {
