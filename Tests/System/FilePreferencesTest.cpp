@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "System/FilePreferences.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -8,10 +9,15 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <functional>
+#include <vector>
 
 #include "CapturedLog.h"
+#include "Simulation/DescriptorQueue.h"
 #include "Support/AtomicFile.h"
 #include "Support/EventLoop.h"
+#include "Support/Fd.h"
+#include "Support/VirtualTime.h"
 #include "System/SettingsStore.h"
 #include "TemporaryDirectory.h"
 
@@ -196,6 +202,65 @@ TEST_F(SettingsFile, followsEditsWhileTheLoopRuns) {
   ASSERT_TRUE(replaceFile(deep, R"({"batteryFloorPercent": 33})"));
   loop.run();
   EXPECT_EQ(settings.batteryFloorPercent(), 33);
+}
+
+TEST_F(SettingsFile, isFoundAgainWhenItsDirectoryWasReplaced) {
+  const auto above = directory.file("above");
+  const auto own = above + "/Vimbrel";
+  const auto deep = own + "/settings.json";
+  const auto floor = [](int percent) { return "{\"batteryFloorPercent\": " + std::to_string(percent) + "}"; };
+  int moves = 0;
+  const auto elsewhere = [&] { return directory.file("old" + std::to_string(++moves)); };
+  struct Case {
+    std::string name;
+    std::function<void()> go;
+  };
+  const std::vector<Case> cases{
+      {"removed", [&] { fs::remove_all(own); }},
+      {"removed with what is above", [&] { fs::remove_all(above); }},
+      {"moved away", [&] { fs::rename(own, elsewhere()); }},
+      {"moved away with what is above", [&] { fs::rename(above, elsewhere()); }},
+      {"never missing", [&] { fs::rename(own, elsewhere()), fs::create_directories(own); }},
+  };
+  for (const bool isHeldOpen : {false, true}) {
+    for (const auto& [name, go] : cases) {
+      SCOPED_TRACE(name);
+      ASSERT_TRUE(createDirectories(own));
+      ASSERT_TRUE(replaceFile(deep, floor(33)));
+      VirtualTime time{instantFromReferenceSeconds(1000)};
+      const auto queue = std::make_shared<DescriptorQueue>(time.mainQueue());
+      const auto notice = [&] {
+        while (queue->poll()) time.runReady();
+      };
+      const auto preferences = std::make_shared<FilePreferences>(deep, settingDescriptions());
+      preferences->watch(*queue);
+      const SettingsStore settings(preferences, clock);
+      EXPECT_EQ(settings.batteryFloorPercent(), 33);
+      // A shell that stands in a directory keeps the kernel from telling of its end.
+      const Fd shell(isHeldOpen ? ::open(own.c_str(), O_RDONLY | O_CLOEXEC) : -1);
+
+      go();
+      notice();
+      EXPECT_EQ(settings.batteryFloorPercent(), 15);
+      time.advance(std::chrono::seconds(5));
+      ASSERT_TRUE(createDirectories(own));
+      ASSERT_TRUE(replaceFile(deep, floor(20)));
+      notice();
+      time.advance(std::chrono::seconds(2));
+      EXPECT_EQ(settings.batteryFloorPercent(), 20);
+      ASSERT_TRUE(replaceFile(deep, floor(25)));
+      notice();
+      EXPECT_EQ(settings.batteryFloorPercent(), 25);
+      EXPECT_EQ(time.scheduledCount(), 0U) << "nothing is looked for any more";
+
+      go();
+      ASSERT_TRUE(createDirectories(own));
+      ASSERT_TRUE(replaceFile(deep, floor(30)));
+      notice();
+      time.advance(std::chrono::seconds(2));
+      EXPECT_EQ(settings.batteryFloorPercent(), 30) << "replaced between two looks";
+    }
+  }
 }
 
 }  // namespace

@@ -11,7 +11,8 @@ namespace vimbrel {
 
 /// Watches one file, by its name, for being written, replaced, created or removed: the directory is watched,
 /// so that editors which replace the file are seen too. When the file is a symbolic link, its target is
-/// watched as well.
+/// watched as well. When the file goes, or a directory that it is in, it is looked for once a second until it
+/// is there again.
 class FileWatch {
  public:
   FileWatch();
@@ -20,14 +21,14 @@ class FileWatch {
   ~FileWatch();
 
   /// Calls `changed` on `queue` after changes, several at once perhaps, until the object is destroyed or
-  /// assigned. Gives an inactive watch when the directory cannot be watched.
+  /// assigned. `queue` must outlive that. Gives an inactive watch when the directory cannot be watched.
   static FileWatch start(const std::string& path, TaskQueue& queue, std::function<void()> changed);
 
   [[nodiscard]] bool isActive() const { return state_ != nullptr; }
 
  private:
   struct State;
-  std::unique_ptr<State> state_;
+  std::shared_ptr<State> state_;
 };
 
 }  // namespace vimbrel
