@@ -6,6 +6,7 @@
 
 #include "Avatar/VimbrelBlobAvatarProvider.h"
 #include "DesktopWorld.h"
+#include "Domain/RatesFile.h"
 #include "Presentation/AgentSetup.h"
 #include "Presentation/DoctorFindings.h"
 #include "Presentation/EpisodeTimeline.h"
@@ -49,12 +50,36 @@ TEST(UsageTable, newestOrMostFirst) {
     return std::accumulate(table.rows.begin(), table.rows.end(), std::string(),
                            [](auto text, const UsageRow& row) { return text + row.name; });
   };
-  EXPECT_EQ(names(makeUsageTable(report, true)), "cba");
-  EXPECT_EQ(names(makeUsageTable(report, false)), "bca");
-  EXPECT_EQ(makeUsageTable(report, true).rows[0].agents, "Aider");
-  EXPECT_EQ(makeUsageTable(report, true).total.tokens, 15);
+  EXPECT_EQ(names(makeUsageTable(report, UsageKeys::days)), "cba");
+  EXPECT_EQ(names(makeUsageTable(report, UsageKeys::names)), "bca");
+  EXPECT_EQ(makeUsageTable(report, UsageKeys::days).rows[0].agents, "Aider");
+  EXPECT_EQ(makeUsageTable(report, UsageKeys::days).total.tokens, 15);
   EXPECT_EQ(costText(0.001), "<$0.01");
   EXPECT_EQ(costText(std::nullopt), "no price") << "unpriced is not free";
+}
+
+TEST(UsageTable, showsBillingWindowsByTheUsersClock) {
+  const InTimeZone zone("Asia/Kolkata");
+  const json report{{"rows",
+                     {{{"key", "2026-11-23T21:00:00Z"}, {"totalTokens", 1}},
+                      {{"key", "2026-11-24T02:00:00Z"}, {"totalTokens", 2}}}}};
+  const auto table = makeUsageTable(report, UsageKeys::moments);
+  ASSERT_EQ(table.rows.size(), 2U);
+  EXPECT_EQ(table.rows[0].name, "2026-11-24 07:30");
+  EXPECT_EQ(table.rows[1].name, "2026-11-24 02:30");
+  EXPECT_EQ(makeUsageTable(report, UsageKeys::names).rows[0].name, "2026-11-24T02:00:00Z")
+      << "a session may be called so";
+}
+
+TEST(UsageTable, namesModelsWithoutAPrice) {
+  json report{{"rows", json::array()}, {"unpricedModels", {"house-model", "other"}}};
+  EXPECT_EQ(makeUsageTable(report, UsageKeys::days).unpriced,
+            "Unpriced, and in no cost: house-model, other.\nGive them prices in " + ratesFile::defaultPath() +
+                " (docs/usage.md).");
+  for (const auto& none : {json::array(), json("all"), json()}) {
+    report["unpricedModels"] = none;
+    EXPECT_EQ(makeUsageTable(report, UsageKeys::days).unpriced, "") << none;
+  }
 }
 
 TEST(SettingsList, knowsItsControlsAndKeepsWhatItDoesNotKnow) {

@@ -2,7 +2,6 @@
 #include "Commands/ControlSession.h"
 
 #include <cstdio>
-#include <ctime>
 #include <nlohmann/json.hpp>
 
 #include "Commands/ExitCode.h"
@@ -69,11 +68,7 @@ Instant currentTime() { return SystemClock().now(); }
 
 std::string localTime(const std::string& iso8601) {
   const auto instant = parseIso8601(iso8601);
-  if (!instant) return "";
-  const auto broken = localFields(*instant);
-  char shown[32];
-  std::strftime(shown, sizeof shown, "%Y-%m-%d %H:%M", &broken);
-  return shown;
+  return instant ? localMinuteText(*instant) : "";
 }
 
 }  // namespace vimbrel

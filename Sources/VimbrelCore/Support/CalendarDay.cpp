@@ -109,6 +109,12 @@ std::tm localFields(Instant instant) {
   return broken;
 }
 
+std::string localMinuteText(Instant instant) {
+  const auto fields = localFields(instant);
+  char text[64];
+  return {text, std::strftime(text, sizeof text, "%Y-%m-%d %H:%M", &fields)};
+}
+
 year_month_day localDay(Instant instant) { return CalendarZone().dayOf(instant); }
 
 Instant startOfLocalDay(year_month_day day) { return CalendarZone().startOf(day); }

@@ -38,6 +38,8 @@ class CalendarZone {
 /// The user's clock and calendar at a moment, in the time zone of now: one that was changed while the program
 /// runs is followed.
 [[nodiscard]] std::tm localFields(Instant instant);
+/// "2026-01-31 14:05", by the user's clock.
+[[nodiscard]] std::string localMinuteText(Instant instant);
 /// As `CalendarZone().dayOf`.
 [[nodiscard]] std::chrono::year_month_day localDay(Instant instant);
 /// As `CalendarZone().startOf`.

@@ -7,6 +7,7 @@
 
 #include "DateWords.h"
 #include "Domain/BudgetIntelligence.h"
+#include "Domain/RatesFile.h"
 #include "Presentation/JsonFields.h"
 #include "Say.h"
 #include "Support/CalendarDay.h"
@@ -59,6 +60,20 @@ UsageRow readRow(const json& value) {
   return row;
 }
 
+/// Costs of models that no price is known for are in no sum; that must not be overlooked.
+std::string unpricedText(const json& report) {
+  const auto& listed = memberOf(report, "unpricedModels");
+  if (!listed.is_array()) return "";
+  std::string models;
+  for (const auto& model : listed) {
+    if (!models.empty()) models += ", ";
+    models += model.is_string() ? model.get<std::string>() : "?";
+  }
+  if (models.empty()) return "";
+  return say("Unpriced, and in no cost: %1.", {models}) + "\n" +
+         say("Give them prices in %1 (docs/usage.md).", {ratesFile::defaultPath()});
+}
+
 }  // namespace
 
 std::string costText(const std::optional<double>& costUSD) {
@@ -95,12 +110,18 @@ UsageChart makeUsageChart(const json& report, Instant now) {
   return chart;
 }
 
-UsageTable makeUsageTable(const json& report, bool isByTime) {
+UsageTable makeUsageTable(const json& report, UsageKeys keys) {
   UsageTable table;
   for (const auto& row : memberOf(report, "rows")) table.rows.push_back(readRow(row));
+  if (keys == UsageKeys::moments) {
+    for (auto& row : table.rows) {
+      if (const auto begin = parseIso8601(row.name)) row.name = localMinuteText(*begin);
+    }
+  }
   table.total = readRow(memberOf(report, "total"));
   table.total.name = say("Total");
-  if (isByTime) {
+  table.unpriced = unpricedText(report);
+  if (keys != UsageKeys::names) {
     std::ranges::reverse(table.rows);
   } else {
     std::ranges::stable_sort(table.rows, std::greater{}, &UsageRow::tokens);

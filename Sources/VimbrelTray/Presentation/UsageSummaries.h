@@ -54,12 +54,18 @@ struct UsageRow {
 struct UsageTable {
   std::vector<UsageRow> rows;
   UsageRow total;
+  std::string
+      unpriced;  ///< two lines that name the models whose cost is in no sum; empty when there are none
   bool operator==(const UsageTable&) const = default;
 };
 
+/// What the rows of "usage.report" are: `moments` are the beginnings of billing windows, which the report
+/// gives in UTC and the table by the user's clock.
+enum class UsageKeys : std::uint8_t { names, days, moments };
+
 /// From the result of "usage.report": the newest first where the rows are times, else the one with most
 /// tokens.
-[[nodiscard]] UsageTable makeUsageTable(const nlohmann::json& report, bool isByTime);
+[[nodiscard]] UsageTable makeUsageTable(const nlohmann::json& report, UsageKeys keys);
 
 /// "$3.10", "<$0.01", or "no price" when it is absent.
 [[nodiscard]] std::string costText(const std::optional<double>& costUSD);

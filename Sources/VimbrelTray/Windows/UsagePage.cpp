@@ -17,7 +17,11 @@
 namespace vimbrel::desktop {
 
 UsagePage::UsagePage(DesktopModel& model)
-    : Page(model), grouping_(new QComboBox(this)), total_(new QLabel(this)), table_(new QTableWidget(this)) {
+    : Page(model),
+      grouping_(new QComboBox(this)),
+      total_(new QLabel(this)),
+      table_(new QTableWidget(this)),
+      unpriced_(new QLabel(this)) {
   auto* layout = new QVBoxLayout(this);
   auto* head = new QHBoxLayout;
   auto* label = new QLabel(tr("Show by"), this);
@@ -43,6 +47,11 @@ UsagePage::UsagePage(DesktopModel& model)
                          tr("Cost"), tr("Sessions")});
   table_->setAccessibleName(tr("Usage"));
   layout->addWidget(table_);
+  // Names of models come from outside.
+  unpriced_->setTextFormat(Qt::PlainText);
+  unpriced_->setWordWrap(true);
+  unpriced_->hide();
+  layout->addWidget(unpriced_);
   connect(grouping_, &QComboBox::currentIndexChanged, this, &UsagePage::refresh);
   connect(save, &QPushButton::clicked, this, &UsagePage::exportUsage);
 }
@@ -53,7 +62,9 @@ void UsagePage::refresh() {
     // The user may have chosen another one meanwhile.
     if (by != grouping_->currentData().toString()) return;
     const bool isByTime = by == "daily" || by == "weekly" || by == "monthly" || by == "blocks";
-    const auto usage = makeUsageTable(result, isByTime);
+    const auto usage = makeUsageTable(result, by == "blocks" ? UsageKeys::moments
+                                              : isByTime     ? UsageKeys::days
+                                                             : UsageKeys::names);
     total_->setText(usage.rows.empty()
                         ? tr("No usage has been recorded yet.")
                         : tr("%1 tokens, %2 in all")
@@ -72,6 +83,8 @@ void UsagePage::refresh() {
     }
     for (int column = 2; column < table_->columnCount(); ++column) alignAsNumbers(*table_, column);
     fitColumns(*table_, isByTime ? 1 : 0);
+    unpriced_->setText(QString::fromStdString(usage.unpriced));
+    unpriced_->setVisible(!usage.unpriced.empty());
   });
 }
 

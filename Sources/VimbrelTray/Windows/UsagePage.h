@@ -22,6 +22,7 @@ class UsagePage final : public Page {
   QComboBox* grouping_;
   QLabel* total_;
   QTableWidget* table_;
+  QLabel* unpriced_;  // below the table, hidden when every model has a price
 };
 
 }  // namespace vimbrel::desktop
