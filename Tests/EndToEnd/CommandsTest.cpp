@@ -76,6 +76,7 @@ TEST(Commands, explainAWrongCommandLine) {
               {{"status", "--format", "xyzzy"}, 2, "plain, waybar, i3blocks or polybar"},
               {{"history", "--since", "someday"}, 2, "a day such as"},
               {{"history", "--since", "2026-02-02", "--until", "2026-02-01T00:00:00Z"}, 2, "before --since"},
+              {{"history", "--since", "9000-01-01"}, 2, "--since is in the future"},
               {{"simulate"}, 2, "vimbrel simulate --help"},
               {{"simulate", "/nonexistent.json"}, 1, "/nonexistent.json"},
               {{"pause"}, 2, "vimbrel pause --help"},
@@ -156,6 +157,7 @@ TEST(Commands, steerTheRunningApplication) {
               {{"status", "--format", "plain"}, 0, "idle\n"},
               {{"history"}, 0, "Protected for"},
               {{"history", "--since", "2001-01-01", "--until", "2001-01-02"}, 0, "Nothing was protected"},
+              {{"history", "--until", "2001-01-02"}, 0, "Nothing was protected"},
               {{"diagnostics"}, 0, "\"appName\": \"Vimbrel\""}});
   const auto doctor = sandbox.vimbrel({"doctor"});
   EXPECT_EQ(doctor.status, 1) << "what is simulated keeps nothing awake";

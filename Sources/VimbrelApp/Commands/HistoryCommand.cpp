@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <unistd.h>
 
+#include <algorithm>
 #include <nlohmann/json.hpp>
 
 #include "Commands/Commands.h"
@@ -19,7 +20,7 @@ using std::chrono::sys_days;
 
 namespace {
 
-/// How far back the history goes unless "--since" says otherwise.
+/// How many days are shown, the last one included, unless "--since" says otherwise.
 constexpr days shownDays{7};
 
 /// A day ("2026-01-31") as its first instant in the user's calendar, `offset` days later, or an ISO 8601
@@ -38,11 +39,13 @@ std::optional<Instant> momentOf(const std::string& text, days offset) {
 int historyCommand(const std::string& since, const std::string& until, Output output) {
   json params = json::object();
   const auto now = currentTime();
-  const auto from = since.empty() ? startOfLocalDay(sys_days{localDay(now)} - shownDays + days{1})
-                                  : momentOf(since, days{0});
   const auto to = until.empty() ? now : momentOf(until, days{1});
-  if (!from) return reportUsage(say("--since takes a day such as 2026-01-31, or an ISO 8601 time"));
   if (!to) return reportUsage(say("--until takes a day such as 2026-01-31, or an ISO 8601 time"));
+  // A day given as the end is over when the next one begins, which is not shown.
+  const sys_days lastDay{localDay(std::min(now, *to - Seconds{1}))};
+  const auto from = since.empty() ? startOfLocalDay(lastDay - shownDays + days{1}) : momentOf(since, days{0});
+  if (!from) return reportUsage(say("--since takes a day such as 2026-01-31, or an ISO 8601 time"));
+  if (until.empty() && *from > now) return reportUsage(say("--since is in the future"));
   if (*to < *from) return reportUsage(say("--until is before --since"));
   params["since"] = formatIso8601(*from, true);
   params["until"] = formatIso8601(*to, true);

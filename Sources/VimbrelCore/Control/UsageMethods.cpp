@@ -74,6 +74,9 @@ std::expected<UsageQuery, std::string> queryOf(const json& params) {
           sentence("%1 takes a day such as 2026-01-31, or an ISO 8601 time", {isEnd ? "until" : "since"}));
     }
   }
+  if (query.since && query.until && *query.until < *query.since) {
+    return std::unexpected(sentence("--until is before --since"));
+  }
   if (agent) {
     query.agent = agentTypeFromRawValue(*agent);
     if (!query.agent) return std::unexpected(sentence("there is no agent %1", {*agent}));

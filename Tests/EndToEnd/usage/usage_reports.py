@@ -110,6 +110,7 @@ def months():
         text = home.command("usage", "models").stdout
         require("unpriced" in text and "house-model." in text, "the screen names it, too: " + text)
         for arguments, says in ((("daily", "--since", "yesterday"), "since takes a day"),
+                                (("daily", "--since", "2026-02-24", "--until", "2026-02-01"), "--until is before --since"),
                                 (("daily", "--agent", "nobody"), "no agent nobody"),
                                 (("daily", "--timezone", "Mars/Base"), "no time zone Mars/Base")):
             answer = home.command("usage", *arguments)
