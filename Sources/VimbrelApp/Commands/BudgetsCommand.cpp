@@ -133,7 +133,8 @@ int budgetsSetCommand(const BudgetArguments& arguments) {
   if (text.starts_with('$')) text.remove_prefix(1);
   double amount = 0;
   const auto parsed = std::from_chars(text.data(), text.data() + text.size(), amount);
-  if (parsed.ec != std::errc{} || parsed.ptr != text.data() + text.size() || !(amount > 0)) {
+  if (parsed.ec != std::errc{} || parsed.ptr != text.data() + text.size() || !(amount > 0) ||
+      !std::isfinite(amount)) {
     return reportUsage(say("the amount is a number of US dollars above 0, such as 20 or 7.50"));
   }
   (*params)["amountUSD"] = amount;

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "Domain/RawValueTable.h"
+#include "Support/DollarText.h"
 #include "Support/Sentence.h"
 
 namespace vimbrel {
@@ -111,7 +112,7 @@ std::string AccountQuotaBudget::formattedQuotaRemaining() const {
 }
 
 std::string CostBudget::formattedCost() const {
-  auto text = amountUSD > 0 && amountUSD < 0.005 ? std::string("<$0.01") : formatted("$%.2f", amountUSD);
+  auto text = dollarText(amountUSD);
   return isEstimated ? sentence("%1 est.", {text}) : text;
 }
 

@@ -150,8 +150,14 @@ def budgets():
         require(home.command("budgets", "check").returncode == 0, "nothing is overspent without budgets")
         require(home.command("budgets", "set", "monthly", "1").returncode == 0, "a budget is set")
         require(home.command("budgets", "set", "monthly", "90", "--agent", "claude").returncode == 0, "another")
-        for arguments in (("set", "hourly", "1"), ("set", "daily", "-3"), ("set", "daily", "much"), ("set", "daily")):
+        for arguments in (("set", "hourly", "1"), ("set", "daily", "much"), ("set", "daily")):
             require(home.command("budgets", *arguments).returncode == 2, "refuses " + " ".join(arguments))
+        for amount in ("-3", "0", "inf", "nan", "1e999"):
+            answer = home.command("budgets", "set", "daily", amount)
+            require(answer.returncode == 2 and "a number of US dollars above 0" in answer.stderr, amount + answer.stderr)
+        home.command("budgets", "set", "weekly", "0.001")
+        require("<$0.01" in home.command("budgets").stdout, "a small amount is not nothing")
+        require(home.command("budgets", "remove", "weekly").returncode == 0, "is removed")
         home.command("budgets", "set", "daily", "5", "--project", "/home/dev/shop")
         require(home.command("budgets", "remove", "daily").returncode == 1, "that scope has no budget")
         require(home.command("budgets", "remove", "daily", "--project", "/home/dev/shop/").returncode == 0, "this has")
