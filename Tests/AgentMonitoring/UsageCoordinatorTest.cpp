@@ -2,12 +2,18 @@
 #include "AgentMonitoring/UsageCoordinator.h"
 
 #include <gtest/gtest.h>
+#include <utime.h>
 
 #include <cstdlib>
+#include <filesystem>
+#include <fstream>
 #include <functional>
 #include <future>
 
+#include "AgentMonitoring/UsageImport/HistoryImport.h"
+#include "AgentMonitoring/UsageProviders/ClaudeUsageProvider.h"
 #include "AgentMonitoring/UsageReports.h"
+#include "Support/AtomicFile.h"
 #include "Support/EventLoop.h"
 #include "Support/VirtualTime.h"
 #include "TemporaryDirectory.h"
@@ -146,6 +152,95 @@ TEST_F(Usage, recordsWhatWasHandedOverBeforeItsEnd) {
   const auto store = UsageStore::open(options, time_.mainQueue(), time_);
   ASSERT_TRUE(store) << store.error();
   EXPECT_EQ((*store)->eventCount(), 101U);
+}
+
+class UsageHistory : public Usage {
+ protected:
+  /// The coordinator as the application wires it, over a directory of Claude's logs.
+  void start() {
+    usage_.reset();
+    UsageCoordinator::Parts parts;
+    parts.mainQueue = time_.mainQueue();
+    parts.workQueue = time_.makeQueue("work", QueueHome::background);
+    parts.openStore = [this] { return UsageStore::open({.path = storePath()}, time_.mainQueue(), time_); };
+    parts.providers = {std::make_shared<ClaudeUsageProvider>(std::vector{directory_.file("claude")},
+                                                             time_.makeQueue("claude", QueueHome::background),
+                                                             time_, ModelRateCard::builtIn(), nullptr)};
+    parts.importHistory = [import = std::make_shared<HistoryImport>(
+                               UsageSources{.claudeRoots = {directory_.file("claude")},
+                                            .codexHome = directory_.file("codex"),
+                                            .openCodeDirectory = directory_.file("opencode")},
+                               ModelRateCard::builtIn(), time_)](UsageStore& store, TurnOwners& owners,
+                                                                 const std::atomic<bool>& cancelled) {
+      import->run(store, owners, cancelled);
+    };
+    parts.indexPath = ImportIndex::defaultPath();
+    usage_ = std::make_shared<UsageCoordinator>(std::move(parts), time_);
+    usage_->start();
+    time_.advance(std::chrono::seconds(10));
+  }
+  void append(const std::string& name, const std::string& message, std::int64_t output, Instant at) {
+    const auto path = directory_.file("claude/projects/p/" + name + ".jsonl");
+    std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+    std::ofstream(path, std::ios::app)
+        << R"({"type":"assistant","cwd":"/home/u/)" << name << R"(","sessionId":")" << name
+        << R"(","timestamp":")" << formatIso8601(at, true) << R"(","message":{"id":")" << message
+        << R"(","model":"claude-opus-5","usage":{"output_tokens":)" << output << "}}}\n";
+    const utimbuf times{static_cast<std::time_t>(unixSeconds(at)), static_cast<std::time_t>(unixSeconds(at))};
+    utime(path.c_str(), &times);
+  }
+  /// What is stored in all, and of today.
+  std::pair<std::int64_t, std::int64_t> outputs() {
+    std::pair<std::int64_t, std::int64_t> found;
+    usage_->withStore([&](UsageStore* store) {
+      found.second = store->todaySummary().outputTokens;
+      for (const auto& event : store->allEvents()) found.first += event.outputTokens.value_or(0);
+    });
+    time_.runReady();
+    return found;
+  }
+  [[nodiscard]] std::string storePath() const { return directory_.file("Vimbrel/usage_store.json"); }
+};
+using Outputs = std::pair<std::int64_t, std::int64_t>;
+
+TEST_F(UsageHistory, staysForgottenAfterARestart) {
+  append("march", "msg_1", 100, *parseIso8601("2026-03-01T10:00:00.5Z"));
+  append("today", "msg_2", 10, *parseIso8601("2026-03-07T11:00:00.5Z"));
+  start();
+  EXPECT_EQ(outputs(), Outputs(110, 10));
+  EXPECT_NE(readFile(ImportIndex::defaultPath()).value_or("").find("/home/u/march"), std::string::npos);
+  usage_->resetUsageData();
+  time_.runReady();
+  EXPECT_FALSE(std::filesystem::exists(ImportIndex::defaultPath()));
+  for (int restart = 0; restart < 2; ++restart) {
+    time_.advance(std::chrono::minutes(5));
+    EXPECT_EQ(outputs(), Outputs(0, 0));
+    start();
+  }
+  EXPECT_EQ(readFile(ImportIndex::defaultPath()).value_or("").find("march"), std::string::npos);
+  append("today", "msg_3", 1, time_.now());
+  time_.advance(std::chrono::minutes(5));
+  EXPECT_EQ(outputs(), Outputs(1, 1));
+  start();
+  EXPECT_EQ(outputs(), Outputs(1, 1));
+}
+
+TEST_F(UsageHistory, isReadAgainWithItsOwnTimesWhereTheStoreIsLost) {
+  for (int i = 0; i < 8; ++i) {  // more than the live reading looks at
+    append("march" + std::to_string(i), "msg_" + std::to_string(i), 100,
+           *parseIso8601("2026-03-01T10:00:00.5Z"));
+  }
+  append("today", "msg_today", 10, *parseIso8601("2026-03-07T11:00:00.5Z"));
+  start();
+  EXPECT_EQ(outputs(), Outputs(810, 10));
+  usage_.reset();
+  std::filesystem::remove(storePath());
+  start();
+  EXPECT_EQ(outputs(), Outputs(810, 10));
+  usage_.reset();
+  std::ofstream(storePath()) << "{";
+  start();
+  EXPECT_EQ(outputs(), Outputs(810, 10));
 }
 
 TEST_F(Usage, publishesBudgetsAndTheirAlerts) {

@@ -20,6 +20,7 @@
 
 #include "AgentMonitoring/UsageProviders/ClaudeUsageProvider.h"
 #include "AgentMonitoring/UsageProviders/CodexUsageProvider.h"
+#include "Support/AtomicFile.h"
 #include "Support/VirtualTime.h"
 #include "TemporaryDirectory.h"
 
@@ -132,6 +133,29 @@ TEST_P(UsageImport, aSecondImportAndLivePollsChangeNothing) {
   EXPECT_EQ(import().eventsRecorded, 1U);
   openStore();
   EXPECT_EQ(store_->eventCount(), 121U);
+}
+
+TEST_P(UsageImport, leavesWhatWasForgottenAlone) {
+  write("claude/projects/p/old.jsonl", block("old", "msg_1", 1, "2026-03-01T10:00:00.5Z"));
+  write("claude/projects/p/both.jsonl", block("both", "msg_2", 2, "2026-03-01T10:00:00.5Z"));
+  EXPECT_EQ(import().eventsRecorded, 2U);
+  const auto index = directory_.file("Vimbrel/usage_index.json");
+  ImportIndex::remove(index);
+  store_->resetStore();
+  modified_ = static_cast<std::time_t>(unixSeconds(now)) + 10;
+  write("claude/projects/p/both.jsonl", block("both", "msg_3", 4, "2026-03-07T12:00:05.5Z"), true);
+  for (int restart = 0; restart < 2; ++restart) {
+    const auto result = import();
+    EXPECT_EQ(result.eventsRecorded, restart == 0 ? 1U : 0U);
+    const auto provider = std::make_shared<ClaudeUsageProvider>(
+        std::vector{directory_.file("claude")}, time_.mainQueue(), time_, ModelRateCard::builtIn(), nullptr);
+    EXPECT_EQ(store_->recordAll(provider->pollLatestEvents()), 0U);
+    EXPECT_EQ(outputOf(AgentType::claude), 4);
+    openStore();
+  }
+  const auto noted = readFile(index).value_or("");
+  EXPECT_NE(noted.find("both"), std::string::npos);
+  EXPECT_EQ(noted.find("old"), std::string::npos) << "no path of a forgotten session is kept: " << noted;
 }
 
 TEST_P(UsageImport, racingWithLivePollsCountsEachMessageOnce) {

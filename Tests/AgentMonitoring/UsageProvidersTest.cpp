@@ -158,6 +158,29 @@ TEST_F(UsageProviders, readsOnlyTheFiveNewestAndLeavesHiddenFilesAlone) {
   EXPECT_EQ(events.back().turnId, "m1");
 }
 
+TEST_F(UsageProviders, datesWhatWasThereBeforeByItsOwnTime) {
+  const auto at = [](const std::string& id, const char* time) {
+    return R"({"type":"assistant","sessionId":"s","timestamp":")" + std::string(time) +
+           R"(","message":{"id":")" + id + R"(","model":"claude-opus-5","usage":{"input_tokens":1}}})" + "\n";
+  };
+  const auto provider = claude();
+  const auto read = [&] {
+    std::vector<std::string> times;
+    for (const auto& event : provider->pollLatestEvents()) {
+      times.push_back(formatIso8601(event.timestamp, true));
+    }
+    return times;
+  };
+  using Times = std::vector<std::string>;
+  append("projects/s.jsonl", "\n" + at("1", "2026-03-01T10:00:00.25Z") + at("2", "2026-03-01T10:00:00Z"));
+  EXPECT_EQ(read(), (Times{"2026-03-01T10:00:00.250Z", "2026-03-01T10:00:00Z"}));
+  append("projects/s.jsonl", at("3", "2026-03-07T11:59:59.5Z") + at("4", "2026-03-07T11:59:59Z"));
+  EXPECT_EQ(read(), (Times{"2026-03-07T12:00:00Z", "2026-03-07T11:59:59Z"}));
+  std::filesystem::remove(directory_.file("projects/s.jsonl"));
+  append("projects/s.jsonl", at("1", "2026-03-01T10:00:00.25Z"));
+  EXPECT_EQ(read(), Times{"2026-03-01T10:00:00.250Z"}) << "a file that was replaced is read from its start";
+}
+
 TEST_F(UsageProviders, survivesLinesOfManyMegabytes) {
   append("projects/s1.jsonl", assistant("m1", R"("input_tokens":1)") + R"({"type":"user","text":")" +
                                   std::string(20U << 20U, 'x') + "\"}\n" +
@@ -201,7 +224,7 @@ TEST_F(UsageProviders, codexPricesEachTokenOnceAndReportsQuota) {
   // 500 at the input price, 500 cached, 10 output with the reasoning in it.
   EXPECT_NEAR(*events[0].costEstimateUSD, (500 * 2.5 + 500 * 1.25 + 10 * 10.0) / 1e6, 1e-12);
   EXPECT_EQ(events[1].quotaRemainingPercent, 62.5);
-  EXPECT_EQ(events[0].timestamp, noon);
+  EXPECT_EQ(unixSeconds(events[0].timestamp), unixSeconds(noon) - 3600) << "what was there before";
   const auto report = *provider->latestBudgetReport();
   ASSERT_NE(report.quota.value(), nullptr);
   EXPECT_EQ(report.quota.value()->percentageRemaining, 62.5);
@@ -213,6 +236,7 @@ TEST_F(UsageProviders, codexPricesEachTokenOnceAndReportsQuota) {
   const auto later = provider->pollLatestEvents();
   ASSERT_EQ(later.size(), 1U) << "the cumulative total is remembered between reads";
   EXPECT_EQ(later[0].modelId, "gpt-5.6-terra");
+  EXPECT_EQ(later[0].timestamp, noon) << "appended while it was watched";
 }
 
 TEST_F(UsageProviders, codexLeavesAReplayedBeginningToItsParent) {

@@ -260,10 +260,43 @@ TEST(UsageStore, forgetsEverythingWhenReset) {
     world.open();
     for (int i = 0; i < 20; ++i) world.store->record(turn("s", std::to_string(i), 1));
     world.store->resetStore();
-    EXPECT_EQ(world.contents(), R"({"schemaVersion":1,"events":[],"sessions":{},"seenKeys":[]})");
+    EXPECT_EQ(world.contents(),
+              R"({"schemaVersion":1,"events":[],"sessions":{},"seenKeys":[],"forgottenBefore":784892800})");
     EXPECT_EQ(world.open().eventCount(), 0U);
+    for (int reopened = 0; reopened < 2; ++reopened) {
+      EXPECT_FALSE(world.store->record(turn("s", "2", 1, 1'763'199'999))) << "a log that still has it";
+      EXPECT_EQ(UsageStore::Bulk(*world.store).recordAll({{turn("s", "3", 1, 1'763'199'999)}}), 0U);
+      world.open();
+    }
     EXPECT_TRUE(world.store->record(turn("s", "1", 1)));
   }
+}
+
+TEST(UsageStore, acceptsWhatComesAfterAClockWasSetBackPastItsReset) {
+  World world;
+  world.time.jumpWallClock(Seconds(1e8));
+  world.open().resetStore();
+  world.time.jumpWallClock(Seconds(-1e8));
+  EXPECT_TRUE(world.open().record(turn("s", "1", 1)));
+  EXPECT_FALSE(world.store->record(turn("s", "2", 1, 1'763'199'999)));
+  world.time.advance(std::chrono::hours(1));
+  EXPECT_TRUE(world.open().record(turn("s", "3", 1, 1'763'200'060))) << "the earlier limit stands";
+  EXPECT_EQ(world.open().eventCount(), 2U);
+}
+
+TEST(UsageStore, tellsWhetherItMayLackHistory) {
+  World world;
+  EXPECT_TRUE(world.open().mayLackHistory()) << "there is no file";
+  world.store->record(turn("s", "1", 1));
+  EXPECT_FALSE(world.open().mayLackHistory());
+  world.store->resetStore();
+  EXPECT_FALSE(world.open().mayLackHistory()) << "what was forgotten is not lacking";
+  world.put("usage_store.journal.9", "garbage\n");
+  EXPECT_TRUE(world.open().mayLackHistory());
+  EXPECT_FALSE(world.open().mayLackHistory());
+  world.store.reset();
+  world.put("usage_store.json", "{");
+  EXPECT_TRUE(world.open().mayLackHistory());
 }
 
 TEST(UsageStore, aFullDiskLosesNothingAndIsForgottenWhenThereIsRoom) {

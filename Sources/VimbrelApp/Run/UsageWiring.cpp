@@ -33,6 +33,7 @@ UsageServices makeUsageServices(QueueProvider& queues, const Clock& clock) {
   parts.mainQueue = queues.mainQueue();
   parts.workQueue = queue("com.vimbrel.usage.coordinator");
   parts.card = services.card.get();
+  parts.indexPath = ImportIndex::defaultPath();
   parts.openStore = [store = queue("com.vimbrel.usage.store"), &clock] {
     return UsageStore::open(UsageStoreOptions{}, store, clock);
   };

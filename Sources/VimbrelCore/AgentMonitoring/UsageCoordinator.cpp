@@ -5,6 +5,7 @@
 #include <future>
 #include <utility>
 
+#include "AgentMonitoring/UsageImport/ImportIndex.h"
 #include "Domain/HookUsage.h"
 #include "Domain/ModelRateCard.h"
 #include "Support/SaturatingSum.h"
@@ -349,6 +350,8 @@ void UsageCoordinator::resetUsageData() {
   withStore([weak = weak_from_this()](UsageStore* store) {
     const auto self = weak.lock();
     if (!self) return;
+    // The index first: a crash in between then costs a reading of the history and nothing else.
+    if (store != nullptr && !self->parts_.indexPath.empty()) ImportIndex::remove(self->parts_.indexPath);
     if (store != nullptr) store->resetStore();
     {
       const std::lock_guard guard(self->lock_);

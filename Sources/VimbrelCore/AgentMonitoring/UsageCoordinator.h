@@ -56,6 +56,8 @@ class UsageCoordinator : public std::enable_shared_from_this<UsageCoordinator> {
     /// Reads history into the store before the providers' first poll; on the work queue, until `cancelled`.
     std::function<void(UsageStore& store, TurnOwners& owners, const std::atomic<bool>& cancelled)>
         importHistory;
+    /// Where the import keeps which directory a session belongs to; a reset removes it. Empty for none.
+    std::string indexPath{};
     /// Prices what hooks report; must outlive the coordinator.
     const ModelRateCard* card = &ModelRateCard::builtIn();
   };
@@ -84,6 +86,7 @@ class UsageCoordinator : public std::enable_shared_from_this<UsageCoordinator> {
   /// measured context and cost stay those of reports on the same session.
   void setMeasuredBudget(AgentType agent, MeasuredBudget budget);
   [[nodiscard]] std::optional<ProviderBudgetReport> budgetReport(AgentType agent) const;
+  /// Forgets all that was recorded, and what the import knows of it.
   void resetUsageData();
 
   /// Imports history once more, on the work queue; `done` is called there. Does nothing else without a store.

@@ -11,7 +11,7 @@ import subprocess
 import time
 
 from history import History, figures
-from sandbox import Sandbox, require
+from sandbox import Sandbox, claude_line, eventually, require
 
 here = os.path.dirname(os.path.abspath(__file__))
 golden_logs = os.path.join(here, "..", "..", "Fixtures", "logs")
@@ -207,6 +207,39 @@ def budgets():
         require(check.returncode == 1 and "cannot be used" in check.stderr, "says that it cannot tell: " + check.stderr)
 
 
+def forgotten():
+    """What a reset forgot stays forgotten, and what a lost store had comes back with its own time."""
+    with Sandbox() as home:
+        truth = History(home.home, days=60)
+        home.start()
+        today = datetime.datetime.now(datetime.timezone.utc).strftime("%Y-%m-%d")
+        before = report(home, "daily")
+        require(len(before["rows"]) > 30 and today not in [row["key"] for row in before["rows"]], "months are read")
+        require(home.stop() == 0, "stops in order")
+        os.remove(home.file(".local/share/Vimbrel/usage_store.json"))
+        home.start()
+        compare(home, truth, "daily", lambda m: m.time.strftime("%Y-%m-%d"))
+
+        index = home.file(".local/share/Vimbrel/usage_index.json")
+        require("/home/dev/project-" in open(index).read(), "the index knows directories")
+        require(home.command("usage", "reset", "--yes").returncode == 0, "is reset")
+        for _ in range(2):
+            eventually(lambda: report(home, "daily")["rows"] == [], "everything is forgotten")
+            home.command("usage", "import", "--all")
+            require(report(home, "projects")["rows"] == [], "no log brings it back")
+            require("/home/dev/project-" not in open(index).read(), "nor its directories")
+            require(home.stop() == 0, "stops in order")
+            home.start()
+        path = home.file(".claude/projects/p/new.jsonl")
+        os.makedirs(os.path.dirname(path))
+        time.sleep(1.1)  # A time in whole seconds may lie before the reset.
+        with open(path, "w") as file:
+            file.write(claude_line("msg_new", 5, "new"))
+        eventually(lambda: home.ask("usage.today")["totalTokens"] == 15, "what is used since is counted")
+        require(home.stop() == 0, "stops in order")
+
+
 golden()
+forgotten()
 months()
 budgets()

@@ -4,6 +4,7 @@
 #include <malloc.h>
 
 #include <thread>
+#include <utility>
 
 namespace vimbrel {
 namespace {
@@ -20,7 +21,12 @@ void HistoryImport::run(UsageStore& store, TurnOwners& owners, const std::atomic
     state_.progress = {};
   }
   ImportIndex index;
-  if (opensEveryFile_.exchange(false)) index.forgetFiles();
+  const bool mayLackHistory = !std::exchange(hasBegun_, true) && store.mayLackHistory();
+  if (opensEveryFile_.exchange(false) || mayLackHistory) {
+    index.forgetFiles();
+    // A store that is begun anew must not meet the old index again if this import is cut short.
+    if (mayLackHistory) index.save();
+  }
   const auto result =
       UsageImporter(sources_, store, index, owners, card_, clock_, std::thread::hardware_concurrency())
           .run(

@@ -24,7 +24,8 @@ class HistoryImport {
   HistoryImport(UsageSources sources, const ModelRateCard& card, const Clock& clock)
       : sources_(std::move(sources)), card_(card), clock_(clock) {}
 
-  /// Blocks its caller; not twice at the same time.
+  /// Blocks its caller; not twice at the same time. The first one opens the files that did not change, too,
+  /// if the store may lack what was recorded earlier.
   void run(UsageStore& store, TurnOwners& owners, const std::atomic<bool>& cancelled);
   /// The next import opens the files that did not change, too. Any thread.
   void openEveryFileNextTime() { opensEveryFile_ = true; }
@@ -36,6 +37,7 @@ class HistoryImport {
   const ModelRateCard& card_;
   const Clock& clock_;
   std::atomic<bool> opensEveryFile_ = false;
+  bool hasBegun_ = false;
   mutable std::mutex lock_;
   State state_;
 };

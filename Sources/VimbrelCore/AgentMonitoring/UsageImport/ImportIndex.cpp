@@ -3,6 +3,10 @@
 
 #include <simdjson.h>
 #include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
 
 #include "Support/AtomicFile.h"
 #include "Support/Directories.h"
@@ -79,6 +83,12 @@ void ImportIndex::forgetFiles() {
   const std::lock_guard guard(lock_);
   files_.clear();
   isChanged_ = true;
+}
+
+void ImportIndex::remove(const std::string& path) {
+  if (::unlink(path.c_str()) != 0 && errno != ENOENT) {
+    Logger("usage.coordinator").error("Failed to remove the usage index: %s", std::strerror(errno));
+  }
 }
 
 void ImportIndex::save() {

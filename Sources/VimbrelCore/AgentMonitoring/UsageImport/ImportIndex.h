@@ -35,6 +35,8 @@ class ImportIndex {
   void setProject(const std::string& session, const std::string& directory);
   /// Forgets which files were read, so that the next import reads all of them.
   void forgetFiles();
+  /// Removes the index at `path`, with every path and directory in it.
+  static void remove(const std::string& path = defaultPath());
   /// Writes what changed; a failure is logged and loses nothing but time.
   void save();
 

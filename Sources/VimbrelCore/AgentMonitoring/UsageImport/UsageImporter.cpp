@@ -29,6 +29,8 @@ constexpr std::size_t batchSize = 16384;
 // Readers run at most this many files ahead of the recording, which bounds what waits in memory.
 constexpr std::size_t filesAhead = 32;
 constexpr int deepest = 16;
+// A file's time may be this much older than what is written into it.
+constexpr std::chrono::seconds fileTimeSlack{2};
 
 std::string variable(const char* name) {
   const char* value = std::getenv(name);
@@ -92,9 +94,18 @@ UsageImporter::UsageImporter(UsageSources sources, UsageStore& store, ImportInde
 
 std::vector<UsageImporter::File> UsageImporter::filesToRead(ImportResult& result) const {
   std::vector<File> files;
+  const auto forgottenBefore = store_.forgottenBefore();
+  const auto isForgotten = [&](const FileStamp& stamp) {
+    const Instant modified{Seconds(std::chrono::nanoseconds(stamp.modified))};
+    return forgottenBefore && modified + fileTimeSlack < *forgottenBefore;
+  };
   const auto consider = [&](File::Kind kind, const std::string& path) {
     const auto stamp = stampOf(path);
     if (!stamp) return;
+    if (kind != File::Kind::openCode && isForgotten(*stamp)) {
+      ++result.filesUnchanged;  // Not even its path is noted again.
+      return;
+    }
     // A database in use keeps its newest rows in the log beside it, so its own stamp tells too little.
     if (kind != File::Kind::openCode && index_.isUnchanged(path, *stamp)) {
       ++result.filesUnchanged;
@@ -254,6 +265,7 @@ ImportResult UsageImporter::run(const std::function<void(const ImportProgress&)>
   std::vector<UsageEvent> batch;
   batch.reserve(std::min<std::size_t>(batchSize + batchSize / 8, state.bytesInAll / 4096));
   std::vector<const File*> finished;  // their events are in the batch
+  std::vector<std::pair<std::string, std::string>> projects;
   const auto recordBatch = [&] {
     result.eventsFound += batch.size();
     for (auto& event : batch) owners_.assign(event);
@@ -261,10 +273,15 @@ ImportResult UsageImporter::run(const std::function<void(const ImportProgress&)>
     batch.clear();
     for (const auto* file : finished) index_.setRead(file->path, file->stamp);
     finished.clear();
+    // Sessions that the store does not have are forgotten ones, or have no usage.
+    for (const auto& [session, directory] : projects) {
+      if (store_.knowsSession(session)) index_.setProject(session, directory);
+    }
+    projects.clear();
   };
   const auto accept = [&](const File& file, Found found) {
     std::move(found.events.begin(), found.events.end(), std::back_inserter(batch));
-    for (const auto& [session, directory] : found.projects) index_.setProject(session, directory);
+    std::move(found.projects.begin(), found.projects.end(), std::back_inserter(projects));
     if (found.isComplete) {
       finished.push_back(&file);
       ++result.filesRead;

@@ -35,7 +35,7 @@ struct ImportProgress {
 
 struct ImportResult {
   std::size_t filesRead = 0;
-  std::size_t filesUnchanged = 0;  ///< not opened, because nothing changed since they were read
+  std::size_t filesUnchanged = 0;  ///< not opened, because nothing changed since they were read or forgotten
   std::size_t filesFailed = 0;     ///< could not be read to their end; tried again next time
   std::uint64_t bytesRead = 0;
   std::size_t eventsFound = 0;

@@ -14,9 +14,9 @@
 
 namespace vimbrel {
 
-/// Which times of a log are believed. The live reading dates a record by its own time only when that is
-/// written in whole seconds, and by the time of reading otherwise; the reading of history believes every
-/// record.
+/// Which times of a log are believed. What is appended while the live reading watches is dated by its own
+/// time only when that is written in whole seconds, and by the time of reading otherwise; whoever reads a
+/// file from its start, which may be history, believes every record.
 enum class LogTimes : std::uint8_t { wholeSecondsOnly, all };
 
 /// One line of a Claude Code log that carries usage. Its texts live until the parser's next line. Most lines

@@ -86,14 +86,14 @@ std::optional<UsageEvent> ClaudeUsageProvider::parseFile(const std::string& path
   std::optional<UsageEvent> latest;
   ClaudeLogRecord record;
   JsonLinesReader reader;
+  const auto times = isReadFromStart(path, position) ? LogTimes::all : LogTimes::wholeSecondsOnly;
   std::optional<TurnInterruption> interrupted;
   reader.read(path, position, [&](const JsonLinesReader::Line& line) {
     if (events != nullptr && line.isTerminated) {
       if (auto found = parser_.interruption(line.text)) interrupted = std::move(found);
     }
     if (line.isTerminated && !ClaudeLogParser::mayCarryUsage(line.text)) return true;
-    const auto outcome =
-        parser_.parse(line.text, line.number, session, now, LogTimes::wholeSecondsOnly, record);
+    const auto outcome = parser_.parse(line.text, line.number, session, now, times, record);
     if (outcome == ClaudeLogParser::Outcome::usage) {
       latest = parser_.eventOf(record);
       interrupted.reset();  // The agent went on.

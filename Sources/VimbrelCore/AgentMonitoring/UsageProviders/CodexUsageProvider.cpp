@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "AgentMonitoring/UsageProviders/CodexUsageProvider.h"
 
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <utility>
@@ -31,11 +29,6 @@ std::string dayDirectory(const std::string& sessions, std::chrono::year_month_da
 std::string stemOf(const std::string& path) {
   const auto name = path.substr(path.rfind('/') + 1);
   return name.substr(0, name.rfind('.'));
-}
-
-bool isShorterThan(const std::string& path, std::uint64_t offset) {
-  struct stat status{};
-  return ::stat(path.c_str(), &status) == 0 && static_cast<std::uint64_t>(status.st_size) < offset;
 }
 
 }  // namespace
@@ -77,7 +70,7 @@ std::vector<UsageEvent> CodexUsageProvider::readSource() {
   bool reported = false;  // The newest file that says something tells of the latest turn.
   for (const auto& path : recentRollouts()) {
     auto& state = fileOffsets_[path];
-    if (isShorterThan(path, state.position.offset)) state = {};
+    if (isReadFromStart(path, state.position)) state = {};
     auto latest = parseFile(path, state, &events);
     if (latest && !std::exchange(reported, true)) setReport(std::move(*latest));
   }
@@ -114,11 +107,11 @@ std::optional<ProviderBudgetReport> CodexUsageProvider::parseFile(const std::str
   const auto sessionId = stemOf(path);
   const auto now = clock().now();
   auto reading = CodexRolloutParser::freshReading();
+  const auto times = state.position.offset == 0 ? LogTimes::all : LogTimes::wholeSecondsOnly;
   JsonLinesReader reader;
   const auto result = reader.read(path, state.position, [&](const JsonLinesReader::Line& line) {
     return parser_.take(
-        line, sessionId, now, LogTimes::wholeSecondsOnly, state, reading,
-        [this](const std::string& id) { return recordsOf(id); },
+        line, sessionId, now, times, state, reading, [this](const std::string& id) { return recordsOf(id); },
         [&](UsageEvent event) {
           if (events != nullptr) events->push_back(std::move(event));
         });

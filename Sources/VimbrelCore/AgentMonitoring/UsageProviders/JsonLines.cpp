@@ -18,6 +18,12 @@ constexpr std::size_t chunkSize = std::size_t{256} << 10U;
 
 }  // namespace
 
+bool isReadFromStart(const std::string& path, const JsonLinesPosition& position) {
+  struct stat status{};
+  return position.offset == 0 ||
+         (::stat(path.c_str(), &status) == 0 && static_cast<std::uint64_t>(status.st_size) < position.offset);
+}
+
 /// Makes room behind the `held` bytes, which stay.
 void JsonLinesReader::grow(std::size_t held) {
   const auto size = std::max(chunkSize, size_ * 2);

@@ -23,6 +23,10 @@ enum class JsonLinesResult {
   read,        ///< at least one byte was added since the position
 };
 
+/// Whether a reading of the file at `position` begins at its start: nothing was read yet, or the file has
+/// become shorter since.
+[[nodiscard]] bool isReadFromStart(const std::string& path, const JsonLinesPosition& position);
+
 /// Reads logs of one JSON document a line into one buffer that it uses again and again. Not for several
 /// threads.
 class JsonLinesReader {

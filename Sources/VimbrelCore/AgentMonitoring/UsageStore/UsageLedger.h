@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <optional>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -18,6 +19,8 @@ namespace vimbrel {
 struct UsageLedger {
   UsageEventTable events;
   std::unordered_map<std::string, SessionUsageRecord> sessions;
+  /// What was used before this was forgotten, and is not to be taken from logs again.
+  std::optional<Instant> forgottenBefore;
 
   /// Takes a new event, or a later reading of a known one that counted more: it takes the place of the
   /// earlier one. False for what is known already.

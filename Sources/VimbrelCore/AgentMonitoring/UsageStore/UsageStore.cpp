@@ -85,7 +85,14 @@ UsageStore::~UsageStore() {
 
 std::size_t UsageStore::acceptLocked(std::span<const UsageEvent> events, bool usesJournal) {
   std::size_t accepted = 0;
+  auto& forgottenBefore = ledger_.forgottenBefore;
+  if (const auto now = clock_.now(); forgottenBefore && *forgottenBefore > now) {
+    // The clock was set back since. What comes now would be refused until it gets there again.
+    forgottenBefore = now;
+    files_.markUnwritten();
+  }
   for (const auto& event : events) {
+    if (forgottenBefore && event.timestamp < *forgottenBefore) continue;
     if (!isStorable(event) || ledger_.events.size() >= UsageEventTable::maximumEvents) {
       storeLog().error("Refused a usage event of %s that the store cannot hold",
                        std::string(rawValue(event.agentType)).c_str());
@@ -100,6 +107,7 @@ std::size_t UsageStore::acceptLocked(std::span<const UsageEvent> events, bool us
 }
 
 std::size_t UsageStore::recordAll(std::span<const UsageEvent> events) {
+  if (events.empty()) return 0;
   const std::lock_guard guard(lock_);
   const auto accepted = acceptLocked(events, files_.usesJournal());
   if (accepted != 0) saveLocked();
@@ -149,6 +157,7 @@ void UsageStore::resetStore() {
   finishRewriteHoldingFinishLock();
   const std::lock_guard guard(lock_);
   ledger_ = {};
+  ledger_.forgottenBefore = clock_.now();
   // The journal goes first: after a crash in between, no line of it may bring back what was to be forgotten.
   files_.forget();
   saveLocked();
@@ -262,6 +271,21 @@ std::vector<UsageEvent> UsageStore::allEvents() const {
 std::size_t UsageStore::eventCount() const {
   const std::lock_guard guard(lock_);
   return ledger_.events.size();
+}
+
+std::optional<Instant> UsageStore::forgottenBefore() const {
+  const std::lock_guard guard(lock_);
+  return ledger_.forgottenBefore;
+}
+
+bool UsageStore::knowsSession(std::string_view session) const {
+  const std::lock_guard guard(lock_);
+  return ledger_.sessions.contains(std::string(session));
+}
+
+bool UsageStore::mayLackHistory() const {
+  const std::lock_guard guard(lock_);
+  return files_.wasIncomplete();
 }
 
 std::string UsageStore::exportPrivacySafeJSON() {

@@ -12,6 +12,7 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "AgentMonitoring/UsageStore/UsageLedger.h"
@@ -108,8 +109,16 @@ class UsageStore {
   /// Totals and sessions, without events, turns, sources or single times: what may leave the machine. Pretty
   /// printed, keys sorted, times in ISO 8601.
   [[nodiscard]] std::string exportPrivacySafeJSON();
-  /// Forgets everything, in memory and on disk.
+  /// Forgets everything, in memory and on disk. Events from before this moment are not accepted any more, so
+  /// that no log brings back what was forgotten.
   void resetStore();
+  /// When the store was reset last, if it ever was.
+  [[nodiscard]] std::optional<Instant> forgottenBefore() const;
+  /// Whether the store has anything of this session.
+  [[nodiscard]] bool knowsSession(std::string_view session) const;
+  /// What was recorded earlier may be missing: when it was opened there was no store file, or not all of it
+  /// could be read.
+  [[nodiscard]] bool mayLackHistory() const;
   /// Brings everything into the store file and onto the platter. The store stays usable.
   void stop();
 

@@ -61,6 +61,7 @@ void UsageStoreFiles::load(UsageLedger& ledger) {
 
 void UsageStoreFiles::loadStoreFile(UsageLedger& ledger) {
   const Fd file(::open(options_.path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  wasIncomplete_ = true;
   if (!file && errno == ENOENT) return;
   struct stat status{};
   if (!file || ::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
@@ -80,6 +81,7 @@ void UsageStoreFiles::loadStoreFile(UsageLedger& ledger) {
     isUnreadable_ = true;
     return;
   }
+  wasIncomplete_ = false;
   ledger = std::move(loaded->ledger);
   storeBytes_ = static_cast<std::size_t>(status.st_size);
   const auto events = static_cast<long>(ledger.events.size());
@@ -105,6 +107,7 @@ void UsageStoreFiles::replayJournal(UsageLedger& ledger) {
     storeLog().error("Passed over %ld unreadable lines of the usage journal; they are kept aside",
                      static_cast<long>(unreadable));
     needsWholeWrite_ = !isUnreadable_;
+    wasIncomplete_ = true;
   }
 }
 

@@ -36,6 +36,8 @@ class UsageStoreFiles {
 
   /// Reads everything there is. What cannot be read is kept aside before the first write.
   void load(UsageLedger& ledger);
+  /// Whether there was no store file to load, or something that could not be read.
+  [[nodiscard]] bool wasIncomplete() const { return wasIncomplete_; }
 
   /// True when what was accepted is to be saved as lines of the journal, handed over by `addLine`.
   [[nodiscard]] bool usesJournal() const;
@@ -104,6 +106,7 @@ class UsageStoreFiles {
   bool isUnsaved_ = false;        ///< the latest write failed
   bool needsWholeWrite_ = false;  ///< what is on disk cannot be appended to
   bool isUnreadable_ = false;     ///< the store file could not be read and still stands in its place
+  bool wasIncomplete_ = false;
   std::size_t storeBytes_ = 0;
   std::size_t rewriteAtJournalBytes_ = 0;
   std::unique_ptr<Rewrite> rewrite_;

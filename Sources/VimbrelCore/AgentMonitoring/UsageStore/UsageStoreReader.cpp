@@ -308,6 +308,8 @@ std::expected<Loaded, std::string> read(JsonPullReader& reader, std::size_t docu
     } else if (name == "seenKeys" && !hasKeys) {
       hasKeys = true;
       if (!readKeys(reader, loaded.ledger.events)) problem = "seenKeys";
+    } else if (name == "forgottenBefore" && reader.isNumber()) {
+      if (!readInstant(reader, loaded.ledger.forgottenBefore.emplace())) problem = "forgottenBefore";
     } else if (!reader.skipValue()) {
       problem = "an unknown member";
     }

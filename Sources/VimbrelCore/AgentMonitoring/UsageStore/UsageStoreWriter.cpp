@@ -215,7 +215,13 @@ void write(OutputBuffer& output, const UsageLedger& ledger) {
     separator = ",";
     appendJsonString(output, extra);
   }
-  output.append("]}");
+  output.append("]");
+  if (ledger.forgottenBefore) {
+    RecordWriter record(output.reserve(fixedRoom));
+    record.number(",\"forgottenBefore\":", referenceSeconds(*ledger.forgottenBefore));
+    output.commit(record.end());
+  }
+  output.append("}");
 }
 
 void appendJournalLine(std::string& text, const UsageEventView& event) {
