@@ -274,6 +274,36 @@ TEST_F(UsageProviders, codexReadsOldDaysOnlyWhenTheRecentHaveNothing) {
   EXPECT_EQ(events[0].sessionId, "rollout-yesterday");
 }
 
+/// Tells of each change once, as a watched tree does.
+struct ToldChanges final : TreeChanges {
+  explicit ToldChanges(std::shared_ptr<std::vector<std::string>> paths) : paths(std::move(paths)) {}
+  std::optional<std::vector<std::string>> take() override { return std::exchange(*paths, {}); }
+  std::shared_ptr<std::vector<std::string>> paths;
+};
+
+TEST_F(UsageProviders, aChangeThatALookForAReportLearnsOfIsStillRead) {
+  const auto told = std::make_shared<std::vector<std::string>>();
+  const auto changes = [&](const std::string&) { return std::make_unique<ToldChanges>(told); };
+  struct Case {
+    std::shared_ptr<UsageMetricsProvider> provider;
+    std::string name;
+    std::string text;
+  };
+  for (const auto& [provider, name, text] :
+       {Case{std::make_shared<ClaudeUsageProvider>(std::vector{directory_.path()}, time_.mainQueue(), time_,
+                                                   ModelRateCard::builtIn(), changes),
+             "projects/p/s1.jsonl", assistant("m1", R"("input_tokens":10)")},
+        Case{std::make_shared<CodexUsageProvider>(directory_.path(), time_.mainQueue(), time_,
+                                                  ModelRateCard::builtIn(), changes),
+             dayPath() + "rollout-a.jsonl", tokenCount(10, 10)}}) {
+    EXPECT_TRUE(provider->pollLatestEvents().empty()) << name;  // the walk of the start
+    append(name, text);
+    told->push_back(directory_.file(name));
+    EXPECT_TRUE(provider->latestBudgetReport()) << name;
+    EXPECT_EQ(provider->pollLatestEvents().size(), 1U) << name;
+  }
+}
+
 class OpenCode : public UsageProviders {
  protected:
   OpenCode() : path_(directory_.file("opencode.db")) {

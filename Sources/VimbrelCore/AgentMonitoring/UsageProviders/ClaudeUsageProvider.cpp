@@ -72,7 +72,8 @@ std::vector<UsageEvent> ClaudeUsageProvider::readSource() {
 }
 
 void ClaudeUsageProvider::findReport() {
-  files_.refresh();
+  // What it learns of changes is not told twice: the next poll has to read them.
+  changed_ = files_.refresh() || changed_;
   for (const auto& path : files_.newest(1)) {
     JsonLinesPosition fromStart;
     if (const auto latest = parseFile(path, fromStart, nullptr)) setReport(reportOf(*latest, path));

@@ -78,7 +78,8 @@ std::vector<UsageEvent> CodexUsageProvider::readSource() {
 }
 
 void CodexUsageProvider::findReport() {
-  files_.refresh();
+  // What it learns of changes is not told twice: the next poll has to read them.
+  changed_ = files_.refresh() || changed_;
   const auto recent = recentRollouts();
   if (recent.empty()) return;
   CodexRolloutState fromStart;
