@@ -124,8 +124,8 @@ void describe(CLI::App& app, Invocation& in) {
   set->add_option("key", in.key, say("The setting"))->required();
   set->add_option("value", in.value, say("on or off, a number, a duration such as 45s, a time"))->required();
   addJsonFlag(set, in);
-  auto* reset = add(*settings, "reset", say("Give one setting, or all but launchAtLogin, the default again"), in,
-                    [&] { return settingsResetCommand(in.key, in.output()); });
+  auto* reset = add(*settings, "reset", say("Give one setting, or all but launchAtLogin, the default again"),
+                    in, [&] { return settingsResetCommand(in.key, in.output()); });
   reset->add_option("key", in.key, say("The setting; all but launchAtLogin when it is left out"));
   addJsonFlag(reset, in);
 
