@@ -1,14 +1,19 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <gtest/gtest.h>
+#include <sqlite3.h>
 #include <sys/stat.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <nlohmann/json.hpp>
 
 #include "AgentMonitoring/MoneyBudgets/MoneyBudgetBook.h"
 #include "AgentMonitoring/MoneyBudgets/MoneyBudgetWatch.h"
+#include "AgentMonitoring/UsageImport/ImportIndex.h"
+#include "AgentMonitoring/UsageProviders/ClaudeUsageProvider.h"
+#include "AgentMonitoring/UsageProviders/OpenCodeUsageProvider.h"
 #include "Support/VirtualTime.h"
 #include "TemporaryDirectory.h"
 
@@ -153,6 +158,93 @@ TEST_F(MoneyBudgets, announceEachThresholdOnceInAPeriodAlsoOverRestarts) {
   EXPECT_EQ(dueAt(8, 3), Percents{80});
   ASSERT_TRUE(MoneyBudgetBook(path()).set({{BudgetPeriod::daily}, 20}));
   EXPECT_EQ(dueAt(16, 3), Percents{80}) << "another amount is another budget";
+}
+
+TEST_F(MoneyBudgets, countSessionsThatBeganSinceTheImport) {
+  store_.reset();
+  const auto book = std::make_shared<MoneyBudgetBook>(path());
+  struct Case {
+    const char* directory;
+    double spent;
+  };
+  // A million tokens of output cost 75 dollars.
+  const std::vector<Case> cases{{"/home/me/logged", 75}, {"/home/me/hooked", 150}, {"/home/me/opened", 0.5}};
+  for (const auto& [directory, spent] : cases) {
+    ASSERT_TRUE(book->set({{BudgetPeriod::daily, std::nullopt, directory}, 1}));
+  }
+  std::shared_ptr<UsageCoordinator> usage;
+  const auto start = [&] {
+    usage.reset();
+    UsageCoordinator::Parts parts;
+    parts.mainQueue = time_.mainQueue();
+    parts.workQueue = time_.makeQueue("work", QueueHome::background);
+    parts.openStore = [this] {
+      return UsageStore::open({.path = directory_.file("Vimbrel/usage_store.json")}, time_.mainQueue(),
+                              time_);
+    };
+    parts.providers = {
+        std::make_shared<ClaudeUsageProvider>(std::vector{directory_.file("claude")}, time_.mainQueue(),
+                                              time_, ModelRateCard::builtIn(), nullptr),
+        std::make_shared<OpenCodeUsageProvider>(directory_.file("opencode.db"), time_.mainQueue(), time_,
+                                                ModelRateCard::builtIn())};
+    parts.indexPath = ImportIndex::defaultPath();
+    usage = std::make_shared<UsageCoordinator>(std::move(parts), time_);
+    usage->start();
+    time_.advance(std::chrono::seconds(10));
+  };
+  const auto requireStandings = [&] {
+    usage->withStore([&](UsageStore* store) {
+      ASSERT_TRUE(store);
+      const auto standings = standingsNow(*store, *book, time_.now(), usage->directories());
+      ASSERT_TRUE(standings && standings->size() == cases.size());
+      for (std::size_t i = 0; i < cases.size(); ++i) {
+        EXPECT_EQ((*standings)[i].budget.scope.project, cases[i].directory);
+        EXPECT_DOUBLE_EQ((*standings)[i].spentUSD, cases[i].spent) << cases[i].directory;
+      }
+    });
+    time_.runReady();
+  };
+  start();
+  std::vector<std::string> said;
+  auto watch = std::make_shared<MoneyBudgetWatch>(usage, book, time_, time_.mainQueue());
+  watch->start([&](const MoneyBudgetNotice& notice) { said.push_back(notice.message()); });
+  std::filesystem::create_directories(directory_.file("claude/projects/p"));
+  std::ofstream(directory_.file("claude/projects/p/s.jsonl"))
+      << R"({"type":"assistant","cwd":"/home/me/logged","sessionId":"s","timestamp":"2026-03-25T17:00:00Z",)"
+      << R"("message":{"id":"msg_1","model":"claude-opus-5","usage":{"output_tokens":1000000}}})" << "\n";
+  sqlite3* database = nullptr;
+  sqlite3_open(directory_.file("opencode.db").c_str(), &database);
+  const auto created = std::to_string(static_cast<std::int64_t>(unixSeconds(now)) * 1000);
+  const auto sql =
+      "CREATE TABLE message(id, session_id, time_created, time_updated, data);"
+      "CREATE TABLE session(id, parent_id, directory);"
+      "INSERT INTO session VALUES('o', NULL, '/home/me/opened'), ('p', NULL, '/home/me/hooked');"
+      "INSERT INTO message VALUES('m', 'o', " +
+      created + ", 0, '{\"cost\":0.5,\"tokens\":{\"output\":7}}');";
+  EXPECT_EQ(sqlite3_exec(database, sql.c_str(), nullptr, nullptr, nullptr), SQLITE_OK);
+  sqlite3_close(database);
+  HookEvent hook;
+  hook.agent = AgentType::gemini;
+  hook.sessionId = "h";
+  hook.timestamp = now;
+  hook.cwd = "/home/me/hooked";
+  hook.outputTokens = 2'000'000;
+  hook.model = "claude-opus-5";
+  usage->handleHookEvent(hook);
+  time_.advance(std::chrono::minutes(3));
+  requireStandings();
+  EXPECT_EQ(said.size(), 2U) << "of those that are overspent";
+  // Not every session has a log to be read again.
+  usage->stop();
+  time_.runReady();
+  watch.reset();
+  start();
+  EXPECT_EQ(ImportIndex().projectOf("h"), "/home/me/hooked");
+  EXPECT_EQ(ImportIndex().projectOf("p"), std::nullopt) << "a session without usage";
+  requireStandings();
+  usage->resetUsageData();
+  time_.runReady();
+  EXPECT_EQ(usage->directories().size(), 0U);
 }
 
 TEST_F(MoneyBudgets, areLookedAtWheneverUsageIsRecorded) {

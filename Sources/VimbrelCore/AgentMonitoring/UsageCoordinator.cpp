@@ -17,6 +17,8 @@ namespace {
 constexpr std::size_t recentSessionCount = 25;
 // So many events wait for the work queue at most, which an import of history keeps busy for long.
 constexpr std::size_t mostPending = 4096;
+// More directories of sessions than this are not kept in memory but added to the index.
+constexpr std::size_t mostDirectories = 1024;
 
 /// The window of a model that the card does not know.
 std::int64_t defaultContextWindow(AgentType agent) {
@@ -58,7 +60,14 @@ std::optional<ProviderBudgetReport> reportOf(const HookEvent& event, Instant now
 }  // namespace
 
 UsageCoordinator::UsageCoordinator(Parts parts, const Clock& clock)
-    : parts_(std::move(parts)), clock_(clock) {}
+    : parts_(std::move(parts)), clock_(clock) {
+  for (const auto& provider : parts_.providers) {
+    provider->onSessionDirectory = [directories = directories_](std::string_view session,
+                                                                std::string_view directory) {
+      directories->hear(session, directory);
+    };
+  }
+}
 
 UsageCoordinator::~UsageCoordinator() { cancelled_ = true; }
 
@@ -103,6 +112,7 @@ void UsageCoordinator::stop() {
     for (const auto& provider : self->parts_.providers) provider->stopMonitoring();
     if (!self->store_) return;
     self->recordPending(*self->store_);
+    self->keepDirectories();
     self->store_->stop();
   });
 }
@@ -114,6 +124,7 @@ void UsageCoordinator::drain(std::chrono::milliseconds limit) {
     // What came after the stop was answered, too.
     if (const auto self = weak.lock(); self && self->store_) {
       self->recordPending(*self->store_);
+      self->keepDirectories();
       self->store_->stop();
     }
     drained->set_value();
@@ -145,6 +156,7 @@ void UsageCoordinator::importHistory(std::function<void()> done) {
   withStore([weak = weak_from_this(), done = std::move(done)](UsageStore* store) {
     const auto self = weak.lock();
     if (self && store != nullptr && self->parts_.importHistory) {
+      self->keepDirectories();
       self->parts_.importHistory(*store, self->owners_, self->cancelled_);
       self->refreshBudgetReports();
       self->refreshSummaries();
@@ -197,13 +209,30 @@ void UsageCoordinator::flush() {
     return;
   }
   recordPending(*store_);
+  if (directories_->size() > mostDirectories) keepDirectories();
   if (!hasNews_.exchange(false)) return;
   refreshBudgetReports();
   refreshSummaries();
 }
 
+/// On the work queue, with the store open.
+void UsageCoordinator::keepDirectories() {
+  if (parts_.indexPath.empty() || directories_->size() == 0) return;
+  ImportIndex index(parts_.indexPath);
+  const auto heard = directories_->take();
+  for (const auto& [session, directory] : heard) {
+    // Sessions that the store does not have are forgotten ones.
+    if (store_->knowsSession(session) && !index.projectOf(session)) index.setProject(session, directory);
+  }
+  if (index.save()) return;
+  for (const auto& [session, directory] : heard) directories_->hear(session, directory);
+}
+
 void UsageCoordinator::handleHookEvent(const HookEvent& event) {
-  if (const auto usage = toUsageEvent(event, *parts_.card)) handleUsageEvent(*usage);
+  if (const auto usage = toUsageEvent(event, *parts_.card)) {
+    if (event.cwd) directories_->hear(event.sessionId, *event.cwd);
+    handleUsageEvent(*usage);
+  }
   auto report = reportOf(event, clock_.now(), *parts_.card);
   if (!report) return;
   Reports reports;
@@ -352,6 +381,7 @@ void UsageCoordinator::resetUsageData() {
     if (!self) return;
     // The index first: a crash in between then costs a reading of the history and nothing else.
     if (store != nullptr && !self->parts_.indexPath.empty()) ImportIndex::remove(self->parts_.indexPath);
+    (void)self->directories_->take();
     if (store != nullptr) store->resetStore();
     {
       const std::lock_guard guard(self->lock_);

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "AgentMonitoring/UsageImport/SessionDirectories.h"
 #include "AgentMonitoring/UsageImport/TurnOwners.h"
 #include "AgentMonitoring/UsageProviders/UsageMetricsProvider.h"
 #include "AgentMonitoring/UsageStore/UsageStore.h"
@@ -56,7 +57,8 @@ class UsageCoordinator : public std::enable_shared_from_this<UsageCoordinator> {
     /// Reads history into the store before the providers' first poll; on the work queue, until `cancelled`.
     std::function<void(UsageStore& store, TurnOwners& owners, const std::atomic<bool>& cancelled)>
         importHistory;
-    /// Where the import keeps which directory a session belongs to; a reset removes it. Empty for none.
+    /// The import's index. What is heard of sessions' directories is added to it, and a reset removes it.
+    /// Empty for none.
     std::string indexPath{};
     /// Prices what hooks report; must outlive the coordinator.
     const ModelRateCard* card = &ModelRateCard::builtIn();
@@ -94,6 +96,9 @@ class UsageCoordinator : public std::enable_shared_from_this<UsageCoordinator> {
   /// Runs `work` on the work queue with the open store; `work` gets null when there is none.
   void withStore(std::function<void(UsageStore* store)> work);
 
+  /// What was heard of sessions' directories and may not be in the index yet.
+  [[nodiscard]] const SessionDirectories& directories() const { return *directories_; }
+
   Published<UsageSummary>& todaySummary() { return todaySummary_; }
   Published<std::vector<SessionUsageRecord>>& recentSessions() { return recentSessions_; }
   Published<Reports>& latestBudgetReports() { return latestBudgetReports_; }
@@ -103,6 +108,7 @@ class UsageCoordinator : public std::enable_shared_from_this<UsageCoordinator> {
   void openStoreIfNeeded();
   void flush();
   void recordPending(UsageStore& store);
+  void keepDirectories();
   void publishReports(Reports reports);
   void applyMeasured(ProviderBudgetReport& report) const;
   [[nodiscard]] bool knowsNewer(const ProviderBudgetReport& report) const;
@@ -120,6 +126,7 @@ class UsageCoordinator : public std::enable_shared_from_this<UsageCoordinator> {
 
   std::atomic<bool> cancelled_ = false;
   TurnOwners owners_;
+  const std::shared_ptr<SessionDirectories> directories_ = std::make_shared<SessionDirectories>();
   std::unique_ptr<UsageStore> store_;               // the work queue's
   std::atomic<UsageStore*> openedStore_ = nullptr;  // for the other threads, as soon as it is loaded
   std::atomic<bool> hasNews_ = false;               // recorded, but not refreshed yet

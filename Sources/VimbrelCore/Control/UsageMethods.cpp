@@ -223,7 +223,7 @@ void addBudgets(RpcDispatcher& methods, const UsageServices& services, const Clo
     answerFromStore(usage, mainQueue, std::move(reply),
                     [=, agents = agentBudgets(*usage), now = clock.now()](UsageStore& store) -> RpcResult {
                       json document{{"budgets", agents}, {"money", json::array()}};
-                      const auto standings = standingsNow(store, *book, now);
+                      const auto standings = standingsNow(store, *book, now, usage->directories());
                       if (!standings) document["problem"] = standings.error();
                       for (const auto& standing : standings.value_or(std::vector<BudgetStanding>{})) {
                         document["money"].push_back(toJson(standing));

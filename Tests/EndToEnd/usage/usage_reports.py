@@ -143,6 +143,10 @@ def now_text():
     return datetime.datetime.now(datetime.timezone.utc).strftime("%Y-%m-%dT%H:%M:%SZ")
 
 
+def over_now(home):
+    return json.loads(home.command("budgets", "check", "--json").stdout)["over"]
+
+
 def budgets():
     with Sandbox() as home:
         home.start()
@@ -175,6 +179,17 @@ def budgets():
             require(check.returncode == 1 and len(over) == 1, "the first budget is overspent: " + check.stdout)
             same(over[0]["spentUSD"], 75.0, "what was spent")
             require("monthly" in home.command("budgets").stdout, "the screen shows the budgets")
+
+        # A session that begins while it runs belongs to its project at once.
+        home.command("budgets", "set", "monthly", "1", "--project", "/shop")
+        require(not any(each.get("project") == "/shop" for each in over_now(home)), "nothing is spent there")
+        with open(home.file(".claude/projects/p/shop.jsonl"), "w") as file:
+            file.write(json.dumps({"type": "assistant", "sessionId": "shop", "timestamp": now_text(), "cwd": "/shop",
+                                   "message": {"id": "msg_2", "model": "claude-opus-5",
+                                               "usage": {"output_tokens": 100000}}}) + "\n")
+        eventually(lambda: any(each.get("project") == "/shop" for each in over_now(home)),
+                   "the project's budget is overspent")
+        home.command("budgets", "remove", "monthly", "--project", "/shop")
 
         status = {"session_id": "s", "model": {"id": "claude-opus-5", "display_name": "Opus 5"},
                   "context_window": {"used_percentage": 25, "context_window_size": 200000},

@@ -9,7 +9,8 @@
 namespace vimbrel {
 
 std::expected<std::vector<BudgetStanding>, std::string> standingsNow(const UsageStore& store,
-                                                                     MoneyBudgetBook& book, Instant now) {
+                                                                     MoneyBudgetBook& book, Instant now,
+                                                                     const SessionDirectories& heard) {
   const auto budgets = book.budgets();
   if (!budgets) return std::unexpected(budgets.error());
   if (budgets->empty()) return std::vector<BudgetStanding>{};
@@ -19,7 +20,9 @@ std::expected<std::vector<BudgetStanding>, std::string> standingsNow(const Usage
                           [](const MoneyBudget& budget) { return budget.scope.project.has_value(); }))
     index.emplace();
   return budgetStandings(store, *budgets, now, CalendarZone(), [&](std::string_view session) {
-    return index ? index->projectOf(session) : std::nullopt;
+    if (!index) return std::optional<std::string>();
+    auto project = index->projectOf(session);
+    return project ? project : heard.directoryOf(session);
   });
 }
 
@@ -37,22 +40,23 @@ void MoneyBudgetWatch::start(std::function<void(const MoneyBudgetNotice&)> onNot
 
 void MoneyBudgetWatch::check() {
   if (std::exchange(isChecking_, true)) return;
-  usage_->withStore(
-      [weak = weak_from_this(), book = book_, now = clock_.now(), mainQueue = mainQueue_](UsageStore* store) {
-        std::vector<MoneyBudgetNotice> due;
-        // What cannot be read was logged when it was read first, and is told to whoever asks for budgets.
-        if (store != nullptr) {
-          if (const auto standings = standingsNow(*store, *book, now)) due = book->takeDueNotices(*standings);
-        }
-        mainQueue->post([weak, due = std::move(due)] {
-          const auto self = weak.lock();
-          if (!self) return;
-          self->isChecking_ = false;
-          for (const auto& notice : due) {
-            if (self->onNotice_) self->onNotice_(notice);
-          }
-        });
-      });
+  usage_->withStore([weak = weak_from_this(), usage = std::weak_ptr(usage_), book = book_, now = clock_.now(),
+                     mainQueue = mainQueue_](UsageStore* store) {
+    std::vector<MoneyBudgetNotice> due;
+    // What cannot be read was logged when it was read first, and is told to whoever asks for budgets.
+    if (const auto owner = usage.lock(); owner && store != nullptr) {
+      if (const auto standings = standingsNow(*store, *book, now, owner->directories()))
+        due = book->takeDueNotices(*standings);
+    }
+    mainQueue->post([weak, due = std::move(due)] {
+      const auto self = weak.lock();
+      if (!self) return;
+      self->isChecking_ = false;
+      for (const auto& notice : due) {
+        if (self->onNotice_) self->onNotice_(notice);
+      }
+    });
+  });
 }
 
 }  // namespace vimbrel

@@ -31,9 +31,9 @@ class MoneyBudgetWatch : public std::enable_shared_from_this<MoneyBudgetWatch> {
   Token summaryChanged_;
 };
 
-/// The standings of the book's budgets in the user's calendar; where the store is. The error is a sentence.
-[[nodiscard]] std::expected<std::vector<BudgetStanding>, std::string> standingsNow(const UsageStore& store,
-                                                                                   MoneyBudgetBook& book,
-                                                                                   Instant now);
+/// The standings of the book's budgets in the user's calendar; where the store is. A session belongs to the
+/// directory that the import's index has for it, else to the one that was `heard`. The error is a sentence.
+[[nodiscard]] std::expected<std::vector<BudgetStanding>, std::string> standingsNow(
+    const UsageStore& store, MoneyBudgetBook& book, Instant now, const SessionDirectories& heard);
 
 }  // namespace vimbrel

@@ -91,11 +91,11 @@ void ImportIndex::remove(const std::string& path) {
   }
 }
 
-void ImportIndex::save() {
+bool ImportIndex::save() {
   std::string text = R"({"files":{)";
   {
     const std::lock_guard guard(lock_);
-    if (!isChanged_) return;
+    if (!isChanged_) return true;
     isChanged_ = false;
     bool first = true;
     const auto separate = [&] {
@@ -121,7 +121,9 @@ void ImportIndex::save() {
     Logger("usage.coordinator").error("Failed to save the usage index: %s", written.error().text().c_str());
     const std::lock_guard guard(lock_);
     isChanged_ = true;
+    return false;
   }
+  return true;
 }
 
 }  // namespace vimbrel

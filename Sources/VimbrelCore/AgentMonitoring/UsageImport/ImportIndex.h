@@ -37,8 +37,8 @@ class ImportIndex {
   void forgetFiles();
   /// Removes the index at `path`, with every path and directory in it.
   static void remove(const std::string& path = defaultPath());
-  /// Writes what changed; a failure is logged and loses nothing but time.
-  void save();
+  /// Writes what changed. False when that failed, which is logged and loses nothing but time.
+  bool save();
 
   /// "Vimbrel/usage_index.json" under the user's application support directory.
   [[nodiscard]] static std::string defaultPath();

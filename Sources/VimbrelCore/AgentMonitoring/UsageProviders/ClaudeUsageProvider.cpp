@@ -95,6 +95,7 @@ std::optional<UsageEvent> ClaudeUsageProvider::parseFile(const std::string& path
     }
     if (line.isTerminated && !ClaudeLogParser::mayCarryUsage(line.text)) return true;
     const auto outcome = parser_.parse(line.text, line.number, session, now, times, record);
+    if (outcome == ClaudeLogParser::Outcome::usage && events != nullptr) tellDirectory(record);
     if (outcome == ClaudeLogParser::Outcome::usage) {
       latest = parser_.eventOf(record);
       interrupted.reset();  // The agent went on.
@@ -104,6 +105,10 @@ std::optional<UsageEvent> ClaudeUsageProvider::parseFile(const std::string& path
   });
   if (interrupted && onTurnInterrupted) onTurnInterrupted(*interrupted);
   return latest;
+}
+
+void ClaudeUsageProvider::tellDirectory(const ClaudeLogRecord& record) const {
+  if (record.directory && onSessionDirectory) onSessionDirectory(record.event.sessionId, *record.directory);
 }
 
 ProviderBudgetReport ClaudeUsageProvider::reportOf(const UsageEvent& event, const std::string& path) const {

@@ -24,6 +24,7 @@ class ClaudeUsageProvider final : public PollingUsageProvider {
   std::vector<UsageEvent> readSource() override;
   bool sourceMayHaveChanged() override;
   void findReport() override;
+  void tellDirectory(const ClaudeLogRecord& record) const;
   /// Appends the events that were added since `position`, if they are wanted, and gives the last one.
   std::optional<UsageEvent> parseFile(const std::string& path, JsonLinesPosition& position,
                                       std::vector<UsageEvent>* events);

@@ -118,6 +118,9 @@ std::optional<ProviderBudgetReport> CodexUsageProvider::parseFile(const std::str
         });
   });
   if (result != JsonLinesResult::read) return std::nullopt;
+  if (events != nullptr && state.directory && onSessionDirectory) {
+    onSessionDirectory(sessionId, *state.directory);
+  }
   if (events != nullptr && reading.abortedAt && onTurnInterrupted) {
     onTurnInterrupted({AgentType::codex, state.ownId, state.directory, *reading.abortedAt});
   }

@@ -49,12 +49,29 @@ std::vector<UsageEvent> OpenCodeUsageProvider::readSource() {
     events.push_back(usage->event);
   });
   if (complete) lastRead_ = version;
+  if (onSessionDirectory) tellDirectories(events);
   if (onTurnInterrupted) {
     for (const auto& interruption : interruptions) {
       if (!database_.isChildSession(*interruption.sessionId)) onTurnInterrupted(interruption);
     }
   }
   return events;
+}
+
+void OpenCodeUsageProvider::tellDirectories(const std::vector<UsageEvent>& events) {
+  std::unordered_set<std::string_view> asked;
+  for (const auto& event : events) {
+    if (!toldSessions_.contains(event.sessionId)) asked.emplace(event.sessionId);
+  }
+  if (asked.empty()) return;
+  constexpr std::size_t mostTold = 10000;
+  if (toldSessions_.size() > mostTold) toldSessions_.clear();
+  // Old databases have no such table.
+  database_.sessionDirectories([&](std::string_view session, std::string_view directory) {
+    if (!asked.contains(session)) return;
+    toldSessions_.emplace(session);
+    onSessionDirectory(session, directory);
+  });
 }
 
 /// What it finds is left for the next poll to deliver.

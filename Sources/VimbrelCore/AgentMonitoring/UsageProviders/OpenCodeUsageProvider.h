@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #include "AgentMonitoring/UsageProviders/OpenCodeDatabase.h"
@@ -26,12 +27,14 @@ class OpenCodeUsageProvider final : public PollingUsageProvider {
   bool sourceMayHaveChanged() override;
   void findReport() override;
   void considerReport(const OpenCodeUsage& usage);
+  void tellDirectories(const std::vector<UsageEvent>& events);
 
   const OpenCodeDatabase database_;
   OpenCodeMessageParser parser_;
   /// Each message delivered, with the total it was delivered with.
   std::unordered_map<std::string, std::int64_t> knownMessageIds_;
   std::optional<OpenCodeDatabase::Version> lastRead_;
+  std::unordered_set<std::string> toldSessions_;  ///< their directories were told
 };
 
 }  // namespace vimbrel

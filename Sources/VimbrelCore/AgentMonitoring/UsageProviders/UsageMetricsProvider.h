@@ -4,6 +4,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <string_view>
 #include <vector>
 
 #include "AgentMonitoring/TurnInterruption.h"
@@ -43,6 +44,9 @@ class UsageMetricsProvider {
   /// Called on the provider's queue for each turn that the log shows as interrupted, if this log shows it,
   /// the last of those that were read at once. The same can come again. Set before `startMonitoring`.
   TurnInterruptionHandler onTurnInterrupted;
+  /// Called on the provider's queue with the directory of a session whose events follow, if the source names
+  /// one. The same comes again. Set before `startMonitoring`.
+  std::function<void(std::string_view session, std::string_view directory)> onSessionDirectory;
 };
 
 }  // namespace vimbrel
