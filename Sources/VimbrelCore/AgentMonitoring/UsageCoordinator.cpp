@@ -204,6 +204,7 @@ void UsageCoordinator::recordPending(UsageStore& store) {
 void UsageCoordinator::flush() {
   openStoreIfNeeded();
   if (!store_) {
+    (void)directories_->take();
     const std::lock_guard guard(lock_);
     pending_.clear();
     return;
