@@ -113,6 +113,8 @@ std::shared_ptr<HookEventReceiving> BackgroundProcess::makeHookReceiver() {
 }
 
 std::expected<void, std::string> BackgroundProcess::start(const std::string& controlSocket) {
+  // Before any hook is answered: what was answered is recorded, also when the end comes at once.
+  followSignals();
   platform_.assertions->onMechanismsChanged = [this] {
     application_.coordinator().scheduleEvaluation();
     server_.stateDidChange();
@@ -141,7 +143,6 @@ std::expected<void, std::string> BackgroundProcess::start(const std::string& con
   if (const auto problem = simulated_.problem()) {
     std::fprintf(stderr, "vimbrel: %s\n", retell(*problem).c_str());
   }
-  followSignals();
   startOutput();
   serviceManager_.ready(*loop_.mainQueue());
   return {};
