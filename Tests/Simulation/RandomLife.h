@@ -29,6 +29,8 @@ class RandomLife {
   void applicationRestarted();
   /// The wall clock was moved by somebody else.
   void clockJumped() { lastJump_ = application_.time().monotonic(); }
+  /// When the wall clock jumped last, on the monotonic one.
+  [[nodiscard]] std::chrono::nanoseconds lastJump() const { return lastJump_; }
   /// Told of everything that happens.
   std::function<void(const std::string&)> onNote;
   /// Lives on; false when a promise was broken.

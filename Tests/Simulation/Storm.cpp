@@ -536,7 +536,10 @@ class Storm {
 
   std::optional<std::string> checkWhenSettled() {
     if (violation_) return violation_;
-    const bool isCalm = helper_->isAlive() && lineFaults_ == 0 && refusals_ == 0 && uptime() - faultAt_ > 10s;
+    // A lease runs out by the clock, too: one that jumps ends it until it is taken again.
+    const auto disturbedAt = std::max(faultAt_, life_.lastJump());
+    const bool isCalm =
+        helper_->isAlive() && lineFaults_ == 0 && refusals_ == 0 && uptime() - disturbedAt > 10s;
     if (isCalm && wantedSince_ && uptime() - *wantedSince_ > 10s && !helper_->isSleepDisabled()) {
       return "the lid is not covered although nothing stands in the way";
     }
