@@ -2,17 +2,15 @@
 #include "Simulation/Storm.h"
 
 #include <malloc.h>
-#include <sys/resource.h>
 
 #include <algorithm>
-#include <csignal>
 #include <filesystem>
 #include <fstream>
 
-#include "AgentMonitoring/UsageProviders/ClaudeUsageProvider.h"
 #include "Simulation/ControlPeers.h"
 #include "Simulation/Recomputation.h"
-#include "Support/CalendarDay.h"
+#include "Simulation/SimulatedDisk.h"
+#include "Simulation/UsageBooks.h"
 
 namespace vimbrel {
 namespace {
@@ -26,27 +24,6 @@ constexpr nanoseconds storeRetry = 11s;
 /// Ten thousand sessions, everything that was ever stored in a storm, and the storm's own trace.
 constexpr std::size_t mostMemory = 96U << 20U;
 
-/// While it lives, no file of this process can grow: what a full disk does to writes.
-class FullDisk {
- public:
-  FullDisk() {
-    ::getrlimit(RLIMIT_FSIZE, &before_);
-    handler_ = std::signal(SIGXFSZ, SIG_IGN);
-    const rlimit none{0, before_.rlim_max};
-    ::setrlimit(RLIMIT_FSIZE, &none);
-  }
-  ~FullDisk() {
-    ::setrlimit(RLIMIT_FSIZE, &before_);
-    std::signal(SIGXFSZ, handler_);
-  }
-  FullDisk(const FullDisk&) = delete;
-  FullDisk& operator=(const FullDisk&) = delete;
-
- private:
-  rlimit before_{};
-  void (*handler_)(int) = nullptr;
-};
-
 std::uint32_t mixed(std::uint32_t seed, std::uint32_t step, std::uint32_t purpose) {
   std::seed_seq sequence{seed, step, purpose};
   std::uint32_t result = 0;
@@ -58,17 +35,18 @@ class Storm {
  public:
   explicit Storm(const StormPlan& plan)
       : plan_(plan),
-        application_({},
-                     {.helper = [this](const HelperRequest& request) { return helper_->exchange()(request); },
-                      .usage = [this](VirtualTime& time) { return makeUsage(time); },
-                      .services = {}}),
+        application_(
+            {},
+            {.helper = [this](const HelperRequest& request) { return helper_->exchange()(request); },
+             .usage =
+                 [this](VirtualTime& time) { return usage_.makeCoordinator(time, application_.directory()); },
+             .services = {}}),
         helper_(std::make_unique<SimulatedHelperProcess>(application_.time(), plan.flaw)),
         life_(application_, plan.seed),
         peers_(application_) {
     life_.onNote = [this](const std::string& what) { note(what); };
     application_.checkEveryTask([this] { return checkEveryTask(); });
     application_.alsoCheck([this] { return checkWhenSettled(); });
-    std::filesystem::create_directories(logs_.file("projects/p"));
   }
 
   StormResult run() {
@@ -124,7 +102,7 @@ class Storm {
       if (!due_.empty()) next = std::clamp(due_.begin()->first, uptime(), next);
       run(next - uptime());
       while (peers_.look() && !isOver()) run(0s);
-      noticePeers();
+      noticeOthers();
       life_.passSecond(mixed(plan_.seed, static_cast<std::uint32_t>(++secondsPassed_), 4));
       while (!due_.empty() && due_.begin()->first <= uptime()) {
         const auto what = std::move(due_.begin()->second);
@@ -136,12 +114,13 @@ class Storm {
   }
 
   void run(nanoseconds duration) {
-    const auto full = isDiskFull_ ? std::make_unique<FullDisk>() : nullptr;
+    const auto disk = disk_.inEffect();
     peers_.poll();
     application_.run(duration);
   }
-  void noticePeers() {
+  void noticeOthers() {
     if (!violation_) violation_ = peers_.violation();
+    if (!violation_) violation_ = usage_.violation();
   }
 
   // -- what happens
@@ -150,7 +129,7 @@ class Storm {
     const int kind = upTo(100);
     if (kind < 33) {
       count("life");
-      const auto full = isDiskFull_ ? std::make_unique<FullDisk>() : nullptr;
+      const auto disk = disk_.inEffect();
       life_.happen(seed);
     } else if (kind < 38) {
       count("clients of the control socket");
@@ -186,48 +165,24 @@ class Storm {
 
   void agentWritesItsLog() {
     count("lines of a log");
-    const auto file = "s" + std::to_string(upTo(4));
-    for (int lines = 1 + upTo(6); lines > 0; --lines) {
-      // A message is often written again while it streams, with more each time.
-      const auto id = "m" + std::to_string(upTo(3) == 0 ? upTo(20) : nextMessage_++);
-      const std::int64_t output = 1 + upTo(5000);
-      const auto at = formatIso8601(application_.time().now());
-      writeLog(file, R"({"type":"assistant","sessionId":")" + file + R"(","timestamp":")" + at +
-                         R"(","message":{"id":")" + id +
-                         R"(","model":"claude-opus-5","usage":{"input_tokens":10,"output_tokens":)" +
-                         std::to_string(output) + "}}}\n");
-      auto& expected = expected_["claude_" + file + "_" + id];
-      expected = std::max(expected, 10 + output);
-    }
-    note("the agent writes to " + file);
-  }
-
-  /// What is written may be cut anywhere and completed by the next write.
-  void writeLog(const std::string& file, const std::string& line) {
-    auto& rest = torn_[file];
-    rest += line;
-    const auto length =
-        upTo(4) == 0 ? static_cast<std::size_t>(upTo(static_cast<int>(rest.size()))) : rest.size();
-    std::ofstream(logs_.file("projects/p/" + file + ".jsonl"), std::ios::app | std::ios::binary)
-        << rest.substr(0, length);
-    rest.erase(0, length);
-    writtenAt_ = uptime();
+    const auto log = usage_.agentWrites([this](int bound) { return upTo(bound); }, application_.time().now());
+    note("the agent writes to " + log);
   }
 
   void hookCarriesTokens() {
-    if (!application_.isAlive() || store_ == nullptr) return;
+    if (!application_.isAlive() || !usage_.isStoreOpen()) return;
     count("tokens by hook");
     HookEvent event;
     event.agent = AgentType::gemini;
     event.sessionId = "g";
-    event.turnId = "t" + std::to_string(nextMessage_++);
+    event.turnId = "t" + std::to_string(nextTurn_++);
     event.state = AgentState::idle;
     event.inputTokens = 1 + upTo(1000);
     event.timestamp = application_.time().now();
     note("a hook carries tokens: " + *event.turnId);
     application_.receiver().send(event.toJSONData());
     run(0s);
-    if (store_ != nullptr && !snapshot().contains("gemini_g_" + *event.turnId)) {
+    if (usage_.isStoreOpen() && !usage_.isStored("gemini_g_" + *event.turnId)) {
       broken("a hook's usage is not stored");
     }
   }
@@ -237,7 +192,7 @@ class Storm {
     count("crashes of the application");
     const auto tasks = static_cast<std::size_t>(upTo(12));
     {
-      const auto full = isDiskFull_ ? std::make_unique<FullDisk>() : nullptr;
+      const auto disk = disk_.inEffect();
       if (upTo(2) == 0) life_.happen(mixed(plan_.seed, step_, 5));
       application_.runTasks(tasks);
     }
@@ -246,7 +201,7 @@ class Storm {
     rememberStored();
     peers_.end();
     application_.crash();
-    store_ = nullptr;
+    usage_.storeClosed();
     commandHolds_.clear();
     if (upTo(3) == 0) tearJournal();
     const auto pause = upTo(2) == 0 ? 0ms : std::chrono::milliseconds(upTo(90'000));
@@ -258,15 +213,15 @@ class Storm {
     count("restarts of the application");
     note("the application is stopped");
     {
-      const auto full = isDiskFull_ ? std::make_unique<FullDisk>() : nullptr;
+      const auto disk = disk_.inEffect();
       application_.stop();
       application_.settle();
     }
     rememberStored();
     peers_.end();
-    const auto full = isDiskFull_ ? std::make_unique<FullDisk>() : nullptr;
+    const auto disk = disk_.inEffect();
     application_.kill();
-    store_ = nullptr;
+    usage_.storeClosed();
     commandHolds_.clear();
     later(std::chrono::milliseconds(upTo(20'000)), [this] { relaunch(); });
   }
@@ -275,7 +230,7 @@ class Storm {
     if (application_.isAlive() || isOver()) return;
     note("the application starts");
     launchedAt_ = uptime();
-    const auto full = isDiskFull_ ? std::make_unique<FullDisk>() : nullptr;
+    const auto disk = disk_.inEffect();
     life_.applicationRestarted();
     application_.relaunch();
     peers_.serve();
@@ -317,7 +272,7 @@ class Storm {
       helper_->crash();
     } else {
       note("the helper is stopped");
-      const auto full = isDiskFull_ ? std::make_unique<FullDisk>() : nullptr;
+      const auto disk = disk_.inEffect();
       helper_->stop();
     }
     faultAt_ = uptime();
@@ -325,7 +280,7 @@ class Storm {
       faultAt_ = uptime();
       if (helper_->isAlive()) return;
       note("the helper starts");
-      const auto full = isDiskFull_ ? std::make_unique<FullDisk>() : nullptr;
+      const auto disk = disk_.inEffect();
       helper_->start();
     });
   }
@@ -355,14 +310,14 @@ class Storm {
   }
 
   void diskFills() {
-    if (isDiskFull_) return;
+    if (disk_.isFull()) return;
     count("full disks");
     note("the disk is full");
     rememberStored();
-    isDiskFull_ = true;
+    disk_.fill();
     later(std::chrono::milliseconds(upTo(60'000)), [this] {
       note("the disk has room again");
-      isDiskFull_ = false;
+      disk_.free();
       diskFreeAt_ = uptime();
     });
   }
@@ -408,114 +363,37 @@ class Storm {
     const bool on = upTo(3) != 0;
     count("changes of the lid's setting");
     note(on ? "the lid is to be covered" : "the lid is not to be covered");
-    const auto full = isDiskFull_ ? std::make_unique<FullDisk>() : nullptr;
+    const auto disk = disk_.inEffect();
     if (!application_.app().settings().setDeepLidProtectionEnabled(on)) note("that could not be written");
   }
 
   /// Everything is repaired; what was asked for is then there.
   void calmDown() {
     note("everything is repaired");
-    isDiskFull_ = false;
+    disk_.free();
     helper_->setLine(SimulatedHelperProcess::Line::works);
     helper_->setRefused(false);
     if (!helper_->isAlive()) helper_->start();
     if (!application_.isAlive()) relaunch();
-    for (auto& [file, rest] : torn_) {
-      std::ofstream(logs_.file("projects/p/" + file + ".jsonl"), std::ios::app | std::ios::binary) << rest;
-      rest.clear();
-    }
+    usage_.agentFinishesItsLines();
     due_.clear();
-    faultAt_ = diskFreeAt_ = writtenAt_ = uptime();
+    faultAt_ = diskFreeAt_ = uptime();
     lineFaults_ = refusals_ = busFaults_ = 0;
     application_.machine().setServiceRunning(true);
     pass(180s);
     peers_.everybodyLeaves();
     pass(12s);
     if (peers_.connectionCount() != 0) return broken("connections outlive their peers");
-    if (isOver() || store_ == nullptr) return;
-    for (const auto& [key, total] : expected_) {
-      if (!isStored(key, total)) return broken("at the end, usage of the log is not stored: " + key);
-    }
-  }
-
-  // -- usage
-
-  std::shared_ptr<UsageCoordinator> makeUsage(VirtualTime& time) {
-    UsageCoordinator::Parts parts;
-    parts.mainQueue = time.mainQueue();
-    parts.workQueue = time.makeQueue("usage", QueueHome::background);
-    parts.openStore = [this, &time]() -> std::expected<std::unique_ptr<UsageStore>, std::string> {
-      UsageStoreOptions options;
-      options.path = application_.directory() + "/usage_store.json";
-      options.wholeFileBytes = 2000;  // Small, so that the journal is used.
-      options.durability = Durability::process;
-      auto opened = UsageStore::open(options, time.mainQueue(), time);
-      if (opened) {
-        store_ = opened->get();
-        requireRemembered();
-      } else if (!isDiskFull_) {
-        broken("the usage store does not open: " + opened.error());
-      }
-      return opened;
-    };
-    parts.providers = {std::make_shared<ClaudeUsageProvider>(std::vector{logs_.path()},
-                                                             time.makeQueue("claude", QueueHome::background),
-                                                             time, ModelRateCard::builtIn(), nullptr)};
-    return std::make_shared<UsageCoordinator>(std::move(parts), time);
-  }
-
-  using Stored = std::map<std::string, std::int64_t>;
-  [[nodiscard]] Stored snapshot() const {
-    Stored stored;
-    for (const auto& event : store_->allEvents()) {
-      if (!stored.emplace(event.deduplicationKey(), event.totalTokens.value_or(0)).second)
-        stored["doubled"] = 1;
-    }
-    return stored;
-  }
-  [[nodiscard]] bool isStored(const std::string& key, std::int64_t total) const {
-    const auto stored = snapshot();
-    const auto found = stored.find(key);
-    return found != stored.end() && found->second == total;
-  }
-  [[nodiscard]] bool canWrite() { return !isDiskFull_ && uptime() - diskFreeAt_ > storeRetry; }
-
-  /// What must be there after a crash at this moment: all that was accepted, unless it could not be written.
-  void rememberStored() {
-    if (store_ != nullptr && canWrite()) stored_ = snapshot();
-  }
-  void requireRemembered() {
-    const auto found = snapshot();
-    for (const auto& [key, total] : stored_) {
-      const auto entry = found.find(key);
-      if (entry == found.end()) return broken("usage that was stored is lost: " + key);
-      if (entry->second < total) return broken("usage that was stored counts less: " + key);
-    }
-  }
-
-  std::optional<std::string> checkUsage() {
-    const auto stored = snapshot();
-    if (stored.contains("doubled")) return "a usage event is stored twice";
-    for (const auto& [key, total] : stored) {
-      const auto expected = expected_.find(key);
-      if (key.starts_with("claude_") && (expected == expected_.end() || total > expected->second)) {
-        return "usage is stored that nobody wrote: " + key;
-      }
-    }
-    // Sums against a recomputation from the events.
-    const auto events = store_->allEvents();
-    const auto [from, to] = std::pair{instantFromUnixSeconds(-1e15), instantFromUnixSeconds(1e15)};
-    if (store_->summary(from, to) != summarise(events)) return "the summary is not the sum of the events";
-    std::map<std::string, std::int64_t> bySession;
-    for (const auto& event : events) bySession[event.sessionId] += event.totalTokens.value_or(0);
-    for (const auto& session : store_->recentSessions()) {
-      if (session.totalTokens != bySession[session.id])
-        return "a session's total is not the sum of its events";
-    }
-    return std::nullopt;
+    if (isOver() || !usage_.isStoreOpen()) return;
+    if (const auto fault = usage_.checkAllIsStored()) broken("at the end, " + *fault);
   }
 
   // -- promises
+
+  /// What must be there after a crash at this moment: all that was accepted, unless it could not be written.
+  void rememberStored() {
+    if (!disk_.isFull() && uptime() - diskFreeAt_ > storeRetry) usage_.remember();
+  }
 
   std::optional<std::string> checkEveryTask() {
     const auto* hold = application_.isAlive() && application_.app().coordinator().isRunning()
@@ -551,9 +429,9 @@ class Storm {
     }
     if (application_.time().scheduledCount() > 200) return "timers pile up";
     // Looked at now and then, because it takes long.
-    if (store_ != nullptr && uptime() - thoroughAt_ > 60s) {
+    if (usage_.isStoreOpen() && uptime() - thoroughAt_ > 60s) {
       thoroughAt_ = uptime();
-      if (auto fault = checkUsage()) return fault;
+      if (auto fault = usage_.check()) return fault;
       if (auto fault = differenceFromScratch(application_)) return fault;
       // Sanitizers keep books of their own, and this one at 0.
       if (::mallinfo2().uordblks > memoryBefore_ + mostMemory) return "memory has no bound";
@@ -565,7 +443,8 @@ class Storm {
 
   const StormPlan plan_;
   CapturedLog log_;
-  TemporaryDirectory logs_;
+  SimulatedDisk disk_;
+  UsageBooks usage_{disk_};
   SimulatedApplication application_;
   std::unique_ptr<SimulatedHelperProcess> helper_;
   RandomLife life_;
@@ -578,69 +457,21 @@ class Storm {
   std::uint64_t secondsPassed_ = 0;
   std::multimap<nanoseconds, std::function<void()>> due_;
 
-  bool isDiskFull_ = false;
   int lineFaults_ = 0;
   int refusals_ = 0;
   int busFaults_ = 0;
   nanoseconds faultAt_{0};
   nanoseconds diskFreeAt_{-1h};
-  nanoseconds writtenAt_{0};
   nanoseconds launchedAt_{0};
   nanoseconds thoroughAt_{0};
   nanoseconds wantedAt_{0};
   std::optional<nanoseconds> wantedSince_;
   std::vector<Token> commandHolds_;
-
-  UsageStore* store_ = nullptr;              // while the application lives and has opened it
-  Stored stored_;                            // what must survive
-  Stored expected_;                          // what stands in the log, by key
-  std::map<std::string, std::string> torn_;  // what of the log is still to be written
-  int nextMessage_ = 100;
+  int nextTurn_ = 0;
 };
 
 }  // namespace
 
 StormResult runStorm(const StormPlan& plan) { return Storm(plan).run(); }
-
-std::string promiseOf(const std::string& violation) {
-  const auto start = violation.find(": ");
-  auto text = start == violation.npos ? violation : violation.substr(start + 2);
-  text = text.substr(0, text.find(" ("));
-  return text.substr(0, text.find(": "));
-}
-
-StormPlan minimised(const StormPlan& plan, const StormResult& result) {
-  const auto promise = promiseOf(result.violation.value_or(""));
-  StormPlan best = plan;
-  if (!best.only) {
-    best.only.emplace();
-    for (std::uint32_t step = 0; step < plan.steps; ++step) best.only->insert(step);
-  }
-  best.only->erase(best.only->upper_bound(result.lastStep), best.only->end());
-  const auto stillFails = [&](const StormPlan& candidate) {
-    const auto again = runStorm(candidate);
-    return again.violation && promiseOf(*again.violation) == promise;
-  };
-  // Pieces of half the steps first, then of a quarter, down to single ones, for as long as any can go.
-  for (std::size_t piece = std::max<std::size_t>(1, best.only->size() / 2);;) {
-    bool removed = false;
-    for (std::size_t at = 0; at < best.only->size();) {
-      StormPlan candidate = best;
-      const auto from = std::next(candidate.only->begin(), static_cast<std::ptrdiff_t>(at));
-      auto to = from;
-      for (std::size_t i = 0; i < piece && to != candidate.only->end(); ++i) ++to;
-      candidate.only->erase(from, to);
-      if (stillFails(candidate)) {
-        best = std::move(candidate);
-        removed = true;
-      } else {
-        at += piece;
-      }
-    }
-    if (piece == 1 && !removed) break;
-    piece = std::max<std::size_t>(1, piece / 2);
-  }
-  return best;
-}
 
 }  // namespace vimbrel
