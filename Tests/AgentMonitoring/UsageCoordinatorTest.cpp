@@ -128,27 +128,28 @@ TEST_F(Usage, letsOnlySoManyEventsWaitForAnImport) {
 }
 
 TEST_F(Usage, recordsWhatWasHandedOverBeforeItsEnd) {
-  EventLoop loop;
-  UsageCoordinator::Parts parts;
-  parts.mainQueue = loop.mainQueue();
-  parts.workQueue = loop.makeQueue("work", QueueHome::background);
   UsageStoreOptions options;
   options.path = directory_.file("Vimbrel/orderly.json");
-  parts.openStore = [&] {
-    return UsageStore::open(options, loop.makeQueue("store", QueueHome::background), time_);
-  };
-  std::promise<void> handedOver;
-  parts.importHistory = [&](UsageStore&, TurnOwners&, const std::atomic<bool>&) {
-    handedOver.get_future().wait();  // Nothing is recorded before everything waits.
-  };
-  auto usage = std::make_shared<UsageCoordinator>(std::move(parts), time_);
-  usage->start();
-  for (int i = 0; i < 100; ++i) usage->handleUsageEvent(event("s", std::to_string(i), 1));
-  usage->stop();
-  usage->handleUsageEvent(event("s", "late", 1));
-  handedOver.set_value();
-  usage->drain(std::chrono::minutes(5));
-  usage.reset();
+  {
+    EventLoop loop;  // With its threads goes the store, whose lock keeps the next one out.
+    UsageCoordinator::Parts parts;
+    parts.mainQueue = loop.mainQueue();
+    parts.workQueue = loop.makeQueue("work", QueueHome::background);
+    parts.openStore = [&] {
+      return UsageStore::open(options, loop.makeQueue("store", QueueHome::background), time_);
+    };
+    std::promise<void> handedOver;
+    parts.importHistory = [&](UsageStore&, TurnOwners&, const std::atomic<bool>&) {
+      handedOver.get_future().wait();  // Nothing is recorded before everything waits.
+    };
+    const auto usage = std::make_shared<UsageCoordinator>(std::move(parts), time_);
+    usage->start();
+    for (int i = 0; i < 100; ++i) usage->handleUsageEvent(event("s", std::to_string(i), 1));
+    usage->stop();
+    usage->handleUsageEvent(event("s", "late", 1));
+    handedOver.set_value();
+    usage->drain(std::chrono::minutes(5));
+  }
   const auto store = UsageStore::open(options, time_.mainQueue(), time_);
   ASSERT_TRUE(store) << store.error();
   EXPECT_EQ((*store)->eventCount(), 101U);

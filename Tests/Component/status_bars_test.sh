@@ -68,6 +68,7 @@ cat >polybar.ini <<INI
 width = 100%
 height = 30
 background = #000000
+font-0 = DejaVu Sans:antialias=false
 modules-right = vimbrel
 [module/vimbrel]
 type = custom/script

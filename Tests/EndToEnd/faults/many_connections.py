@@ -6,7 +6,7 @@ import os
 import resource
 import socket
 
-from sandbox import Baseline, Sandbox, event, eventually, require
+from sandbox import Baseline, Refused, Sandbox, event, eventually, require
 
 connections = int(os.environ.get("VIMBREL_CONNECTIONS", "10000"))
 most_held = 1500
@@ -61,7 +61,7 @@ def assault(sandbox, what):
     def is_served():
         try:
             return sandbox.ask("status")
-        except (OSError, ConnectionError):
+        except (OSError, Refused):  # The server has not yet seen that the crowd is gone.
             return None
     eventually(is_served, "a new client is served afterwards")
     honest.close()
