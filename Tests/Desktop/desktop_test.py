@@ -266,12 +266,20 @@ class Application(Desktop):
         self.see("Pause for 15 minutes")
 
     def test_is_started_from_here(self):
+        programs, asked = HOME / "bin", HOME / "asked"
+        programs.mkdir()
+        (programs / "systemctl").write_text(f'#!/bin/sh\necho "$3" >>{asked}\nexit 5\n')  # no such unit
+        (programs / "systemctl").chmod(0o755)
+        self.tray.terminate()
+        self.tray.wait()
+        self.start_tray(PATH=f"{programs}:{os.environ['PATH']}")
         self.application.terminate()
         self.application.wait()
         self.open_popover()
         self.press("Start Vimbrel")
         eventually(lambda: self.rpc_pid())
         self.see("Sleep allowed")
+        self.assertEqual(asked.read_text().split(), ["com.vimbrel.app.service", "vimbrel.service"])
 
     def test_survives_a_stranger_in_its_place(self):
         self.application.kill()

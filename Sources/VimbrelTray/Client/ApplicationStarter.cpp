@@ -19,16 +19,22 @@ QString ApplicationStarter::program() {
   return QStandardPaths::findExecutable("vimbrel");
 }
 
-void ApplicationStarter::start() {
+// The user's own unit, which `vimbrel run --install-service` writes, and the package's. Never both are
+// enabled.
+void ApplicationStarter::start() { startFirstOf({"com.vimbrel.app.service", "vimbrel.service"}); }
+
+void ApplicationStarter::startFirstOf(QStringList units) {
+  if (units.isEmpty()) return startProcess();
   auto* systemctl = new QProcess(this);
   systemctl->setProgram("systemctl");
-  systemctl->setArguments({"--user", "start", "vimbrel.service"});
+  systemctl->setArguments({"--user", "start", units.takeFirst()});
   systemctl->setStandardOutputFile(QProcess::nullDevice());
   systemctl->setStandardErrorFile(QProcess::nullDevice());
-  connect(systemctl, &QProcess::finished, this, [this, systemctl](int status, QProcess::ExitStatus kind) {
-    systemctl->deleteLater();
-    if (kind != QProcess::NormalExit || status != 0) startProcess();
-  });
+  connect(systemctl, &QProcess::finished, this,
+          [this, systemctl, units](int status, QProcess::ExitStatus kind) {
+            systemctl->deleteLater();
+            if (kind != QProcess::NormalExit || status != 0) startFirstOf(units);
+          });
   connect(systemctl, &QProcess::errorOccurred, this, [this, systemctl](QProcess::ProcessError error) {
     if (error != QProcess::FailedToStart) return;
     systemctl->deleteLater();

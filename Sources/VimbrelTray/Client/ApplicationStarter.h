@@ -3,11 +3,12 @@
 
 #include <QObject>
 #include <QString>
+#include <QStringList>
 
 namespace vimbrel::desktop {
 
-/// Starts the background process so that it outlives the desktop's program: as the user's systemd unit where
-/// there is one, else as a process of its own.
+/// Starts the background process so that it outlives the desktop's program: as a unit of the user's service
+/// manager where there is one, else as a process of its own.
 class ApplicationStarter final : public QObject {
   Q_OBJECT
 
@@ -22,6 +23,8 @@ class ApplicationStarter final : public QObject {
   void failed(const QString& reason);
 
  private:
+  /// As the first of these units that there is; as a process where there is none.
+  void startFirstOf(QStringList units);
   void startProcess();
 };
 
