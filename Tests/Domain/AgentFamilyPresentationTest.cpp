@@ -26,72 +26,40 @@ std::shared_ptr<const AgentSession> session(AgentType agent, AgentState state, i
   return std::make_shared<const AgentSession>(made);
 }
 
-ProviderBudgetReport reportOf(AgentType agent, Seconds age) {
-  return ProviderBudgetReport::make({.agentType = agent, .lastUpdated = now - age, .source = "test"});
-}
-
 TEST(AgentFamilies, showOneLineForEachAgent) {
-  const auto process = IntegrationType::process;
+  const auto hook = [](AgentState state, int pid) { return session(AgentType::codex, state, pid); };
+  const auto process = [](AgentState state, int pid, const char* host = nullptr) {
+    return session(AgentType::cursor, state, pid, IntegrationType::process, host);
+  };
   struct Case {
-    const char* name;
     SessionList sessions;
     AgentState state;
     std::int64_t logical;
     std::int64_t processes;
-    std::string subtitle;
+    const char* subtitle;
   };
-  const auto codex = AgentType::codex;
-  const auto cursor = AgentType::cursor;
   const std::vector<Case> cases{
-      {"two hook sessions",
-       {session(codex, working, 10), session(codex, waiting, 11)},
-       working,
-       2,
-       2,
-       "2 sessions active"},
-      {"an error outranks work",
-       {session(codex, error, 1), session(codex, working, 2)},
-       error,
-       2,
-       2,
-       "2 sessions active"},
-      {"all completed", {session(codex, completed, 1)}, completed, 1, 1, "1 session active"},
-      {"completed and idle",
-       {session(codex, completed, 1), session(codex, idle, 2)},
-       idle,
-       2,
-       2,
-       "2 processes detected · Idle"},
-      {"processes of one host are one session",
-       {session(codex, working, 1, process), session(codex, working, 2, process),
-        session(codex, working, 3, process)},
-       working,
-       1,
-       3,
-       "1 session active (3 processes)"},
-      {"processes of two hosts",
-       {session(codex, working, 1, process), session(codex, working, 2, process, "Zed"),
-        session(codex, working, 3, process)},
+      {{hook(working, 10), hook(waiting, 11)}, working, 2, 2, "2 sessions active"},
+      {{hook(error, 1), hook(working, 2)}, error, 2, 2, "2 sessions active"},
+      {{hook(completed, 1)}, completed, 1, 1, "1 session active"},
+      {{hook(completed, 1), hook(idle, 2)}, idle, 2, 2, "2 processes detected · Idle"},
+      // The processes of one host are one session.
+      {{process(working, 1), process(working, 2)}, working, 1, 2, "1 session active (2 processes)"},
+      {{process(working, 1), process(working, 2, "Zed"), process(working, 3)},
        working,
        2,
        3,
        "2 sessions active (3 processes)"},
-      {"idle processes",
-       {session(cursor, idle, 1, process), session(cursor, stale, 2, process)},
-       idle,
-       1,
-       2,
-       "2 processes detected · Idle"},
-      {"one idle session", {session(cursor, idle, 1, process)}, idle, 1, 1, "1 process detected · Idle"},
+      {{process(idle, 1), process(stale, 2)}, idle, 1, 2, "2 processes detected · Idle"},
+      {{process(idle, 1)}, idle, 1, 1, "1 process detected · Idle"},
   };
-  for (const auto& test : cases) {
-    const auto families = AgentFamilyPresentation::buildFamilies(test.sessions, {}, now);
-    ASSERT_EQ(families.size(), 1U) << test.name;
-    EXPECT_EQ(families[0].aggregateState, test.state) << test.name;
-    EXPECT_EQ(families[0].logicalSessionCount, test.logical) << test.name;
-    EXPECT_EQ(families[0].processCount, test.processes) << test.name;
-    EXPECT_EQ(families[0].summarySubtitle(), test.subtitle) << test.name;
-    EXPECT_EQ(families[0].budgetSummaryLine(), test.subtitle) << test.name;
+  for (const auto& [sessions, state, logical, processes, subtitle] : cases) {
+    const auto families = AgentFamilyPresentation::buildFamilies(sessions, {}, now);
+    ASSERT_EQ(families.size(), 1U) << subtitle;
+    EXPECT_EQ(families[0].aggregateState, state) << subtitle;
+    EXPECT_EQ(families[0].logicalSessionCount, logical) << subtitle;
+    EXPECT_EQ(families[0].processCount, processes) << subtitle;
+    EXPECT_EQ(families[0].budgetSummaryLine(), subtitle);
   }
 }
 
@@ -112,9 +80,9 @@ TEST(AgentFamilies, comeInOrderOfAttentionAndIncludeRecentBudgets) {
   const SessionList sessions{session(AgentType::cursor, idle, 1), session(AgentType::aider, idle, 2),
                              session(AgentType::claude, working, 3),
                              session(AgentType::windsurf, waiting, 4)};
-  const std::map<AgentType, ProviderBudgetReport> reports{
-      {AgentType::codex, reportOf(AgentType::codex, Seconds{600})},
-      {AgentType::opencode, reportOf(AgentType::opencode, Seconds{7200})}};
+  std::map<AgentType, ProviderBudgetReport> reports;
+  reports[AgentType::codex].lastUpdated = now - Seconds{600};
+  reports[AgentType::opencode].lastUpdated = now - Seconds{7200};
   std::string order;
   for (const auto& family : AgentFamilyPresentation::buildFamilies(sessions, reports, now))
     order += family.id() + " ";
@@ -134,19 +102,13 @@ TEST(VisualState, showsTheMostUrgentStateUnlessABlockIsInForce) {
     return aggregateVisualState(sessions, decision);
   };
   EXPECT_EQ(of({}, hold), VimbrelVisualState::idle);
-  for (const auto& [state, shown] : {std::pair(AgentState::working, VimbrelVisualState::working),
-                                     std::pair(AgentState::waiting, VimbrelVisualState::waiting),
-                                     std::pair(AgentState::completed, VimbrelVisualState::completed),
-                                     std::pair(AgentState::error, VimbrelVisualState::error),
-                                     std::pair(AgentState::idle, VimbrelVisualState::idle),
-                                     std::pair(AgentState::stale, VimbrelVisualState::idle)}) {
-    EXPECT_EQ(visualStateFor(state), shown);
-  }
-  EXPECT_EQ(of({AgentState::error, AgentState::waiting}, hold), VimbrelVisualState::waiting);
-  EXPECT_EQ(of({AgentState::completed, AgentState::error}, hold), VimbrelVisualState::error);
-  EXPECT_EQ(of({AgentState::stale, AgentState::unknown}, hold), VimbrelVisualState::idle);
-  EXPECT_EQ(of({AgentState::working}, WakeDecision::release("x")), VimbrelVisualState::working);
-  EXPECT_EQ(of({AgentState::working}, WakeDecision::blocked(SafetyBlock::paused)), VimbrelVisualState::error);
+  EXPECT_EQ(visualStateFor(completed), VimbrelVisualState::completed);
+  for (const auto state : {idle, stale, unknown}) EXPECT_EQ(visualStateFor(state), VimbrelVisualState::idle);
+  EXPECT_EQ(of({error, waiting}, hold), VimbrelVisualState::waiting);
+  EXPECT_EQ(of({completed, error}, hold), VimbrelVisualState::error);
+  EXPECT_EQ(of({stale, unknown}, hold), VimbrelVisualState::idle);
+  EXPECT_EQ(of({working}, WakeDecision::release("x")), VimbrelVisualState::working);
+  EXPECT_EQ(of({working}, WakeDecision::blocked(SafetyBlock::paused)), VimbrelVisualState::error);
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include <tuple>
 
 #include "Domain/BudgetCodec.h"
+#include "Domain/StrictCodec.h"
 
 namespace vimbrel {
 namespace {
@@ -33,18 +34,14 @@ TEST(ContextBudget, keepsItsFiguresInRange) {
 }
 
 TEST(LowBudgetThreshold, warnsByTheWorseOfTheTwoAndPrefersTheQuota) {
-  using enum LowBudgetMetricType;
-  struct Case {
-    std::optional<double> context, quota;
-    std::string message;
-  };
-  const std::vector<Case> cases{
-      {20.01, std::nullopt, ""},
-      {20, std::nullopt, "Context window is low (20% remaining)"},
-      {19.5, std::nullopt, "Context window is low (20% remaining)"},
-      {10, std::nullopt, "Context window is critically low (10% remaining)"},
-      {std::nullopt, 7, "Account quota is critically low (7% remaining)"},
-      {5, std::nullopt, "Context window is exhausted (5% remaining)"},
+  constexpr auto none = std::nullopt;
+  const std::tuple<std::optional<double>, std::optional<double>, const char*> cases[] = {
+      {20.01, none, ""},
+      {20, none, "Context window is low (20% remaining)"},
+      {19.5, none, "Context window is low (20% remaining)"},
+      {10, none, "Context window is critically low (10% remaining)"},
+      {none, 7, "Account quota is critically low (7% remaining)"},
+      {5, none, "Context window is exhausted (5% remaining)"},
       {4, 8, "Context window is exhausted (4% remaining)"},
       {9, 8, "Account quota is critically low (8% remaining)"},
   };
@@ -55,45 +52,38 @@ TEST(LowBudgetThreshold, warnsByTheWorseOfTheTwoAndPrefersTheQuota) {
 }
 
 TEST(BudgetTexts, areWrittenForPeople) {
-  const std::vector<std::pair<std::int64_t, std::string>> counts{
-      {-5, "-5"},        {999, "999"},      {1000, "1k"},        {1500, "2k"},
-      {200'000, "200k"}, {1'000'000, "1M"}, {1'234'567, "1.2M"}, {2'000'000, "2M"}};
-  for (const auto& [count, text] : counts) EXPECT_EQ(formatTokenCompact(count), text);
-  const std::vector<std::pair<CostBudget, std::string>> costs{{{0.004, true}, "<$0.01 est."},
-                                                              {{0, true}, "$0.00 est."},
-                                                              {{0.005, false}, "$0.01"},
-                                                              {{1.234, false}, "$1.23"}};
-  for (const auto& [cost, text] : costs) EXPECT_EQ(cost.formattedCost(), text);
+  using Counts = std::vector<std::pair<std::int64_t, const char*>>;
+  for (const auto& [count, text] :
+       Counts{{-5, "-5"}, {999, "999"}, {1000, "1k"}, {1500, "2k"}, {1'000'000, "1M"}, {1'234'567, "1.2M"}}) {
+    EXPECT_EQ(formatTokenCompact(count), text);
+  }
+  EXPECT_EQ((CostBudget{0.004, true}.formattedCost()), "<$0.01 est.");
+  EXPECT_EQ((CostBudget{0, true}.formattedCost()), "$0.00 est.");
+  EXPECT_EQ((CostBudget{0.005, false}.formattedCost()), "$0.01");
 }
 
 TEST(ProviderBudgetReport, saysInOneLineWhatIsLeft) {
   using Report = ProviderBudgetReport;
   const CostBudget cost{0.42, true};
-  const auto unknown = Context::unavailable("Context unavailable");
-  struct Case {
-    Report report;
-    std::string actionable, idle;
-  };
-  const std::vector<Case> cases{
-      {{}, "Budget telemetry unavailable", "Idle · Ready for sessions"},
-      {{.cost = cost}, "$0.42 est.", "Idle · Ready for sessions"},
+  const auto most = context(200'000, 80'000);
+  const std::string ready = "Idle · Ready for sessions";
+  const std::tuple<Report, std::string, std::string> cases[] = {
+      {{}, "Budget telemetry unavailable", ready},
       {{.sessionUsage = {.totalTokens = 1500}, .cost = cost},
        "2k tokens · $0.42 est.",
-       "Last session: 2k tokens · $0.42 est."},
-      {{.context = context(200'000, 80'000), .quota = quota(45), .cost = cost},
+       "2k tokens · $0.42 est."},
+      {{.context = most, .quota = quota(45), .cost = cost},
        "120k context left · 60% remaining · Quota 45% left · $0.42 est.",
-       "Last session: 120k context left · $0.42 est."},
-      {{.context = context(200'000, 80'000), .quota = quota(8)},
-       "8% quota left · Critically Low",
-       "Last session: 120k context left"},
+       "120k context left · $0.42 est."},
+      {{.context = most, .quota = quota(8)}, "8% quota left · Critically Low", "120k context left"},
       {{.context = context(100, 97), .quota = quota(18), .cost = cost},
        "18% quota left · Exhausted · $0.42 est.",
-       "Last session: 3 context left · $0.42 est."},
+       "3 context left · $0.42 est."},
   };
   for (const auto& [fields, actionable, idle] : cases) {
     const auto report = Report::make(fields);
     EXPECT_EQ(report.actionableSummaryLine(), actionable);
-    EXPECT_EQ(report.idleSummaryLine(), idle);
+    EXPECT_EQ(report.idleSummaryLine(), idle == ready ? ready : "Last session: " + idle);
   }
   EXPECT_EQ((Report{.quota = quota(12)}.actionableSummaryLine()), "12% quota left · Low")
       << "a report without an alert";
@@ -138,25 +128,25 @@ TEST(BudgetCodec, readsBackWhatItWroteAndForgivesOnlyWhatAMetricMayLack) {
   told.lowBudgetAlert->message = "told by somebody else";
   EXPECT_EQ(ProviderBudgetReport::make(told), told);
   const nlohmann::json valid = toJson(full, DateCoding::iso8601);
+  requireStrictReading(valid, toJson(ProviderBudgetReport{}, DateCoding::iso8601), [](const auto& read) {
+    return providerBudgetReportFromJson(read, DateCoding::iso8601).has_value();
+  });
+  struct Case {
+    const char* pointer;
+    nlohmann::json value;
+    const char* error;
+  };
   for (const auto& [pointer, value, error] : {
-           std::tuple("/agentType", nlohmann::json("claud"), "\"agentType\" is not a known agent"),
-           std::tuple("/context", nlohmann::json(nullptr), "\"context\" is missing"),
-           std::tuple("/context/value/contextWindow", nlohmann::json("200"), "\"contextWindow\" is not"),
-           std::tuple("/quota/value/percentageRemaining", nlohmann::json(true), "\"percentageRemaining\""),
-           std::tuple("/sessionUsage/recordedAt", nlohmann::json(1), "\"recordedAt\" is not"),
-           std::tuple("/cost", nlohmann::json{{"amountUSD", 1}}, "\"isEstimated\" is missing"),
-           std::tuple("/lowBudgetAlert", nlohmann::json{{"level", "bad"}}, "\"level\" is not a known level"),
-           std::tuple("/lowBudgetAlert",
-                      nlohmann::json{{"level", rawValue(low.lowBudgetAlert->level)}, {"metricType", "x"}},
-                      "\"metricType\" is not a known metric"),
+           Case{"/agentType", "claud", "\"agentType\" is not a known agent"},
+           Case{"/context/value/contextWindow", "200", "\"contextWindow\" is not"},
+           Case{"/quota/value/percentageRemaining", true, "\"percentageRemaining\""},
+           Case{"/sessionUsage/recordedAt", 1, "\"recordedAt\" is not"},
+           Case{"/cost", {{"amountUSD", 1}}, "\"isEstimated\" is missing"},
+           Case{"/lowBudgetAlert/level", "bad", "\"level\" is not a known level"},
+           Case{"/lowBudgetAlert/metricType", "x", "\"metricType\" is not a known metric"},
        }) {
     auto broken = valid;
-    const nlohmann::json::json_pointer place(pointer);
-    if (value.is_null()) {
-      broken.erase(place.back());
-    } else {
-      broken[place] = value;
-    }
+    broken[nlohmann::json::json_pointer(pointer)] = value;
     const auto decoded = providerBudgetReportFromJson(broken, DateCoding::iso8601);
     ASSERT_FALSE(decoded) << pointer;
     EXPECT_TRUE(decoded.error().text.contains(error)) << decoded.error().text;

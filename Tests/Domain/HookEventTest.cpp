@@ -10,53 +10,42 @@ namespace {
 
 const Instant now = instantFromUnixSeconds(1'700'000'000);
 
+/// An idle event of Codex with these members, too.
+std::expected<HookEvent, std::string> idleWith(const std::string& members) {
+  return HookEvent::parse(R"({"agent":"CODEX","state":"Idle")" + members + "}", now);
+}
+
 TEST(HookEventDecoding, isLenientFieldByField) {
-  const auto base = [] {
-    HookEvent event;
-    event.agent = AgentType::codex;
-    event.sessionId = "codex-default";
-    event.state = AgentState::idle;
-    event.timestamp = now;
-    return event;
-  };
-  struct Case {
-    std::string fields;
-    std::function<void(HookEvent&)> expected;
-  };
-  const std::vector<Case> cases{
-      {"", [](HookEvent&) {}},
-      {R"(,"schema":2)", [](HookEvent& e) { e.schema = 2; }},
-      {R"(,"schema":"2")", [](HookEvent&) {}},
-      {R"(,"pid":77)", [](HookEvent& e) { e.pid = 77, e.sessionId = "codex-77"; }},
-      {R"(,"pid":"77")", [](HookEvent&) {}},
-      {R"(,"pid":2147483648)", [](HookEvent&) {}},
-      {R"(,"pid":-2147483648)", [](HookEvent& e) { e.pid = -2147483648, e.sessionId = "codex--2147483648"; }},
-      {R"(,"session_id":"")", [](HookEvent&) {}},
-      {R"(,"session_id":7,"pid":3)", [](HookEvent& e) { e.pid = 3, e.sessionId = "codex-3"; }},
-      {R"(,"session_id":" A\/é ")", [](HookEvent& e) { e.sessionId = " A/é "; }},
-      {R"(,"timestamp":12.5)", [](HookEvent& e) { e.timestamp = instantFromUnixSeconds(12.5); }},
-      {R"(,"timestamp":12)", [](HookEvent& e) { e.timestamp = instantFromUnixSeconds(12); }},
-      {R"(,"timestamp":"2024-01-01")", [](HookEvent&) {}},
-      {R"(,"timestamp":null,"cwd":null,"model":[],"turn_id":{})", [](HookEvent&) {}},
-      {R"(,"input_tokens":12.5,"output_tokens":"9","cached_tokens":8)",
-       [](HookEvent& e) { e.cachedTokens = 8; }},
-      {R"(,"input_tokens":9223372036854775807,"output_tokens":9223372036854775808)",
-       [](HookEvent& e) { e.inputTokens = 9223372036854775807; }},
-      {R"(,"output_tokens":1e999,"reasoning_tokens":-3)", [](HookEvent& e) { e.reasoningTokens = -3; }},
-      {R"(,"unknown":[1e999,-0,0.5,7E+2,7e-2,"1e999 \"x"],"timestamp":-25E-1,"pid":12)",
-       [](HookEvent& e) {
-         e.timestamp = instantFromUnixSeconds(-2.5), e.pid = 12, e.sessionId = "codex-12";
-       }},
-      {R"(,"unknown":{"deep":[1,[2,{"x":[]}]]},"cwd":"/a","model":"m","turn_id":"t")",
-       [](HookEvent& e) { e.cwd = "/a", e.model = "m", e.turnId = "t"; }},
-  };
-  for (const auto& [fields, change] : cases) {
-    auto expected = base();
-    change(expected);
-    const auto event = HookEvent::parse(R"({"agent":"CODEX","state":"Idle")" + fields + "}", now);
-    ASSERT_TRUE(event) << fields << ": " << event.error();
-    EXPECT_EQ(*event, expected) << fields;
+  HookEvent idle;
+  idle.agent = AgentType::codex;
+  idle.sessionId = "codex-default";
+  idle.state = AgentState::idle;
+  idle.timestamp = now;
+  EXPECT_EQ(idleWith(""), idle);
+  for (const auto* ignored :
+       {R"(,"schema":"2")", R"(,"pid":"77")", R"(,"pid":2147483648)", R"(,"session_id":"")",
+        R"(,"timestamp":"2024-01-01")", R"(,"timestamp":null,"cwd":null,"model":[],"turn_id":{})",
+        R"(,"input_tokens":12.5,"output_tokens":"9")", R"(,"output_tokens":9223372036854775808)",
+        R"(,"output_tokens":1e999,"unknown":[1e999,-0,0.5,7E+2,7e-2,"1e999 \"x"])",
+        R"(,"unknown":{"deep":[1,[2,{"x":[]}]]})"}) {
+    EXPECT_EQ(idleWith(ignored), idle) << ignored;
   }
+  // What is wrong in one member leaves the others alone.
+  idle.schema = 2;
+  idle.pid = -2147483648;
+  idle.sessionId = "codex--2147483648";
+  idle.timestamp = instantFromUnixSeconds(-2.5);
+  idle.inputTokens = 9223372036854775807;
+  idle.cachedTokens = 8;
+  idle.reasoningTokens = -3;
+  idle.cwd = " A/é ";
+  idle.model = "m";
+  idle.turnId = "t";
+  EXPECT_EQ(
+      idleWith(R"(,"schema":2,"session_id":7,"pid":-2147483648,"timestamp":-25E-1,"output_tokens":1e999,)"
+               R"("input_tokens":9223372036854775807,"cached_tokens":8,"reasoning_tokens":-3,)"
+               R"("cwd":" A\/é ","model":"m","turn_id":"t")"),
+      idle);
   const auto mystery = HookEvent::parse(R"({"agent":"mystery","state":"sleeping","pid":77})", now);
   EXPECT_EQ(mystery->agent, AgentType::custom);
   EXPECT_EQ(mystery->state, AgentState::unknown);
@@ -91,9 +80,6 @@ TEST(HookEventEncoding, isCompactWithEscapedSlashesAndNothingAbsent) {
   event.sessionId = "sess-01";
   event.state = AgentState::working;
   event.timestamp = instantFromUnixSeconds(1731790000.25);
-  EXPECT_EQ(
-      event.toJSONData(),
-      R"({"schema":1,"agent":"claude","session_id":"sess-01","state":"working","timestamp":1731790000.25})");
   event.pid = 4242;
   event.cwd = "/tmp/project";
   event.inputTokens = 1200;

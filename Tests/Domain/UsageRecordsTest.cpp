@@ -8,6 +8,7 @@
 #include "Domain/HookUsage.h"
 #include "Domain/ModelRateCard.h"
 #include "Domain/RatesFile.h"
+#include "Domain/StrictCodec.h"
 #include "Domain/UsageCodec.h"
 #include "TemporaryDirectory.h"
 
@@ -35,14 +36,10 @@ TEST(UsageEvent, derivesItsTotalUtilizationAndKey) {
   EXPECT_EQ(event("s1", 12, {.cachedTokens = 5}).effectiveTotalTokens(), std::nullopt);
   EXPECT_EQ(event("s1", 12, {.inputTokens = most, .outputTokens = most}).totalTokens, most);
 
-  const auto use = [](std::optional<std::int64_t> total, std::optional<std::int64_t> window) {
-    return event("s", 0, {.totalTokens = total, .contextWindow = window}).contextUtilization();
-  };
-  EXPECT_EQ(use(300'000, 200'000), 1.0);
-  EXPECT_EQ(use(50'000, 200'000), 0.25);
-  EXPECT_EQ(use(0, 200'000), 0.0);
-  EXPECT_EQ(use(10, 0), std::nullopt);
-  EXPECT_EQ(use(std::nullopt, 200'000), std::nullopt);
+  EXPECT_EQ(event("s", 0, {.totalTokens = 50, .contextWindow = 200}).contextUtilization(), 0.25);
+  EXPECT_EQ(event("s", 0, {.totalTokens = 300, .contextWindow = 200}).contextUtilization(), 1.0);
+  EXPECT_EQ(event("s", 0, {.totalTokens = 10, .contextWindow = 0}).contextUtilization(), std::nullopt);
+  EXPECT_EQ(event("s", 0, {.contextWindow = 200}).contextUtilization(), std::nullopt);
 }
 
 TEST(SessionUsageRecord, foldsEventsAndMovesByTheDifferenceOfALaterReading) {
@@ -55,14 +52,12 @@ TEST(SessionUsageRecord, foldsEventsAndMovesByTheDifferenceOfALaterReading) {
   EXPECT_EQ(record.modelId, "a");
   EXPECT_EQ(record.lastActiveAt, instantFromUnixSeconds(100));
   EXPECT_EQ(record.durationSeconds, 0);
-  EXPECT_EQ(record.totalTokens, 17);
 
   const auto grown = event("s", 130, {.inputTokens = 25, .costEstimateUSD = 1, .quotaRemainingPercent = 40});
   EXPECT_TRUE(grown.view().countsMoreThan(first.view()));
   EXPECT_FALSE(first.view().countsMoreThan(first.view()));
   ASSERT_TRUE(record.exchange(first.view(), grown.view()));
   EXPECT_EQ(record.totalTokens, 32);
-  EXPECT_EQ(record.inputTokens, 25);
   EXPECT_EQ(record.durationSeconds, 30);
   EXPECT_EQ(record.estimatedCostUSD, 1.5);
   EXPECT_EQ(record.contextWindow, 5);
@@ -74,24 +69,23 @@ TEST(SessionUsageRecord, foldsEventsAndMovesByTheDifferenceOfALaterReading) {
 }
 
 TEST(UsageSummary, countsDistinctSessionsForEachAgentAndKeepsAnAbsentCostAbsent) {
-  const std::vector<UsageEvent> events{
-      event("a", 1, {.totalTokens = 5}), event("a", 2, {.inputTokens = 1}),
-      event("b", 3, {.cachedTokens = 4, .totalTokens = most}),
-      event("a", 4, {.agentType = AgentType::codex, .costEstimateUSD = 0.0})};
-  const auto summary = summarise(events);
+  const auto summary =
+      summarise(std::vector{event("a", 1, {.totalTokens = 5}), event("a", 2, {.inputTokens = 1}),
+                            event("b", 3, {.cachedTokens = 4, .totalTokens = most}),
+                            event("a", 4, {.agentType = AgentType::codex, .costEstimateUSD = 0.0})});
   EXPECT_EQ(summary.sessionCount, 2);
   EXPECT_EQ(summary.turnCount, 4);
   EXPECT_EQ(summary.totalTokens, most);
-  EXPECT_EQ(summary.cachedTokens, 4);
   EXPECT_EQ(summary.estimatedCostUSD, 0.0);
   ASSERT_EQ(summary.byAgent.size(), 2U);
-  EXPECT_EQ(summary.byAgent.at("claude").sessionCount, 2);
-  EXPECT_EQ(summary.byAgent.at("claude").turnCount, 3);
-  EXPECT_EQ(summary.byAgent.at("claude").estimatedCostUSD, std::nullopt);
-  EXPECT_EQ(summarise({}), UsageSummary{});
+  const auto& claude = summary.byAgent.at("claude");
+  EXPECT_EQ(claude.sessionCount, 2);
+  EXPECT_EQ(claude.turnCount, 3);
+  EXPECT_EQ(claude.estimatedCostUSD, std::nullopt);
 }
 
 TEST(UsageCodec, readsBackWhatItWroteInBothDateFormsAndRefusesGaps) {
+  constexpr auto dates = DateCoding::referenceSeconds;
   auto full = event("s", 1731790000.25,
                     {.turnId = "t",
                      .modelId = "m",
@@ -103,48 +97,36 @@ TEST(UsageCodec, readsBackWhatItWroteInBothDateFormsAndRefusesGaps) {
                      .contextWindow = 6,
                      .costEstimateUSD = 0.1,
                      .quotaRemainingPercent = 7});
-  EXPECT_EQ(usageEventFromJson(toJson(full, DateCoding::referenceSeconds), DateCoding::referenceSeconds),
-            full);
+  EXPECT_EQ(usageEventFromJson(toJson(full, dates), dates), full);
   auto record = SessionUsageRecord::openedBy(full.view());
   record.fold(full.view());
-  EXPECT_EQ(
-      sessionUsageRecordFromJson(toJson(record, DateCoding::referenceSeconds), DateCoding::referenceSeconds),
-      record);
-  const auto exported = toJson(record, DateCoding::iso8601);
-  EXPECT_EQ(exported["startedAt"], "2024-11-16T20:46:40Z");
-  EXPECT_TRUE(sessionUsageRecordFromJson(exported, DateCoding::iso8601));
+  EXPECT_EQ(sessionUsageRecordFromJson(toJson(record, dates), dates), record);
+  EXPECT_EQ(toJson(record, DateCoding::iso8601)["startedAt"], "2024-11-16T20:46:40Z");
   const auto summary = summarise({{full}});
   EXPECT_EQ(usageSummaryFromJson(toJson(summary)), summary);
-  for (const auto* patch : {R"({"byAgent":null})", R"({"byAgent":[]})", R"({"byAgent":{"claude":{}}})",
-                            R"({"sessionCount":null})"}) {
-    nlohmann::json broken = toJson(summary);
-    const auto change = nlohmann::json::parse(patch);
-    if (change.contains("byAgent") && change["byAgent"].is_object()) broken["byAgent"].clear();
-    broken.merge_patch(change);
-    EXPECT_FALSE(usageSummaryFromJson(broken)) << patch;
-  }
-  for (const auto* key : {"id", "agentType", "sessionId", "timestamp", "source"}) {
-    auto broken = toJson(full, DateCoding::referenceSeconds);
-    broken.erase(key);
-    EXPECT_FALSE(usageEventFromJson(broken, DateCoding::referenceSeconds)) << key;
-  }
-  EXPECT_EQ(toJson(event("s", 0), DateCoding::referenceSeconds).size(), 5U) << "absent fields are left out";
+  const auto bare = event("s", 0);
+  requireStrictReading(toJson(full, dates), toJson(bare, dates),
+                       [](const auto& read) { return usageEventFromJson(read, dates).has_value(); });
+  requireStrictReading(toJson(record, dates), toJson(SessionUsageRecord::openedBy(bare.view()), dates),
+                       [](const auto& read) { return sessionUsageRecordFromJson(read, dates).has_value(); });
+  requireStrictReading(toJson(summary), toJson(UsageSummary{}),
+                       [](const auto& read) { return usageSummaryFromJson(read).has_value(); });
+  nlohmann::json broken = toJson(summary);
+  broken["byAgent"]["claude"] = nlohmann::json::object();
+  EXPECT_FALSE(usageSummaryFromJson(broken));
 }
 
 TEST(ModelRateCard, findsTheExactElseTheLongestKey) {
-  const auto key = [](std::optional<std::string_view> id) {
+  for (const auto& [id, key] : {std::pair(" GPT-4o\n", "gpt-4o"),
+                                {"gpt-4o-mini-2024-07-18", "gpt-4o-mini"},
+                                {"o1-mini-x", "o1-mini"},
+                                {"anthropic/claude-3-opus-latest", "claude-3-opus"},
+                                {"llama-3", "none"},
+                                {" \n", "none"}}) {
     const auto* row = ModelRateCard::builtIn().find(id);
-    return row == nullptr ? std::string("none") : row->key;
-  };
-  EXPECT_EQ(key(" GPT-4o\n"), "gpt-4o");
-  EXPECT_EQ(key("gpt-4o-mini-2024-07-18"), "gpt-4o-mini");
-  EXPECT_EQ(key("o1-mini-x"), "o1-mini");
-  EXPECT_EQ(key("anthropic/claude-3-opus-latest"), "claude-3-opus");
-  EXPECT_EQ(key("claude-3-5-sonnet-latest"), "claude-3-5-sonnet");
-  EXPECT_EQ(key("llama-3"), "none");
-  EXPECT_EQ(key(" \n"), "none");
-  EXPECT_EQ(key(std::nullopt), "none");
-  EXPECT_EQ(ModelRateCard::builtIn().rows().size(), 19U);
+    EXPECT_EQ(row == nullptr ? "none" : row->key, key);
+  }
+  EXPECT_EQ(ModelRateCard::builtIn().find(std::nullopt), nullptr);
 }
 
 TEST(ModelRateCard, takesEachTokenOnceAtItsPrice) {
@@ -162,44 +144,38 @@ TEST(ModelRateCard, takesEachTokenOnceAtItsPrice) {
             2 * 3.0 + 12.0 + 1.5);
 }
 
-TEST(ModelRateCard, anotherCardAddsAndOverridesRows) {
-  const auto card =
-      ModelRateCard::builtIn().with({{" Llama-3", {1, 2, 0, 0, 0}}, {"gpt-4o", {9, 9, 9, 9, 9}}, {" ", {}}});
-  EXPECT_EQ(card.price("meta/llama-3-70b", {.outputTokens = 500'000}), 1.0);
-  EXPECT_EQ(card.price("gpt-4o", {.inputTokens = 1'000'000}), 9.0);
-  EXPECT_EQ(card.find("gpt-4o")->contextWindow, 128'000);
-  EXPECT_EQ(card.rows().size(), 20U);
-  EXPECT_EQ(ModelRateCard::builtIn().price("gpt-4o", {.inputTokens = 1'000'000}), 2.5);
-}
-
 TEST(RatesFile, addsTheUsersPricesAndSaysWhatIsWrongWithThem) {
   const auto rows = ratesFile::parse(R"({"models":[
-      {"model":"House-Model","input":2,"output":8,"contextWindow":32000},
+      {"model":" House-Model","input":2,"output":8,"contextWindow":32000},
       {"model":"gpt-4o","input":1,"output":1,"cacheRead":0,"cacheWrite":0,"reasoning":0}]})");
   ASSERT_TRUE(rows) << rows.error();
-  const auto card = ModelRateCard::builtIn().with(*rows);
+  const auto& builtIn = ModelRateCard::builtIn();
+  const auto card = builtIn.with(*rows);
+  EXPECT_EQ(card.rows().size(), builtIn.rows().size() + 1);
+  EXPECT_EQ(builtIn.with({{" ", {}}}).rows().size(), builtIn.rows().size()) << "a model without a name";
   const BilledTokens million{
       .inputTokens = 1'000'000, .cachedTokens = 1'000'000, .reasoningTokens = 1'000'000};
   EXPECT_EQ(card.price("vendor/house-model-7b", million), 2 + 2 + 8.0)
       << "missing prices are the dearer ones";
   EXPECT_EQ(card.price("gpt-4o", million), 1.0);
   EXPECT_EQ(card.find("gpt-4o")->contextWindow, 128'000);
-  EXPECT_EQ(card.price("claude-opus-5", million), ModelRateCard::builtIn().price("claude-opus-5", million));
+  EXPECT_EQ(card.price("claude-opus-5", million), builtIn.price("claude-opus-5", million));
+  EXPECT_EQ(builtIn.price("gpt-4o", {.inputTokens = 1'000'000}), 2.5);
+  const auto model = [](const char* members) { return std::string(R"({"models":[{)") + members + "}]}"; };
   for (const auto& [text, says] : {
-           std::pair("[]", "not a JSON object"),
-           std::pair("[", "not a JSON object"),
-           std::pair("{}", "no list \"models\""),
-           std::pair(R"({"models":{}})", "no list \"models\""),
-           std::pair(R"({"models":[{"model":7,"input":1,"output":1}]})", "\"model\" is not a string"),
-           std::pair(R"({"models":[{"model":"a","input":1,"output":1,"contextWindow":1000000001}]})",
-                     "\"contextWindow\" is no"),
-           std::pair(R"({"models":[{"input":1,"output":1}]})", "\"model\" is missing"),
-           std::pair(R"({"models":[{"model":" ","input":1,"output":1}]})", "\"model\" is empty"),
-           std::pair(R"({"models":[{"model":"a","input":1}]})", "a: \"output\" is missing"),
-           std::pair(R"({"models":[{"model":"a","input":-1,"output":1}]})", "a: \"input\" is no price"),
-           std::pair(R"({"models":[{"model":"a","input":1,"output":1e9}]})", "a: \"output\" is no price"),
-           std::pair(R"({"models":[{"model":"a","input":1,"output":1,"contextWindow":0}]})",
-                     "\"contextWindow\" is no"),
+           std::pair<std::string, const char*>("[]", "not a JSON object"),
+           {"[", "not a JSON object"},
+           {"{}", "no list \"models\""},
+           {R"({"models":{}})", "no list \"models\""},
+           {model(R"("model":7,"input":1,"output":1)"), "\"model\" is not a string"},
+           {model(R"("input":1,"output":1)"), "\"model\" is missing"},
+           {model(R"("model":" ","input":1,"output":1)"), "\"model\" is empty"},
+           {model(R"("model":"a","input":1)"), "a: \"output\" is missing"},
+           {model(R"("model":"a","input":-1,"output":1)"), "a: \"input\" is no price"},
+           {model(R"("model":"a","input":1,"output":1e9)"), "a: \"output\" is no price"},
+           {model(R"("model":"a","input":1,"output":1,"contextWindow":0)"), "\"contextWindow\" is no"},
+           {model(R"("model":"a","input":1,"output":1,"contextWindow":1000000001)"),
+            "\"contextWindow\" is no"},
        }) {
     const auto refused = ratesFile::parse(text);
     ASSERT_FALSE(refused) << text;
@@ -210,8 +186,7 @@ TEST(RatesFile, addsTheUsersPricesAndSaysWhatIsWrongWithThem) {
   EXPECT_EQ(ratesFile::load(directory.file("rates.json")).error(),
             "the prices in " + directory.file("rates.json") +
                 " cannot be used: an entry without a \"model\": not a JSON object");
-  EXPECT_EQ(ratesFile::load("/nonexistent/rates.json")->rows().size(),
-            ModelRateCard::builtIn().rows().size());
+  EXPECT_EQ(ratesFile::load("/nonexistent/rates.json")->rows().size(), builtIn.rows().size());
   EXPECT_TRUE(
       ratesFile::load("/dev/null/rates.json").error().starts_with("the prices in /dev/null/rates.json"));
 }
@@ -224,8 +199,6 @@ TEST(HookUsage, convertsWhatCountsAndNothingElse) {
   auto usage = toUsageEvent(hook);
   ASSERT_TRUE(usage);
   EXPECT_EQ(usage->totalTokens, std::nullopt);
-  EXPECT_EQ(usage->inputTokens, std::nullopt);
-  EXPECT_EQ(usage->modelId, " GPT-4o");
   EXPECT_EQ(usage->costEstimateUSD, 50 / 1e6 * 1.25);
   hook.inputTokens = most;
   hook.reasoningTokens = most;
@@ -234,7 +207,6 @@ TEST(HookUsage, convertsWhatCountsAndNothingElse) {
   ASSERT_TRUE(usage);
   EXPECT_EQ(usage->totalTokens, most);
   EXPECT_EQ(usage->costEstimateUSD, std::nullopt);
-  EXPECT_EQ(usage->source, "relay-hook");
   EXPECT_NE(usage->id, toUsageEvent(hook)->id);
 }
 
