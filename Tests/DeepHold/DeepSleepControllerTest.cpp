@@ -51,11 +51,10 @@ struct World {
 
 TEST(DeepSleepController, keepsOneLeaseIdAndRenewsItOnlyWhenAcquiresStop) {
   World world;
-  const LogCapture log;
+  const LogCapture quiet;
   ASSERT_TRUE(world.acquire(60));
   const auto id = world.requests.at(0).leaseId.value();
   EXPECT_EQ(id.size(), 36U);
-  EXPECT_EQ(id[14], '4');
   world.time.advance(14s);
   ASSERT_TRUE(world.acquire(60));
   world.time.advance(46s);
@@ -67,9 +66,6 @@ TEST(DeepSleepController, keepsOneLeaseIdAndRenewsItOnlyWhenAcquiresStop) {
   world.time.advance(60s);
   ASSERT_EQ(world.requests.size(), 6U);
   EXPECT_EQ(world.requests.back(), (HelperRequest{HelperCommand::release, id, std::nullopt}));
-  EXPECT_EQ(log.lines, (std::vector<std::string>{"info Successfully acquired deep hold lease " + id,
-                                                 "info Successfully acquired deep hold lease " + id,
-                                                 "info Released deep hold lease " + id}));
   world.acquire(60);
   EXPECT_NE(world.requests.back().leaseId, id);
 }
@@ -83,7 +79,7 @@ TEST(DeepSleepController, renewsNoFasterThanEveryFiveSeconds) {
 
 TEST(DeepSleepController, keepsItsLeaseIdAndItsTimerThroughRefusals) {
   World world;
-  const LogCapture log;
+  const LogCapture quiet;
   world.answer.reset();
   EXPECT_FALSE(world.acquire(60));
   world.time.advance(60s);
@@ -97,23 +93,25 @@ TEST(DeepSleepController, keepsItsLeaseIdAndItsTimerThroughRefusals) {
   EXPECT_EQ(world.requests.at(0).leaseId, world.requests.at(2).leaseId);
   world.answer.reset();
   world.release();
-  EXPECT_EQ(log.lines.front(), "error Failed to acquire deep hold from helper");
-  EXPECT_EQ(log.lines.back(), "info Released deep hold lease " + *world.requests.at(0).leaseId);
+  world.answer = HelperResponse{true, std::nullopt, std::nullopt};
+  EXPECT_TRUE(world.acquire(60));
+  EXPECT_NE(world.requests.back().leaseId, world.requests.at(0).leaseId) << "it is given up, heard or not";
 }
 
 TEST(DeepSleepController, stopsRenewingWhenItIsTornDown) {
-  auto world = std::make_unique<World>();
-  auto controller =
-      std::make_unique<DeepSleepController>(world->time, "unused", [&](const HelperRequest& request) {
-        world->requests.push_back(request);
-        return world->answer;
-      });
-  controller->acquire(60, {});
-  world->time.runReady();
-  controller->acquire(60, {});
-  controller.reset();
-  world->time.advance(60s);
-  EXPECT_EQ(world->requests.size(), 2U);
+  VirtualTime time{instantFromReferenceSeconds(0)};
+  int requests = 0;
+  {
+    DeepSleepController controller(time, "unused", [&](const HelperRequest&) {
+      ++requests;
+      return HelperResponse{true, std::nullopt, std::nullopt};
+    });
+    controller.acquire(60, {});
+    time.runReady();
+    controller.acquire(60, {});
+  }
+  time.advance(60s);
+  EXPECT_EQ(requests, 2);
 }
 
 TEST(DeepSleepController, makesUpAStatusWhenTheHelperIsSilent) {

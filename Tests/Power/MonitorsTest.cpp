@@ -14,39 +14,36 @@ namespace vimbrel {
 namespace {
 
 using testing::ElementsAre;
-using testing::IsEmpty;
 
-struct FakeSources final : PowerSources {
-  std::vector<PowerSourceDescription> read() override { return sources; }
-  bool isLowPowerModeEnabled() override { return lowPower; }
+/// A sensor or switch of which a test says what it reads.
+template <typename Port, typename Value>
+struct FakeSensor : Port {
   Token watch(std::function<void()> changed) override {
     ++watches;
-    return observable ? signal.subscribe(std::move(changed)) : Token{};
+    return isObservable ? signal.subscribe(std::move(changed)) : Token{};
   }
-  std::vector<PowerSourceDescription> sources;
-  bool lowPower = false;
-  bool observable = true;
+  void become(Value now) {
+    value = std::move(now);
+    signal.send();
+  }
+  Value value{};
+  bool isObservable = true;
   int watches = 0;
   ChangeSignal signal;
 };
-
-struct FakeThermal final : ThermalPressure {
-  int level() override { return value; }
-  Token watch(std::function<void()> changed) override { return signal.subscribe(std::move(changed)); }
-  int value = 0;
-  ChangeSignal signal;
+struct FakeSources final : FakeSensor<PowerSources, std::vector<PowerSourceDescription>> {
+  std::vector<PowerSourceDescription> read() override { return value; }
+  bool isLowPowerModeEnabled() override { return true; }
 };
-
-struct FakeLid final : LidSwitch {
-  std::optional<bool> isClosed() override { return closed; }
-  Token watch(std::function<void()> changed) override { return signal.subscribe(std::move(changed)); }
-  std::optional<bool> closed;
-  ChangeSignal signal;
+struct FakeThermal final : FakeSensor<ThermalPressure, int> {
+  int level() override { return value; }
+};
+struct FakeLid final : FakeSensor<LidSwitch, std::optional<bool>> {
+  std::optional<bool> isClosed() override { return value; }
 };
 
 TEST(BatteryMonitor, mapsThePlatformsDescription) {
   struct Case {
-    const char* name;
     PowerSourceDescription source;
     PowerSourceSnapshot expected;
   };
@@ -54,35 +51,29 @@ TEST(BatteryMonitor, mapsThePlatformsDescription) {
   const std::string battery = "Battery Power";
   constexpr auto huge = std::numeric_limits<std::int64_t>::max();
   const Case cases[] = {
-      {"47 of 100", {battery, false, 47, 100, 90}, {47, false, false, true, 90}},
-      {"charging", {ac, true, 47, 100, {}}, {47, true, true, true, {}}},
-      {"no maximum means 100", {ac, {}, 47, {}, {}}, {47, false, true, true, {}}},
-      {"a maximum of 0", {ac, {}, 47, 0, {}}, {{}, false, true, true, {}}},
-      {"no current capacity", {ac, {}, {}, 100, {}}, {{}, false, true, true, {}}},
-      {"the fraction is dropped", {ac, {}, 4999, 5000, {}}, {99, false, true, true, {}}},
-      {"an absurd capacity", {ac, {}, huge, 1, {}}, {1'000'000'000'000'000, false, true, true, {}}},
-      {"0 minutes mean unknown", {battery, {}, 5, 100, 0}, {5, false, false, true, {}}},
-      {"-1 minute means unknown", {battery, {}, 5, 100, -1}, {5, false, false, true, {}}},
-      {"1 minute", {battery, {}, 5, 100, 1}, {5, false, false, true, 1}},
-      {"another state is not AC", {"UPS Power", {}, 5, 100, {}}, {5, false, false, true, {}}},
-      {"no state is not AC", {{}, {}, 5, 100, {}}, {5, false, false, true, {}}},
+      {{battery, false, 47, 100, 90}, {47, false, false, true, 90}},
+      {{ac, true, 47, 100, {}}, {47, true, true, true, {}}},
+      {{ac, {}, 47, {}, {}}, {47, false, true, true, {}}},  // no maximum means 100
+      {{ac, {}, 47, 0, {}}, {{}, false, true, true, {}}},
+      {{ac, {}, {}, 100, {}}, {{}, false, true, true, {}}},
+      {{ac, {}, 4999, 5000, {}}, {99, false, true, true, {}}},  // the fraction is dropped
+      {{ac, {}, huge, 1, {}}, {1'000'000'000'000'000, false, true, true, {}}},
+      {{battery, {}, 5, 100, 0}, {5, false, false, true, {}}},  // no minutes mean an unknown time
+      {{battery, {}, 5, 100, -1}, {5, false, false, true, {}}},
+      {{battery, {}, 5, 100, 1}, {5, false, false, true, 1}},
+      {{"UPS Power", {}, 5, 100, {}}, {5, false, false, true, {}}},
+      {{{}, {}, 5, 100, {}}, {5, false, false, true, {}}},
   };
-  for (const auto& [name, source, expected] : cases) {
-    const auto platform = std::make_shared<FakeSources>();
-    platform->sources = {source, {"Battery Power", true, 1, 100, 1}};  // Only the first one counts.
-    platform->lowPower = true;
-    EXPECT_EQ(BatteryMonitor(platform).queryPowerSource(), expected) << name;
+  const auto platform = std::make_shared<FakeSources>();
+  EXPECT_EQ(BatteryMonitor(platform).currentSnapshot(), PowerSourceSnapshot::desktopDefault());
+  for (const auto& [source, expected] : cases) {
+    platform->value = {source, {"Battery Power", true, 1, 100, 1}};  // Only the first one counts.
+    EXPECT_EQ(BatteryMonitor(platform).queryPowerSource(), expected);
   }
 }
 
-TEST(BatteryMonitor, countsAsOnACWithoutAnySource) {
-  const auto platform = std::make_shared<FakeSources>();
-  platform->lowPower = true;
-  EXPECT_EQ(BatteryMonitor(platform).currentSnapshot(), PowerSourceSnapshot::desktopDefault());
-}
-
 TEST(BatteryMonitor, observesOnceAndPassesEveryNotificationOn) {
-  CapturedLog log;
+  const CapturedLog quiet;
   const auto platform = std::make_shared<FakeSources>();
   BatteryMonitor monitor(platform);
   std::vector<std::optional<std::int64_t>> seen;
@@ -93,62 +84,44 @@ TEST(BatteryMonitor, observesOnceAndPassesEveryNotificationOn) {
   monitor.start();
   monitor.start();
   EXPECT_EQ(platform->watches, 1);
-  platform->signal.send();
-  platform->sources = {{"Battery Power", false, 30, 100, {}}};
-  platform->signal.send();
-  platform->signal.send();
+  platform->become({});
+  for (int i = 0; i < 2; ++i) platform->become({{"Battery Power", false, 30, 100, {}}});
   EXPECT_THAT(seen, ElementsAre(std::nullopt, 30, 30));
   monitor.stop();
   monitor.stop();
-  platform->signal.send();
+  platform->isObservable = false;
+  platform->become({{"AC Power", true, 40, 100, {}}});
   EXPECT_EQ(seen.size(), 3u);
-  EXPECT_THAT(log.take(), ElementsAre("info battery: Battery monitor started observing power sources",
-                                      "debug battery: Power source changed: isOnAC=true percent=-1%",
-                                      "debug battery: Power source changed: isOnAC=false percent=30%",
-                                      "debug battery: Power source changed: isOnAC=false percent=30%",
-                                      "info battery: Battery monitor stopped"));
-}
-
-TEST(BatteryMonitor, readsAtStartWhereChangesCannotBeObserved) {
-  CapturedLog log;
-  const auto platform = std::make_shared<FakeSources>();
-  platform->observable = false;
-  BatteryMonitor monitor(platform);
-  platform->sources = {{"AC Power", true, 30, 100, {}}};
-  monitor.start();
   EXPECT_EQ(monitor.currentSnapshot().batteryPercent, 30);
-  EXPECT_THAT(log.take(), IsEmpty());
+  monitor.start();
+  EXPECT_EQ(monitor.currentSnapshot().batteryPercent, 40)
+      << "read at its start, though it cannot be observed";
 }
 
 TEST(ThermalMonitor, mapsLevelsAndPassesEveryNotificationOn) {
   CapturedLog log;
   const auto platform = std::make_shared<FakeThermal>();
-  ThermalMonitor monitor(platform);
+  std::optional<ThermalMonitor> monitor(platform);
   std::vector<SystemThermalState> seen;
-  monitor.setOnThermalStateChanged([&](SystemThermalState state) { seen.push_back(state); });
-  monitor.start();
-  monitor.start();
-  for (const int level : {2, 2, 7, 3}) {
-    platform->value = level;
-    platform->signal.send();
-  }
+  monitor->setOnThermalStateChanged([&](SystemThermalState state) { seen.push_back(state); });
+  monitor->start();
+  monitor->start();
+  for (const int level : {2, 2, 7, 3}) platform->become(level);
   using enum SystemThermalState;
   EXPECT_THAT(seen, ElementsAre(serious, serious, nominal, critical));
-  EXPECT_EQ(monitor.currentThermalState(), critical);
-  monitor.stop();
-  monitor.stop();
-  platform->signal.send();
-  EXPECT_EQ(seen.size(), 4u);
-  EXPECT_THAT(log.take(), ElementsAre("info thermal: Thermal monitor started observing thermal state",
-                                      "info thermal: Thermal state changed to: serious",
-                                      "info thermal: Thermal state changed to: serious",
-                                      "info thermal: Thermal state changed to: nominal",
-                                      "info thermal: Thermal state changed to: critical",
-                                      "info thermal: Thermal monitor stopped"));
+  EXPECT_EQ(monitor->currentThermalState(), critical);
+  monitor->stop();
+  monitor->stop();
+  platform->become(0);
+  monitor->start();
+  monitor.reset();
+  platform->become(0);
+  EXPECT_EQ(seen.size(), 4u) << "neither after its stop nor after its end";
+  EXPECT_EQ(log.take().at(1), "info thermal: Thermal state changed to: serious");
 }
 
 TEST(LidMonitor, countsAnUnknownLidAsOpenAndReportsChanges) {
-  CapturedLog log;
+  const CapturedLog quiet;
   const auto platform = std::make_shared<FakeLid>();
   LidMonitor monitor(platform);
   EXPECT_FALSE(monitor.isLidClosed());
@@ -157,28 +130,13 @@ TEST(LidMonitor, countsAnUnknownLidAsOpenAndReportsChanges) {
     EXPECT_EQ(monitor.isLidClosed(), closed);
     seen.push_back(closed);
   });
-  platform->closed = true;
+  platform->value = true;
   monitor.start();
   monitor.start();
   EXPECT_TRUE(monitor.isLidClosed());
-  platform->closed = false;
-  platform->signal.send();
-  platform->closed = std::nullopt;
-  platform->signal.send();
+  platform->become(false);
+  platform->become(std::nullopt);
   EXPECT_THAT(seen, ElementsAre(false, false));
-  EXPECT_EQ(log.take().front(), "info lid: Lid monitor initialized (isLidClosed: true)");
-}
-
-TEST(Monitors, ignoreThePlatformAfterTheirEnd) {
-  const auto platform = std::make_shared<FakeThermal>();
-  int calls = 0;
-  {
-    ThermalMonitor monitor(platform);
-    monitor.setOnThermalStateChanged([&](SystemThermalState) { ++calls; });
-    monitor.start();
-  }
-  platform->signal.send();
-  EXPECT_EQ(calls, 0);
 }
 
 }  // namespace

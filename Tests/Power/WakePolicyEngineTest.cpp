@@ -23,148 +23,110 @@ AgentSession session(AgentType agent, AgentState state, double ageSeconds = 0) {
   return result;
 }
 
-constexpr auto most = std::numeric_limits<std::int64_t>::max();
-constexpr auto least = std::numeric_limits<std::int64_t>::min();
-const AgentSession working = session(AgentType::claude, AgentState::working);
+using Context = PolicyEvaluationContext;
+using Change = std::function<void(Context&)>;
+constexpr double infinity = std::numeric_limits<double>::infinity();
+const AgentSession claudeAtWork = session(AgentType::claude, AgentState::working);
 
-/// An ordinary machine at noon: on AC power, cool, default settings, deep hold not wanted.
-struct World {
-  PolicyEvaluationContext context;
+const Change masterOff = [](Context& c) { c.config.masterEnabled = false; };
+const Change critical = [](Context& c) { c.thermalState = SystemThermalState::critical; };
+const Change acOnly = [](Context& c) { c.config.onlyOnAC = true; };
+const Change manual = [](Context& c) { c.config.manualHoldEnabled = true; };
+const Change command = [](Context& c) { c.commandHold = "make"; };
+const Change expired = [](Context& c) { c.holdExpiredAt = noon; };
 
-  World() {
-    context.now = noon;
-    context.config.deepLidProtectionEnabled = false;
-  }
-  World& with(const std::function<void(PolicyEvaluationContext&)>& change) {
-    change(context);
-    return *this;
-  }
-  World& sessions(const std::vector<AgentSession>& list) {
-    context.sessions = SessionSnapshot::of(list);
-    return *this;
-  }
-  World& onBattery(std::int64_t percent, bool isCharging = false) {
-    context.powerSource = {percent, isCharging, false, false, std::nullopt};
-    return *this;
-  }
-  World& floor(std::int64_t percent, bool wasCut = false) {
-    context.config.batteryFloorPercent = percent;
-    context.isCurrentlyBatteryBlocked = wasCut;
-    return *this;
-  }
-  World& stopped(double secondsAgo, double debounce = 30) {
-    context.lastActiveAgentStoppedAt = noon - Seconds{secondsAgo};
-    context.config.releaseDebounceSeconds = debounce;
-    return *this;
-  }
-};
+Change sessions(std::vector<AgentSession> list) {
+  return [list = std::move(list)](Context& c) { c.sessions = SessionSnapshot::of(list); };
+}
+const Change working = sessions({claudeAtWork});
+
+Change onBattery(std::int64_t percent) {
+  return [percent](Context& c) { c.powerSource = {percent, false, false, false, std::nullopt}; };
+}
+Change floorAt(std::int64_t percent, bool wasCut = false, std::int64_t hysteresis = 3) {
+  return [=](Context& c) {
+    c.config.batteryFloorPercent = percent;
+    c.config.batteryHysteresisPercent = hysteresis;
+    c.isCurrentlyBatteryBlocked = wasCut;
+  };
+}
+Change stopped(double secondsAgo, double delay = 30) {
+  return [=](Context& c) {
+    c.lastActiveAgentStoppedAt = noon - Seconds{secondsAgo};
+    c.config.releaseDebounceSeconds = delay;
+  };
+}
+
+/// An ordinary machine at noon, on AC power, cool, with default settings but for the deep hold, and changed.
+Context contextOf(const std::vector<Change>& changes) {
+  Context context;
+  context.now = noon;
+  context.config.deepLidProtectionEnabled = false;
+  for (const auto& change : changes) change(context);
+  return context;
+}
 
 WakeDecision hold(std::string reason, std::int64_t count) {
   return WakeDecision::hold(std::move(reason), count, false);
 }
 WakeDecision blocked(SafetyBlock block) { return WakeDecision::blocked(block); }
-const WakeDecision release = WakeDecision::release("No active agent sessions");
-const WakeDecision claudeWorks = hold("Claude Code working", 1);
 
 TEST(WakePolicy, decidesByTheFirstRuleThatApplies) {
-  constexpr double infinity = std::numeric_limits<double>::infinity();
-  using Context = PolicyEvaluationContext;
-  const auto master = [](Context& c) { c.config.masterEnabled = false; };
-  const auto manual = [](Context& c) { c.config.manualHoldEnabled = true; };
-  const auto critical = [](Context& c) { c.thermalState = SystemThermalState::critical; };
-  const auto acOnly = [](Context& c) { c.config.onlyOnAC = true; };
-  const auto pausedFor = [](double seconds) {
-    return [seconds](Context& c) { c.pauseUntil = noon + Seconds{seconds}; };
+  constexpr auto most = std::numeric_limits<std::int64_t>::max();
+  constexpr auto least = std::numeric_limits<std::int64_t>::min();
+  constexpr double nothing = std::numeric_limits<double>::quiet_NaN();
+  const Change paused = [](Context& c) { c.pauseUntil = noon + Seconds{1}; };
+  const auto silentFor = [](double seconds) {
+    return sessions({session(AgentType::claude, AgentState::working, seconds)});
   };
-  const std::vector<std::tuple<const char*, World, WakeDecision>> cases{
-      {"nothing happens", World(), release},
-      {"the master switch wins over heat", World().with(master).with(critical),
-       blocked(SafetyBlock::masterDisabled)},
-      {"a pause wins over heat", World().with(pausedFor(1)).with(critical), blocked(SafetyBlock::paused)},
-      {"a pause that ends now is over", World().with(pausedFor(0)).sessions({working}), claudeWorks},
-      {"critical heat wins over AC-only", World().with(critical).with(acOnly).onBattery(90),
-       blocked(SafetyBlock::thermalCritical)},
-      {"serious heat does not block",
-       World().with([](Context& c) { c.thermalState = SystemThermalState::serious; }).sessions({working}),
-       claudeWorks},
-      {"AC-only wins over a low battery and a manual hold", World().with(acOnly).with(manual).onBattery(1),
-       blocked(SafetyBlock::acDisconnected)},
-      {"AC-only is content with AC power", World().with(acOnly).sessions({working}), claudeWorks},
-      {"at the floor", World().onBattery(20).floor(20).sessions({working}),
-       blocked(SafetyBlock::batteryBelowFloor)},
-      {"above the floor", World().onBattery(21).floor(20).sessions({working}), claudeWorks},
-      {"cut off, below floor + hysteresis", World().onBattery(22).floor(20, true).sessions({working}),
-       blocked(SafetyBlock::batteryBelowFloor)},
-      {"cut off, at floor + hysteresis", World().onBattery(23).floor(20, true).sessions({working}),
-       claudeWorks},
-      {"low but charging", World().onBattery(5, true).sessions({working}), claudeWorks},
-      {"low but on AC",
-       World().onBattery(5).with([](Context& c) { c.powerSource.isOnAC = true; }).sessions({working}),
-       claudeWorks},
-      {"charge unknown",
-       World()
-           .onBattery(5)
-           .with([](Context& c) { c.powerSource.batteryPercent.reset(); })
-           .sessions({working}),
-       claudeWorks},
-      {"a low battery wins over a manual hold", World().onBattery(5).with(manual),
-       blocked(SafetyBlock::batteryBelowFloor)},
-      {"a manual hold needs no agent", World().with(manual), hold("Manual hold requested", 0)},
-      {"a manual hold counts the agents", World().with(manual).sessions({working}),
-       hold("Manual hold requested", 1)},
-      {"a hold that lasted too long ends",
-       World().sessions({working}).with([](Context& c) { c.holdExpiredAt = noon; }),
-       WakeDecision::release("Longest hold reached")},
-      {"but not the hold of a command", World().with([](Context& c) {
-         c.holdExpiredAt = noon;
-         c.commandHold = "make";
-       }),
-       hold("Running make", 0)},
-      {"a floor below every charge", World().onBattery(0).floor(most, true),
-       blocked(SafetyBlock::batteryBelowFloor)},
-      {"a floor that no sum can hold", World().onBattery(0).floor(least, true).with([](Context& c) {
-         c.config.batteryHysteresisPercent = -1;
-       }),
-       release},
-      {"names are sorted and not repeated",
-       World().sessions({session(AgentType::codex, AgentState::waiting), working,
-                         session(AgentType::claude, AgentState::working)}),
-       hold("Claude Code, Codex CLI working", 3)},
-      {"only busy states count",
-       World().sessions(
-           {session(AgentType::claude, AgentState::idle), session(AgentType::claude, AgentState::completed),
-            session(AgentType::claude, AgentState::error), session(AgentType::claude, AgentState::stale),
-            session(AgentType::claude, AgentState::unknown)}),
-       release},
-      {"silent for exactly the limit",
-       World().sessions({session(AgentType::claude, AgentState::working, 900)}), claudeWorks},
-      {"silent for longer", World().sessions({session(AgentType::claude, AgentState::working, 901)}),
-       release},
-      {"the delay is rounded up", World().stopped(10.5), hold("Release debounce (20s)", 0)},
-      {"the delay's last second", World().stopped(29), hold("Release debounce (1s)", 0)},
-      {"the delay is over", World().stopped(30), release},
-      {"a stop in the future", World().stopped(-5), release},
-      {"an endless delay", World().stopped(1, infinity), hold("Release debounce (9223372036854775807s)", 0)},
-      {"a huge delay", World().stopped(1, 1e300), hold("Release debounce (9223372036854775807s)", 0)},
-      {"a delay that is no number", World().stopped(1, std::numeric_limits<double>::quiet_NaN()), release},
-      {"a stop at no time", World().stopped(std::numeric_limits<double>::quiet_NaN()), release},
+  const auto release = WakeDecision::release("No active agent sessions");
+  const auto claudeWorks = hold("Claude Code working", 1);
+  const auto longest = WakeDecision::release("Longest hold reached");
+  const auto endless = hold("Release debounce (9223372036854775807s)", 0);
+  struct Case {
+    const char* name;
+    std::vector<Change> changes;
+    WakeDecision expected;
   };
-  for (const auto& [name, world, expected] : cases) {
-    EXPECT_EQ(WakePolicyEngine().evaluate(world.context), expected)
-        << name << ": " << WakePolicyEngine().evaluate(world.context).statusDescription();
+  const std::vector<Case> cases{
+      {"nothing happens", {}, release},
+      {"the master switch wins over a pause", {masterOff, paused}, blocked(SafetyBlock::masterDisabled)},
+      {"a pause wins over heat", {paused, critical}, blocked(SafetyBlock::paused)},
+      {"heat wins over AC-only", {critical, acOnly, onBattery(90)}, blocked(SafetyBlock::thermalCritical)},
+      {"AC-only wins over the floor", {acOnly, onBattery(1)}, blocked(SafetyBlock::acDisconnected)},
+      {"the floor wins over a manual hold", {onBattery(5), manual}, blocked(SafetyBlock::batteryBelowFloor)},
+      {"a floor that no sum can hold", {onBattery(0), floorAt(least, true, -1)}, release},
+      {"one at the other end", {onBattery(0), floorAt(most, true)}, blocked(SafetyBlock::batteryBelowFloor)},
+      {"a manual hold needs no agent", {manual}, hold("Manual hold requested", 0)},
+      {"a manual hold counts the agents", {manual, working}, hold("Manual hold requested", 1)},
+      {"a hold that lasted too long ends", {working, expired}, longest},
+      {"but not the hold of a command", {expired, command}, hold("Running make", 0)},
+      {"silent for exactly the limit", {silentFor(900)}, claudeWorks},
+      {"silent for longer", {silentFor(901)}, release},
+      {"work wins over the delay", {working, stopped(1)}, claudeWorks},
+      {"the delay is rounded up", {stopped(10.5)}, hold("Release debounce (20s)", 0)},
+      {"the delay's last second", {stopped(29)}, hold("Release debounce (1s)", 0)},
+      {"the delay is over", {stopped(30)}, release},
+      {"a stop in the future", {stopped(-5)}, release},
+      {"an endless delay", {stopped(1, infinity)}, endless},
+      {"a huge delay", {stopped(1, 1e300)}, endless},
+      {"a delay that is no number", {stopped(1, nothing)}, release},
+      {"a stop at no time", {stopped(nothing)}, release},
+  };
+  for (const auto& [name, changes, expected] : cases) {
+    EXPECT_EQ(WakePolicyEngine().evaluate(contextOf(changes)), expected) << name;
   }
 }
 
-TEST(WakePolicy, holdsThroughTheDebounceThenLetsGo) {
-  World world;
-  world.stopped(0).context.config.deepLidProtectionEnabled = true;
-  for (int second = 0; second < 30; ++second) {
-    world.context.now = noon + Seconds{static_cast<double>(second)};
-    const auto text = "Release debounce (" + std::to_string(30 - second) + "s)";
-    ASSERT_EQ(WakePolicyEngine().evaluate(world.context), WakeDecision::hold(text, 0, true));
+TEST(WakePolicy, namesTheAgentsAtWorkInOrderAndOnce) {
+  std::vector<AgentSession> list{session(AgentType::codex, AgentState::waiting), claudeAtWork,
+                                 session(AgentType::claude, AgentState::working)};
+  for (const auto state :
+       {AgentState::idle, AgentState::completed, AgentState::error, AgentState::stale, AgentState::unknown}) {
+    list.push_back(session(AgentType::gemini, state));
   }
-  world.context.now = noon + Seconds{30};
-  EXPECT_EQ(WakePolicyEngine().evaluate(world.context), release);
+  EXPECT_EQ(WakePolicyEngine().evaluate(contextOf({sessions(list)})),
+            hold("Claude Code, Codex CLI working", 3));
 }
 
 /// Anything a context can hold, with edges more often than chance gives them.
@@ -173,7 +135,6 @@ PolicyEvaluationContext randomContext(std::mt19937& random) {
   const auto pick = [&](std::initializer_list<double> values) {
     return values.begin()[random() % values.size()];
   };
-  constexpr double infinity = std::numeric_limits<double>::infinity();
   PolicyEvaluationContext context;
   context.now = noon;
   context.config.masterEnabled = chance(85);
@@ -245,49 +206,35 @@ TEST(WakePolicy, keepsTheSafetyContractAndExplainsWhatItDecided) {
 }
 
 TEST(WakePolicy, explainsWithTheValuesThatItSaw) {
-  const auto trace = [](const World& world, PolicyRule rule) {
-    return WakePolicyEngine().explain(world.context).rules.at(static_cast<std::size_t>(rule));
+  const auto trace = [](PolicyRule rule, const std::vector<Change>& changes) {
+    return WakePolicyEngine().explain(contextOf(changes)).rules.at(static_cast<std::size_t>(rule));
   };
-  const auto battery = trace(World().onBattery(16).floor(15, true), PolicyRule::batteryFloor);
+  const auto battery = trace(PolicyRule::batteryFloor, {onBattery(16), floorAt(15, true)});
   EXPECT_EQ(battery.saw, "16 % on battery, floor 15 %, cut off until 18 %");
   EXPECT_EQ(battery.wouldChange, "AC power, charging, or a charge of 18 %");
   EXPECT_EQ(battery.changesAt, std::nullopt);
 
-  const auto debounce = trace(World().stopped(10.5), PolicyRule::releaseDebounce);
-  EXPECT_EQ(debounce.saw, "the last agent stopped 10 s ago, release delay 30 s");
-  EXPECT_EQ(debounce.changesAt, noon + Seconds{19.5});
+  const auto delay = trace(PolicyRule::releaseDebounce, {stopped(10.5)});
+  EXPECT_EQ(delay.saw, "the last agent stopped 10 s ago, release delay 30 s");
+  EXPECT_EQ(delay.changesAt, noon + Seconds{19.5});
 
-  const auto agents = trace(World().sessions({session(AgentType::aider, AgentState::working, 100)}),
-                            PolicyRule::agentsAtWork);
-  EXPECT_EQ(agents.saw, "1 of 1 session at work and heard of within 15 min");
+  const auto agents =
+      trace(PolicyRule::agentsAtWork, {sessions({session(AgentType::aider, AgentState::working, 100),
+                                                 session(AgentType::codex, AgentState::waiting, 120)}),
+                                       [](Context& c) { c.config.waitingGraceSeconds = 60; }});
+  EXPECT_EQ(agents.saw,
+            "1 of 2 sessions at work and heard of within 15 min, 1 left waiting for longer than 1 min");
   EXPECT_EQ(agents.changesAt, noon + Seconds{800});
 
-  const auto left = trace(World()
-                              .sessions({working, session(AgentType::codex, AgentState::waiting, 120)})
-                              .with([](auto& context) { context.config.waitingGraceSeconds = 60; }),
-                          PolicyRule::agentsAtWork);
-  EXPECT_EQ(left.saw,
-            "1 of 2 sessions at work and heard of within 15 min, 1 left waiting for longer than 1 min");
+  const Change limit = [](Context& c) { c.config.maximumHoldSeconds = 600; };
+  const auto running = trace(PolicyRule::longestHold, {working, limit});
+  EXPECT_EQ(running.saw, "a hold may last 10 min without a fresh event");
+  EXPECT_EQ(running.outcome, PolicyRuleOutcome::passed);
+  const auto ended = trace(PolicyRule::longestHold, {working, limit, expired});
+  EXPECT_EQ(ended.saw, running.saw + ", reached at " + formatIso8601(noon));
+  EXPECT_EQ(ended.wouldChange, "an agent's next event");
 
-  const auto longest = [&](std::optional<Instant> expiredAt) {
-    return trace(World().sessions({working}).with([&](auto& context) {
-      context.config.maximumHoldSeconds = 600;
-      context.holdExpiredAt = expiredAt;
-    }),
-                 PolicyRule::longestHold);
-  };
-  EXPECT_EQ(longest({}).saw, "a hold may last 10 min without a fresh event");
-  EXPECT_EQ(longest({}).outcome, PolicyRuleOutcome::passed);
-  EXPECT_EQ(longest(noon).saw,
-            "a hold may last 10 min without a fresh event, reached at " + formatIso8601(noon));
-  EXPECT_EQ(longest(noon).says, WakeDecision::release("Longest hold reached"));
-  EXPECT_EQ(longest(noon).wouldChange, "an agent's next event");
-
-  const auto both = trace(World().with([](auto& context) {
-    context.config.manualHoldEnabled = true;
-    context.commandHold = "make";
-  }),
-                          PolicyRule::manualHold);
+  const auto both = trace(PolicyRule::manualHold, {manual, command});
   EXPECT_EQ(both.saw, "manual hold is on, and a command runs under a hold: make");
   EXPECT_EQ(both.wouldChange, "switching manual hold off");
 }
