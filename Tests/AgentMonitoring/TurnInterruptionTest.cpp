@@ -1,45 +1,31 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <fstream>
-
 #include "AgentMonitoring/CoordinatorWorld.h"
-#include "AgentMonitoring/UsageProviders/ClaudeUsageProvider.h"
-#include "AgentMonitoring/UsageProviders/CodexUsageProvider.h"
+#include "AgentMonitoring/UsageMachine.h"
 #include "CapturedLog.h"
-#include "TemporaryDirectory.h"
 
 namespace vimbrel {
 namespace {
 
-/// One provider over a log that grows, and what it says of interrupted turns.
-template <typename Provider>
-std::vector<TurnInterruption> readInSteps(const std::string& file, const std::vector<std::string>& steps) {
-  const TemporaryDirectory directory;
-  const auto path = directory.file(file);
-  std::filesystem::create_directories(std::filesystem::path(path).parent_path());
-  VirtualTime time{*parseIso8601("2026-03-07T12:00:00Z")};
-  std::vector<TurnInterruption> heard;
-  std::shared_ptr<UsageMetricsProvider> provider;
-  if constexpr (std::is_same_v<Provider, ClaudeUsageProvider>) {
-    provider = std::make_shared<Provider>(std::vector{directory.path()}, time.mainQueue(), time,
-                                          ModelRateCard::builtIn(), nullptr);
-  } else {
-    provider = std::make_shared<Provider>(directory.path(), time.mainQueue(), time, ModelRateCard::builtIn(),
-                                          nullptr);
+struct InterruptedTurns : testing::Test, UsageMachine {
+  /// What a provider says of interrupted turns in a log that grows by these steps.
+  std::vector<TurnInterruption> readInSteps(UsageMetricsProvider& provider, const std::string& file,
+                                            const std::vector<std::string>& steps) {
+    std::filesystem::remove(directory_.file(file));
+    std::vector<TurnInterruption> heard;
+    provider.onTurnInterrupted = [&](const TurnInterruption& each) { heard.push_back(each); };
+    for (const auto& step : steps) {
+      append(file, step);
+      (void)provider.pollLatestEvents();
+    }
+    return heard;
   }
-  provider->onTurnInterrupted = [&](const TurnInterruption& each) { heard.push_back(each); };
-  for (const auto& step : steps) {
-    std::ofstream(path, std::ios::app) << step;
-    (void)provider->pollLatestEvents();
-  }
-  return heard;
-}
+};
 
 const auto at1159 = *parseIso8601("2026-03-07T11:59:00Z");
 
-TEST(TurnInterruption, isReadFromClaudesLog) {
+TEST_F(InterruptedTurns, areReadFromClaudesLog) {
   const auto user = [](const std::string& content) {
     return R"({"type":"user","sessionId":"s1","cwd":"/p","timestamp":"2026-03-07T11:59:00Z","message":{"role":"user","content":)" +
            content + "}}\n";
@@ -47,63 +33,58 @@ TEST(TurnInterruption, isReadFromClaudesLog) {
   const auto text = [&](const std::string& words) {
     return user(R"([{"type":"text","text":")" + words + R"("}])");
   };
-  const std::string answer =
-      R"({"type":"assistant","sessionId":"s1","message":{"id":"m","model":"x","usage":{"output_tokens":1}}})"
-      "\n";
-  const auto read = [](const std::vector<std::string>& steps) {
-    return readInSteps<ClaudeUsageProvider>("projects/p/s1.jsonl", steps);
+  const auto answer = ClaudeAnswer{}.line();
+  const std::pair<std::vector<std::string>, bool> cases[] = {
+      {{answer, text("[Request interrupted by user]")}, true},
+      {{text("[Request interrupted by user for tool use]"), answer}, true},
+      {{user("\"[Request interrupted by user]\"")}, true},
+      {{text("[Request interrupted by user]") + answer}, false},  // the agent went on
+      {{text("what does [Request interrupted by user] mean?")}, false},
+      {{"{\"type\":\"assistant\",\"message\":{\"content\":\"[Request interrupted by user]\"}}\n"}, false},
+      {{user("[]"), user("7"), "[Request interrupted by user\n"}, false},
   };
-  const std::vector expected{TurnInterruption{AgentType::claude, "s1", "/p", at1159}};
-  EXPECT_EQ(read({answer, text("[Request interrupted by user]")}), expected);
-  EXPECT_EQ(read({text("[Request interrupted by user for tool use]"), answer}), expected);
-  EXPECT_EQ(read({user("\"[Request interrupted by user]\"")}), expected);
-  EXPECT_TRUE(read({text("[Request interrupted by user]") + answer}).empty()) << "the agent went on";
-  EXPECT_TRUE(read({text("what does [Request interrupted by user] mean?")}).empty());
-  EXPECT_TRUE(read({R"({"type":"assistant","message":{"content":"[Request interrupted by user]"}})"
-                    "\n"})
-                  .empty());
-  EXPECT_TRUE(read({user("[]"), user("7"), "[Request interrupted by user\n"}).empty());
+  const TurnInterruption expected{AgentType::claude, "s1", "/p", at1159};
+  for (const auto& [steps, isInterrupted] : cases) {
+    EXPECT_EQ(readInSteps(*claude(), "claude/projects/p/s1.jsonl", steps),
+              std::vector<TurnInterruption>(isInterrupted ? 1 : 0, expected))
+        << steps.front();
+  }
 }
 
-TEST(TurnInterruption, isReadFromCodexRollouts) {
-  const std::string meta =
-      R"({"timestamp":"2026-03-07T11:50:00Z","type":"session_meta","payload":{"id":"own","cwd":"/p"}})"
-      "\n";
+TEST_F(InterruptedTurns, areReadFromCodexRollouts) {
   const auto event = [](const std::string& type) {
     return R"({"timestamp":"2026-03-07T11:59:00Z","type":"event_msg","payload":{"type":")" + type + "\"}}\n";
   };
-  const auto read = [](const std::vector<std::string>& steps) {
-    return readInSteps<CodexUsageProvider>("sessions/2026/03/07/rollout-1-own.jsonl", steps);
+  const auto meta = codexMeta("own", R"(,"cwd":"/p")");
+  const auto read = [&](const std::vector<std::string>& steps) {
+    return readInSteps(*codex(), "codex/sessions/2026/03/07/rollout-1-own.jsonl", steps);
   };
-  const std::vector expected{TurnInterruption{AgentType::codex, "own", "/p", at1159}};
-  EXPECT_EQ(read({meta, event("task_started"), event("turn_aborted")}), expected);
+  EXPECT_EQ(read({meta, event("task_started"), event("turn_aborted")}),
+            (std::vector{TurnInterruption{AgentType::codex, "own", "/p", at1159}}));
   EXPECT_TRUE(read({meta + event("turn_aborted") + event("turn_started")}).empty());
   EXPECT_TRUE(read({meta + event("task_complete")}).empty());
 }
 
 TEST(TurnInterruption, setsTheSessionIdleWhoseTurnItWas) {
   const CapturedLog quiet;
+  using Sessions = std::vector<std::pair<std::string, std::string>>;  // ids and directories
   struct Case {
     const char* name;
-    std::vector<std::pair<std::string, std::string>> sessions;  ///< ids and directories, all at work at 1000
+    Sessions sessions;  ///< all at work at 1000
     TurnInterruption interruption;
     std::string idle;  ///< the one that is idle afterwards
   };
   const auto claude = AgentType::claude;
+  const Sessions one{{"a", "/p"}};
   for (const auto& [name, sessions, interruption, idle] : {
            Case{"by its id", {{"a", "/p"}, {"b", "/p"}}, {claude, "b", "/p", at(1001)}, "b"},
-           Case{"by its directory",
-                {{"claude-7", "/p"}, {"claude-8", "/q"}},
-                {claude, "b", "/p", at(1001)},
-                "claude-7"},
-           Case{"two in one directory",
-                {{"claude-7", "/p"}, {"claude-8", "/p"}},
-                {claude, "b", "/p", at(1001)},
-                ""},
-           Case{"nobody there", {{"claude-7", "/p"}}, {claude, "b", "/q", at(1001)}, ""},
-           Case{"heard of since", {{"a", "/p"}}, {claude, "a", "/p", at(999)}, ""},
-           Case{"another agent", {{"a", "/p"}}, {AgentType::codex, "a", "/p", at(1001)}, ""},
-           Case{"in the future", {{"a", "/p"}}, {claude, "a", "/p", at(9000)}, ""},
+           Case{"by its directory", {{"c", "/p"}, {"d", "/q"}}, {claude, "b", "/p", at(1001)}, "c"},
+           Case{"two in one directory", {{"c", "/p"}, {"d", "/p"}}, {claude, "b", "/p", at(1001)}, ""},
+           Case{"nobody there", one, {claude, "b", "/q", at(1001)}, ""},
+           Case{"heard of since", one, {claude, "a", "/p", at(999)}, ""},
+           Case{"another agent", one, {AgentType::codex, "a", "/p", at(1001)}, ""},
+           Case{"in the future", one, {claude, "a", "/p", at(9000)}, ""},
+           Case{"the only one", one, {claude, "a", std::nullopt, at(1001)}, "a"},
        }) {
     CoordinatorWorld world;
     for (const auto& [id, directory] : sessions) {
@@ -117,13 +98,11 @@ TEST(TurnInterruption, setsTheSessionIdleWhoseTurnItWas) {
     for (const auto& [id, directory] : sessions) {
       EXPECT_EQ(world.session(id).state, id == idle ? AgentState::idle : AgentState::working) << name << id;
     }
-    const bool none = sessions.size() == 1 && !idle.empty();
-    EXPECT_EQ(world.coordinator.lastActiveAgentStoppedAt().has_value(), none) << name;
+    const bool isOver = sessions.size() == 1 && !idle.empty();
+    EXPECT_EQ(world.coordinator.lastActiveAgentStoppedAt(),
+              isOver ? std::optional(world.time.now()) : std::nullopt)
+        << name;
   }
-  CoordinatorWorld alone;
-  alone.coordinator.didReceiveHookEvent(event("a", claude, AgentState::working, 1000));
-  alone.coordinator.turnInterrupted({claude, "a", std::nullopt, at(1001)});
-  EXPECT_EQ(alone.coordinator.lastActiveAgentStoppedAt(), alone.time.now());
 }
 
 }  // namespace
