@@ -17,6 +17,10 @@ using testing::Not;
 struct UsageExport : testing::Test {
   UsageStoreWorld world;
 
+  UsageExport() { world.open(); }
+  [[nodiscard]] std::string exported(UsageExportFormat format) const {
+    return exportUsage(*world.store, format, world.time.now());
+  }
   void record(AgentType agent, const std::string& session, const std::string& turnId,
               const std::string& model, std::int64_t input, std::optional<double> cost) {
     auto event = turn(session, turnId, input);
@@ -29,12 +33,11 @@ struct UsageExport : testing::Test {
 };
 
 TEST_F(UsageExport, prometheusTextIsGolden) {
-  world.open();
   record(AgentType::claude, "secret-session", "t1", "opus", 100, 0.25);
   record(AgentType::claude, "secret-session", "t2", "opus", 50, 0.5);
   record(AgentType::codex, "other-session", "t1", "a\"b\\c\nd", 1, std::nullopt);
   EXPECT_EQ(
-      exportUsage(*world.store, UsageExportFormat::prometheus, world.time.now()),
+      exported(UsageExportFormat::prometheus),
       R"(# HELP vimbrel_usage_tokens_total Tokens that the agents on this machine used, as each counts them.
 # TYPE vimbrel_usage_tokens_total counter
 vimbrel_usage_tokens_total{agent="claude",model="opus",kind="input"} 150
@@ -56,12 +59,14 @@ vimbrel_usage_cost_usd_total{agent="claude",model="opus"} 0.75
 }
 
 TEST_F(UsageExport, openTelemetryRequestHoldsTheSamePoints) {
-  world.open();
+  const auto metricsOf = [](const std::string& text) {
+    return nlohmann::json::parse(text)["resourceMetrics"][0]["scopeMetrics"][0]["metrics"];
+  };
+  EXPECT_TRUE(metricsOf(exported(UsageExportFormat::otlpJson)).empty());
   record(AgentType::claude, "secret-session", "t1", "opus", 9'007'199'254'740'993, 0.25);
-  const auto text = exportUsage(*world.store, UsageExportFormat::otlpJson, world.time.now());
+  const auto text = exported(UsageExportFormat::otlpJson);
   EXPECT_THAT(text, Not(HasSubstr("secret-session")));
-  const auto document = nlohmann::json::parse(text);
-  const auto& metrics = document["resourceMetrics"][0]["scopeMetrics"][0]["metrics"];
+  const auto metrics = metricsOf(text);
   ASSERT_EQ(metrics.size(), 4U);
   EXPECT_EQ(metrics[0]["name"], "vimbrel.usage.tokens");
   EXPECT_EQ(metrics[0]["sum"]["isMonotonic"], true);
@@ -72,13 +77,12 @@ TEST_F(UsageExport, openTelemetryRequestHoldsTheSamePoints) {
 }
 
 TEST_F(UsageExport, namesOfModelsAreBoundedHoweverManyALogInvents) {
-  world.open();
   for (int i = 0; i < 200; ++i) {
     record(AgentType::claude, "s", "t" + std::to_string(i), "model" + std::to_string(i), 1, std::nullopt);
   }
   record(AgentType::claude, "s", "again", "model150", 1, std::nullopt);
   record(AgentType::claude, "s", "long", std::string(10'000, 'm'), 1, std::nullopt);
-  const auto text = exportUsage(*world.store, UsageExportFormat::prometheus, world.time.now());
+  const auto text = exported(UsageExportFormat::prometheus);
   EXPECT_LT(text.size(), 30'000U);
   EXPECT_THAT(text, HasSubstr("turns_total{agent=\"claude\",model=\"model150\"} 2\n"));
   std::int64_t turns = 0;
@@ -86,15 +90,6 @@ TEST_F(UsageExport, namesOfModelsAreBoundedHoweverManyALogInvents) {
     turns += std::stol(text.substr(text.find("} ", at) + 2));
   }
   EXPECT_EQ(turns, 202) << "what is put together is still counted";
-}
-
-TEST_F(UsageExport, anEmptyStoreGivesDocumentsWithoutPoints) {
-  world.open();
-  EXPECT_THAT(exportUsage(*world.store, UsageExportFormat::prometheus, world.time.now()),
-              HasSubstr("# TYPE vimbrel_usage_turns_total counter\n"));
-  const auto otlp =
-      nlohmann::json::parse(exportUsage(*world.store, UsageExportFormat::otlpJson, world.time.now()));
-  EXPECT_TRUE(otlp["resourceMetrics"][0]["scopeMetrics"][0]["metrics"].empty());
 }
 
 }  // namespace

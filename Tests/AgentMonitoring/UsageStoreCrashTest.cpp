@@ -55,19 +55,19 @@ TEST(UsageStoreCrash, everyEventThatWasAcceptedIsFoundOnceHoweverOftenTheProcess
     ::close(report[1]);
     const int target = std::uniform_int_distribution<int>(1, 25)(random);
     int last = 0;
-    int number = 0;
-    for (int i = 0; i < target && ::read(report[0], &number, sizeof number) == sizeof number; ++i) {
-      accepted.push_back(number);
-      last = number;
+    const auto hearOfOne = [&] {
+      if (::read(report[0], &last, sizeof last) != sizeof last) return false;
+      accepted.push_back(last);
+      return true;
+    };
+    for (int i = 0; i < target && hearOfOne(); ++i) {
     }
     ::usleep(std::uniform_int_distribution<unsigned>(0, 400)(random));
     ::kill(child, SIGKILL);
     int status = 0;
     ::waitpid(child, &status, 0);
     ASSERT_TRUE(WIFSIGNALED(status)) << "exit status " << WEXITSTATUS(status);
-    while (::read(report[0], &number, sizeof number) == sizeof number) {
-      accepted.push_back(number);
-      last = number;
+    while (hearOfOne()) {
     }
     ::close(report[0]);
     ASSERT_NE(last, 0);

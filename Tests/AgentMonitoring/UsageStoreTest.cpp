@@ -2,6 +2,7 @@
 #include "AgentMonitoring/UsageStore/UsageStore.h"
 #include "AgentMonitoring/UsageStore/UsageStoreFormat.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -20,6 +21,9 @@
 namespace vimbrel {
 namespace {
 
+using testing::Contains;
+using testing::ElementsAre;
+using testing::HasSubstr;
 using World = UsageStoreWorld;
 
 constexpr const char* documentedFile =
@@ -45,29 +49,21 @@ TEST(UsageStore, writesTheDocumentedFile) {
 
 TEST(UsageStore, readsForeignKeyOrderUnknownKeysAndTheLegacyForm) {
   auto document = nlohmann::json::parse(documentedFile);  // sorts the keys
-  document["schemaVersion"] = 7;
-  document["note"] = {{"x", {1, nullptr, "\u00e9"}}};
+  document["note"] = document["events"][0]["note"] = {{"x", {1, nullptr, "\u00e9"}}};
   document["seenKeys"].push_back("claude_old_key");
-  {
+  document["schemaVersion"] = 7;
+  const auto later = document.dump(1);
+  document.erase("schemaVersion");
+  for (const auto& text : {later, document.dump()}) {
+    const CapturedLog quiet;
     World world;
-    CapturedLog log;
-    world.put("usage_store.json", document.dump(1));
+    world.put("usage_store.json", text);
     EXPECT_EQ(world.open().eventCount(), 1U);
-    EXPECT_EQ(log.take(),
-              std::vector<std::string>{
-                  "info usage.store: Loaded 1 usage events across 1 sessions from disk (schema v7)"});
     EXPECT_FALSE(world.store->record(turn("old", "key", 5))) << "a seen key without its event stays seen";
     EXPECT_TRUE(world.store->record(turn("s", "t", 5)));
-    EXPECT_NE(world.contents().find("claude_old_key"), std::string::npos);
+    EXPECT_TRUE(world.contents().starts_with(R"({"schemaVersion":1,)"));
+    EXPECT_TRUE(world.contents().contains("claude_old_key"));
   }
-  World world;
-  CapturedLog log;
-  document.erase("schemaVersion");
-  world.put("usage_store.json", document.dump());
-  EXPECT_EQ(world.open().eventCount(), 1U);
-  EXPECT_EQ(log.take(), std::vector<std::string>{
-                            "info usage.store: Migrated 1 usage events from legacy schema to schema v1"});
-  EXPECT_TRUE(world.contents().starts_with(R"({"schemaVersion":1,)"));
 }
 
 TEST(UsageStore, keepsAFileAsideThatItCannotRead) {
@@ -76,17 +72,10 @@ TEST(UsageStore, keepsAFileAsideThatItCannotRead) {
   auto fraction = nlohmann::json::parse(documentedFile);
   fraction["sessions"]["s1"]["totalTokens"] = 1.5;
   const std::string document = documentedFile;
-  const std::vector<std::string> unreadable{"",
-                                            "not JSON",
-                                            "{}",
-                                            missing.dump(),
-                                            fraction.dump(),
-                                            document.substr(0, document.size() - 1),
-                                            document + "x",
-                                            std::string(100'000, '['),
-                                            R"({"x":")" + std::string(3 << 20, 'a') + R"("})",
-                                            "{\"schemaVersion\":1,\"events\":[\"\xff\"]}"};
-  for (const auto& text : unreadable) {
+  for (const auto& text : {std::string(), std::string("not JSON"), std::string("{}"), missing.dump(),
+                           fraction.dump(), document.substr(0, document.size() - 1), document + "x",
+                           std::string(100'000, '['), R"({"x":")" + std::string(3 << 20, 'a') + R"("})",
+                           std::string("{\"schemaVersion\":1,\"events\":[\"\xff\"]}")}) {
     World world;
     world.put("usage_store.json", text);
     CapturedLog log;
@@ -95,7 +84,7 @@ TEST(UsageStore, keepsAFileAsideThatItCannotRead) {
     EXPECT_EQ(world.contents(), text) << "nothing is touched before the first write";
     EXPECT_TRUE(world.store->record(turn("s", "t", 5)));
     EXPECT_EQ(world.contents("usage_store.unreadable-20251115T094640Z.json"), text);
-    ASSERT_EQ(log.take().size(), 1U);
+    EXPECT_EQ(log.take().size(), 1U);
     EXPECT_EQ(world.open().eventCount(), 1U);
   }
   World world;  // Neither a directory nor a pipe stops the application.
@@ -110,7 +99,7 @@ TEST(UsageStore, refusesASecondOwner) {
   world.open();
   const auto second = UsageStore::open(world.options, world.queue, world.time);
   ASSERT_FALSE(second);
-  EXPECT_NE(second.error().find("in use by another process"), std::string::npos);
+  EXPECT_TRUE(second.error().contains("in use by another process"));
 }
 
 TEST(UsageStore, writesOnlyWhereThePolicyAllows) {
@@ -119,27 +108,8 @@ TEST(UsageStore, writesOnlyWhereThePolicyAllows) {
   CapturedLog log;
   EXPECT_TRUE(world.open().record(turn("s", "t", 5))) << "memory stays authoritative";
   EXPECT_FALSE(std::filesystem::exists("/etc/Vimbrel"));
-  const auto lines = log.take();
-  EXPECT_EQ(std::ranges::count(
-                lines,
-                "error usage.store: Failed to save usage store: Vimbrel write security violation: Cannot "
-                "write to '/etc/Vimbrel/usage_store.json'. Reason: Path is outside Vimbrel-owned "
-                "directories. Third-party configuration modification is prohibited."),
-            1);
+  EXPECT_THAT(log.take(), Contains(HasSubstr("Vimbrel write security violation")));
   world.store.reset();
-}
-
-TEST(UsageStore, takesALaterReadingThatCountedMoreInPlaceOfTheEarlier) {
-  World world;
-  auto& store = world.open();
-  EXPECT_TRUE(store.record(turn("s", "t", 10)));
-  EXPECT_TRUE(store.record(turn("s", "u", 1)));
-  EXPECT_TRUE(store.record(turn("s", "t", 25)));
-  EXPECT_FALSE(store.record(turn("s", "t", 25)));
-  EXPECT_FALSE(store.record(turn("s", "t", 9)));
-  EXPECT_EQ(store.eventCount(), 2U);
-  EXPECT_EQ(store.recentSessions()[0].totalTokens, 26);
-  EXPECT_EQ(store.allEvents()[0].totalTokens, 25) << "it keeps its place";
 }
 
 TEST(UsageStore, refusesWhatItsFileCannotHold) {
@@ -147,32 +117,22 @@ TEST(UsageStore, refusesWhatItsFileCannotHold) {
   CapturedLog log;
   auto nan = turn("s", "t", 1);
   nan.costEstimateUSD = std::numeric_limits<double>::quiet_NaN();
-  EXPECT_EQ(world.open().recordAll(
-                {{nan, turn("\xff", "t", 1), turn("s", std::string(70'000, 'x'), 1), turn("s", "t", 2)}}),
+  auto endless = turn("s", "t", 1);
+  endless.quotaRemainingPercent = -std::numeric_limits<double>::infinity();
+  EXPECT_EQ(world.open().recordAll({{nan, endless, turn("\xff", "t", 1),
+                                     turn("s", std::string(70'000, 'x'), 1), turn("s", "t", 2)}}),
             1U);
   const auto infinity = std::numeric_limits<double>::infinity();
-  struct Case {
-    double at;
-    std::optional<double> cost;
-    bool isStorable;
-  };
   int number = 0;
-  for (const auto& [at, cost, isStorable] : {
-           Case{1.7e308, {}, false},
-           Case{-1.7e308, {}, false},
-           Case{infinity, {}, false},
-           Case{1.1e12, {}, false},
-           Case{-1.1e12, {}, false},
-           Case{0, 1.7e308, false},
-           Case{0, -1.7e308, false},
-           Case{0, infinity, false},
-           Case{0, 1.1e9, false},
-           Case{1e12, 1e9, true},
-           Case{-1e12, -1e9, true},
-       }) {
+  const auto isAccepted = [&](double at, std::optional<double> cost) {
     auto event = turn("extremes", std::to_string(++number), 1, at);
     event.costEstimateUSD = cost;
-    EXPECT_EQ(world.store->record(event), isStorable) << at << " " << cost.value_or(0);
+    return world.store->record(event);
+  };
+  for (const double sign : {1.0, -1.0}) {
+    for (const double at : {1.7e308, infinity, 1.1e12}) EXPECT_FALSE(isAccepted(sign * at, {})) << at;
+    for (const double cost : {1.7e308, infinity, 1.1e9}) EXPECT_FALSE(isAccepted(0, sign * cost)) << cost;
+    EXPECT_TRUE(isAccepted(sign * 1e12, sign * 1e9));
   }
   EXPECT_EQ(world.open().eventCount(), 3U);
 }
@@ -212,18 +172,14 @@ TEST(UsageStore, staysReadableWhateverItsJournalAddsUpTo) {
 }
 
 TEST(UsageStore, writesOnlyNumbersThatItCanRead) {
-  const auto nothing = std::numeric_limits<double>::quiet_NaN();
-  for (const double number : {std::numeric_limits<double>::infinity(), nothing}) {
-    auto event = turn("s", "t", 1);
-    event.costEstimateUSD = number;
-    event.quotaRemainingPercent = -number;
-    std::string line;
-    usageStoreFormat::appendJournalLine(line, event.view());
-    const auto read = usageStoreFormat::readJournalLine(line.substr(0, line.size() - 1));
-    ASSERT_TRUE(read) << line;
-    EXPECT_TRUE(std::isfinite(*read->costEstimateUSD));
-    EXPECT_TRUE(std::isfinite(*read->quotaRemainingPercent));
-  }
+  auto event = turn("s", "t", 1);
+  event.costEstimateUSD = std::numeric_limits<double>::infinity();
+  event.quotaRemainingPercent = std::numeric_limits<double>::quiet_NaN();
+  std::string line;
+  usageStoreFormat::appendJournalLine(line, event.view());
+  const auto read = usageStoreFormat::readJournalLine(line.substr(0, line.size() - 1));
+  ASSERT_TRUE(read) << line;
+  EXPECT_TRUE(std::isfinite(*read->costEstimateUSD) && std::isfinite(*read->quotaRemainingPercent));
 }
 
 TEST(UsageStore, answersByTimeAndExportsOnlyTotals) {
@@ -321,11 +277,7 @@ TEST(UsageStore, aFullDiskLosesNothingAndIsForgottenWhenThereIsRoom) {
     setrlimit(RLIMIT_FSIZE, &limit);
     std::signal(SIGXFSZ, handler);
     world.time.advance(std::chrono::seconds(11));
-    // What a killed process would leave behind, opened by another one.
-    World other;
-    std::filesystem::copy(world.directory.path(), other.directory.path(),
-                          std::filesystem::copy_options::recursive);
-    EXPECT_EQ(other.open().eventCount(), 60U) << "written again without a further event";
+    EXPECT_EQ(world.countAfterAKill(), 60U) << "written again without a further event";
   }
 }
 
@@ -355,15 +307,12 @@ TEST(UsageStore, passesOverUnreadableJournalLinesAndKeepsThem) {
   world.put("usage_store.journal.7", journal);
   CapturedLog log;
   EXPECT_EQ(world.open().eventCount(), 2U);
-  EXPECT_EQ(log.take(), std::vector<std::string>{
-                            "error usage.store: Passed over 4 unreadable lines of the usage journal; "
-                            "they are kept aside"});
+  EXPECT_THAT(log.take(), ElementsAre(HasSubstr("Passed over 4 unreadable lines")));
   EXPECT_EQ(world.contents("usage_store.journal.7.unreadable"), journal);
   EXPECT_EQ(world.open().eventCount(), 2U);
-  EXPECT_TRUE(log.take().size() == 1) << "only the loading is told again";
+  EXPECT_EQ(log.take().size(), 1U) << "only the loading is told again";
 }
 
-/// Sums and sessions always equal what the list of accepted events gives, whatever happened in which order.
 TEST(UsageStore, writesABulkOnceAndKeepsItUnwrittenWhereThatFails) {
   World world;
   world.open().record(turn("s", "before", 1));
@@ -387,10 +336,7 @@ TEST(UsageStore, writesABulkOnceAndKeepsItUnwrittenWhereThatFails) {
     std::filesystem::remove(world.options.path + ".new");
     EXPECT_TRUE(bulk.finish());
   }
-  World other;
-  std::filesystem::copy(world.directory.path(), other.directory.path(),
-                        std::filesystem::copy_options::recursive);
-  EXPECT_EQ(other.open().eventCount(), 24U);
+  EXPECT_EQ(world.countAfterAKill(), 24U);
 }
 
 TEST(UsageStore, givesEventsAPriceThatBecameKnownLater) {
@@ -425,11 +371,11 @@ TEST(UsageStore, givesEventsAPriceThatBecameKnownLater) {
   auto another = turn("s", "5", 1'000'000);
   another.modelId = "golden-model";
   EXPECT_TRUE(world.store->record(another));
-  EXPECT_EQ(world.store->priceUnpriced(
-                ModelRateCard::builtIn().with({{"golden-model", {1e300, 8, 1, 2, 8}, std::nullopt}})),
-            0U);
+  const auto golden = ModelRateCard::builtIn().with({{"golden-model", {1e300, 8, 1, 2, 8}, std::nullopt}});
+  EXPECT_EQ(world.store->priceUnpriced(golden), 0U);
 }
 
+/// Sums and sessions always equal what the list of accepted events gives, whatever happened in which order.
 TEST(UsageStore, agreesWithARecomputationAfterAnySequence) {
   for (unsigned seed = 1; seed <= 30; ++seed) {
     std::mt19937 random(seed);
@@ -494,17 +440,11 @@ TEST(UsageStore, agreesWithARecomputationAfterAnySequence) {
     world.open();
     ASSERT_EQ(world.store->allEvents(), model) << seed;
     for (const auto& session : world.store->recentSessions()) {
-      std::int64_t tokens = 0;
-      double cost = 0;
-      for (const auto& event : model) {
-        if (event.sessionId != session.id) continue;
-        tokens = tokens > std::numeric_limits<std::int64_t>::max() - *event.totalTokens
-                     ? std::numeric_limits<std::int64_t>::max()
-                     : tokens + *event.totalTokens;
-        cost += event.costEstimateUSD.value_or(0);
-      }
-      EXPECT_EQ(session.totalTokens, tokens) << seed;
-      EXPECT_EQ(session.estimatedCostUSD.value_or(0), cost) << seed;
+      std::vector<UsageEvent> own;
+      std::ranges::copy_if(model, std::back_inserter(own),
+                           [&](const UsageEvent& event) { return event.sessionId == session.id; });
+      EXPECT_EQ(session.totalTokens, summarise(own).totalTokens) << seed;
+      EXPECT_EQ(session.estimatedCostUSD, summarise(own).estimatedCostUSD) << seed;
     }
   }
 }

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <memory>
@@ -26,6 +27,13 @@ struct UsageStoreWorld {
     auto opened = UsageStore::open(options, queue, time);
     if (opened) store = *std::move(opened);
     return *store;
+  }
+
+  /// How many events another process finds, if this one is killed now.
+  [[nodiscard]] std::size_t countAfterAKill() const {
+    UsageStoreWorld other;
+    std::filesystem::copy(directory.path(), other.directory.path(), std::filesystem::copy_options::recursive);
+    return other.open().eventCount();
   }
 
   [[nodiscard]] std::string contents(const std::string& name = "usage_store.json") const {
