@@ -59,85 +59,73 @@ struct FakeTree final : ProcessAncestry {
   int looks = 0;
 };
 
+const AncestorProcess relay{{500, 50}, "vimbrel-relay --agent claude", Seconds{0}};
+const AncestorProcess shell{{400, 40}, "sh -c vimbrel-relay --agent claude", Seconds{0}};
+const AncestorProcess old{{300, 30}, "claude", Seconds{300}};
+const AncestorProcess young{{310, 31}, "claude", Seconds{2}};
+
 struct AgentProcessesTest : testing::Test {
   VirtualTime time{at(1000)};
   std::shared_ptr<FakeTree> tree = std::make_shared<FakeTree>();
   AgentProcesses processes{tree, time};
   using Ended = std::vector<std::string>;
 
-  void comesFrom(std::vector<AncestorProcess> chain) { tree->chain = std::move(chain); }
-  void hear(AgentState state = AgentState::working) {
+  /// An event from a process with these ancestors, long enough after the one before.
+  void hear(std::vector<AncestorProcess> chain, AgentState state = AgentState::working) {
+    tree->chain = std::move(chain);
+    time.advance(6s);
     processes.heard(event("s", AgentType::claude, state, 1000), 500);
+  }
+  /// Which sessions end with these processes, all others being alive.
+  Ended endedBy(std::vector<ProcessIdentity> dead) {
+    tree->dead = std::move(dead);
+    return processes.takeEnded();
   }
 };
 
-const AncestorProcess relay{{500, 50}, "vimbrel-relay --agent claude", Seconds{0}};
-const AncestorProcess shell{{400, 40}, "sh -c vimbrel-relay --agent claude", Seconds{0}};
-const AncestorProcess old{{300, 30}, "claude", Seconds{300}};
-const AncestorProcess young{{310, 31}, "claude", Seconds{2}};
-
 TEST_F(AgentProcessesTest, tellsOfTheEndOfAnAgentThatHasLasted) {
-  comesFrom({relay, shell, old});
-  hear();
-  EXPECT_EQ(processes.takeEnded(), Ended{});
-  tree->dead = {relay.identity, shell.identity};
-  EXPECT_EQ(processes.takeEnded(), Ended{}) << "the shell and the relay come and go";
-  tree->dead.push_back(old.identity);
-  EXPECT_EQ(processes.takeEnded(), Ended{"s"});
-  EXPECT_EQ(processes.takeEnded(), Ended{}) << "once";
+  hear({relay, shell, old});
+  EXPECT_EQ(endedBy({}), Ended{});
+  EXPECT_EQ(endedBy({relay.identity, shell.identity}), Ended{}) << "these come and go";
+  EXPECT_EQ(endedBy({relay.identity, shell.identity, old.identity}), Ended{"s"});
+  EXPECT_EQ(endedBy({old.identity}), Ended{}) << "once";
 }
 
 TEST_F(AgentProcessesTest, doesNotMistakeAHelperOfTheMomentForTheAgent) {
-  comesFrom({relay, young});
-  hear();
-  tree->dead = {young.identity};
-  EXPECT_EQ(processes.takeEnded(), Ended{});
+  hear({relay, young});
+  EXPECT_EQ(endedBy({young.identity}), Ended{});
   // The same young process in two events seconds apart is no helper.
-  tree->dead.clear();
-  hear();
-  time.advance(6s);
-  hear();
-  tree->dead = {young.identity};
-  EXPECT_EQ(processes.takeEnded(), Ended{"s"});
+  hear({relay, young});
+  hear({relay, young});
+  EXPECT_EQ(endedBy({young.identity}), Ended{"s"});
   // Inside an agent that runs an agent, the end of the outer one counts.
-  tree->dead.clear();
-  comesFrom({relay, {{320, 32}, "claude -p", Seconds{100}}, old});
-  time.advance(6s);
-  hear();
-  tree->dead = {{320, 32}};
-  EXPECT_EQ(processes.takeEnded(), Ended{});
+  const AncestorProcess inner{{320, 32}, "claude -p", Seconds{100}};
+  hear({relay, inner, old});
+  EXPECT_EQ(endedBy({inner.identity}), Ended{});
 }
 
 TEST_F(AgentProcessesTest, leavesAloneWhatItCannotKnow) {
-  comesFrom({relay, shell, {{200, 20}, "/usr/sbin/sshd", Seconds{9000}}});
-  hear();
-  tree->dead = {{200, 20}};
-  EXPECT_EQ(processes.takeEnded(), Ended{}) << "nobody but the agent itself tells of its end";
-  comesFrom({relay, old});
-  time.advance(6s);
-  hear();
-  hear(AgentState::completed);
-  tree->dead = {old.identity};
-  EXPECT_EQ(processes.takeEnded(), Ended{}) << "it has said so itself";
-  tree->dead.clear();
-  hear();
-  time.advance(6s);
-  comesFrom({relay, {{600, 60}, "claude", Seconds{100}}});
-  hear();
-  tree->dead = {old.identity};
-  EXPECT_EQ(processes.takeEnded(), Ended{}) << "the session was resumed elsewhere";
+  const AncestorProcess server{{200, 20}, "/usr/sbin/sshd", Seconds{9000}};
+  hear({relay, shell, server});
+  EXPECT_EQ(endedBy({server.identity}), Ended{}) << "nobody but the agent itself tells of its end";
+  hear({relay, old});
+  hear({relay, old}, AgentState::completed);
+  EXPECT_EQ(endedBy({old.identity}), Ended{}) << "it has said so itself";
+  hear({relay, old});
+  hear({relay, {{600, 60}, "claude", Seconds{100}}});
+  EXPECT_EQ(endedBy({old.identity}), Ended{}) << "the session was resumed elsewhere";
 }
 
 TEST_F(AgentProcessesTest, looksAtProcessesSeldomAndStaysBounded) {
-  comesFrom({relay, old});
-  for (int i = 0; i < 1000; ++i) hear();
+  tree->chain = {relay, old};
+  for (int i = 0; i < 1000; ++i)
+    processes.heard(event("s", AgentType::claude, AgentState::working, 1000), 500);
   EXPECT_EQ(tree->looks, 1);
   for (int i = 0; i < 2000; ++i) {
     processes.heard(event("s" + std::to_string(i), AgentType::claude, AgentState::working, 1000), 500);
     time.advance(1ms);
   }
-  tree->dead = {old.identity};
-  EXPECT_EQ(processes.takeEnded().size(), AgentProcesses::mostSessions);
+  EXPECT_EQ(endedBy({old.identity}).size(), AgentProcesses::mostSessions);
 }
 
 /// A process called "claude" that runs a shell which waits, as an agent runs a hook.

@@ -42,7 +42,6 @@ struct Home : TemporaryDirectory {
 
 TEST(AntigravityActivity, followsTheAgeOfTheTranscript) {
   for (const auto& [age, expected] : {std::pair{-5.0, "Antigravity Agent (Active)"},
-                                      {29.0, "Antigravity Agent (Active)"},
                                       {29.9, "Antigravity Agent (Active)"},
                                       {30.0, "Antigravity IDE (Waiting)"},
                                       {179.9, "Antigravity IDE (Waiting)"},

@@ -24,7 +24,6 @@ namespace {
 
 using namespace std::chrono_literals;
 using testing::ElementsAre;
-using testing::HasSubstr;
 using testing::StartsWith;
 
 constexpr int patienceMilliseconds = 30'000;  // Only a broken receiver makes a test wait this long.
@@ -98,7 +97,6 @@ class HookEventReceiverTest : public testing::Test {
 };
 
 TEST_F(HookEventReceiverTest, answersDeliversAndKeepsItsSocketPrivate) {
-  CapturedLog log;
   ASSERT_TRUE(receiver.start());
   ASSERT_TRUE(receiver.start()) << "starting again does nothing";
   EXPECT_TRUE(receiver.isRunning());
@@ -119,13 +117,6 @@ TEST_F(HookEventReceiverTest, answersDeliversAndKeepsItsSocketPrivate) {
   EXPECT_FALSE(connectToUnixSocket(path, 100));
   ASSERT_TRUE(receiver.start());
   EXPECT_EQ(ask(document("s2")), successAnswer);
-  receiver.stop();
-  EXPECT_THAT(log.take(), ElementsAre("info hooks: HookEventReceiver started on " + path,
-                                      "debug hooks: Received event: agent=claude state=working session=s1",
-                                      "info hooks: HookEventReceiver stopped",
-                                      "info hooks: HookEventReceiver started on " + path,
-                                      "debug hooks: Received event: agent=claude state=working session=s2",
-                                      "info hooks: HookEventReceiver stopped"));
 }
 
 TEST_F(HookEventReceiverTest, takesNothingFromAnotherUserWhateverThePermissionsSay) {
@@ -163,15 +154,11 @@ TEST_F(HookEventReceiverTest, answersEveryKindOfGarbageAndDeliversNoneOfIt) {
   for (const auto& text : garbage) {
     const auto answer = ask(text);
     EXPECT_THAT(answer, StartsWith("{\"ok\":false,\"error\":\"")) << text.substr(0, 40);
-    ASSERT_GE(answer.size(), 24U);
     EXPECT_TRUE(answer.ends_with("\"}\n"));
-    const auto inside = answer.substr(21, answer.size() - 24);
-    EXPECT_EQ(inside.find_first_of("\"\\\n\r"), std::string::npos) << inside;
-    const auto lines = log.take();
-    ASSERT_EQ(lines.size(), 1U);
-    const auto read = std::min<std::size_t>(text.size(), 65'536);
-    EXPECT_THAT(lines[0],
-                StartsWith("error hooks: Failed to parse hook event (" + std::to_string(read) + " bytes): "));
+    EXPECT_EQ(answer.find_first_of("\"\\\n\r", 21), answer.size() - 3) << answer;
+    const auto read = std::to_string(std::min<std::size_t>(text.size(), 65'536));
+    EXPECT_THAT(log.take(),
+                ElementsAre(StartsWith("error hooks: Failed to parse hook event (" + read + " bytes)")));
   }
   {
     const auto mute = connect();
@@ -229,26 +216,24 @@ TEST_F(HookEventReceiverTest, servesOnWhenTheProcessHasNoDescriptorLeft) {
   for (int i = 0; i < 6; ++i) clients.emplace_back(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   rlimit before{};
   ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
-  rlimit tight = before;
-  tight.rlim_cur = 128;
+  const rlimit tight{128, before.rlim_max};
   ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &tight), 0);
   std::vector<Fd> fillers;
-  for (;;) {
-    Fd filler(::open("/dev/null", O_RDONLY | O_CLOEXEC));
-    if (!filler) break;
-    fillers.push_back(std::move(filler));
-  }
+  do {
+    fillers.emplace_back(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+  } while (fillers.back());
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   path.copy(address.sun_path, sizeof address.sun_path - 1);
   const timeval timeout{patienceMilliseconds / 1000, 0};
   std::vector<std::string> answers;
-  for (std::size_t i = 0; i < clients.size(); ++i) {
-    ::setsockopt(clients[i].get(), SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
-    EXPECT_EQ(::connect(clients[i].get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-    if (i % 3 == 0) continue;  // A silent one, which takes the last descriptor and must give it up.
-    write(clients[i], document("tight"));
-    answers.push_back(readAll(clients[i]));
+  for (const auto& client : clients) {
+    ::setsockopt(client.get(), SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+    EXPECT_EQ(::connect(client.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    // Each third is a silent one, which takes the last descriptor and must give it up.
+    if ((&client - clients.data()) % 3 == 0) continue;
+    write(client, document("tight"));
+    answers.push_back(readAll(client));
   }
   fillers.clear();
   ::setrlimit(RLIMIT_NOFILE, &before);
@@ -262,7 +247,6 @@ TEST_F(HookEventReceiverTest, refusesASocketThatIsServedAndReplacesAStaleOne) {
   const auto refused = second.start();
   ASSERT_FALSE(refused);
   EXPECT_EQ(refused.error().fault, HookReceiverError::Fault::alreadyServed);
-  EXPECT_THAT(refused.error().text, HasSubstr(path));
   EXPECT_FALSE(second.isRunning());
   EXPECT_EQ(ask(document("a")), successAnswer) << "the first goes on";
 
@@ -285,16 +269,14 @@ TEST_F(HookEventReceiverTest, refusesASocketThatIsServedAndReplacesAStaleOne) {
 
 TEST_F(HookEventReceiverTest, refusesAPathThatDoesNotFitAndADirectoryThatCannotBe) {
   const auto longPath = directory.file(std::string(103 - directory.path().size() - 1, 's'));
-  ASSERT_EQ(longPath.size(), 103U);
   HookEventReceiver tooLong(longPath, loop, clock);
   EXPECT_EQ(tooLong.start().error().fault, HookReceiverError::Fault::payloadTooLarge);
-  EXPECT_FALSE(tooLong.isRunning());
 
   std::ofstream(directory.file("plain")) << "x";
   HookEventReceiver inFile(directory.file("plain/v.sock"), loop, clock);
-  const auto failed = inFile.start();
-  EXPECT_EQ(failed.error().fault, HookReceiverError::Fault::directory);
-  EXPECT_EQ(failed.error().code, ENOTDIR);
+  const auto error = inFile.start().error();
+  EXPECT_EQ(error.fault, HookReceiverError::Fault::directory);
+  EXPECT_EQ(error.code, ENOTDIR);
 }
 
 TEST_F(HookEventReceiverTest, stopsAndStartsUnderFire) {
