@@ -140,7 +140,7 @@ TEST_F(MoneyBudgets, announceEachThresholdOnceInAPeriodAlsoOverRestarts) {
                                   .spentUSD = spent};
     for (const auto& notice : book.takeDueNotices({standing})) {
       titles += notice.title();
-      EXPECT_TRUE(notice.message().contains("of the monthly budget of $")) << notice.message();
+      EXPECT_TRUE(notice.message().contains(" (monthly) is spent; at this pace")) << notice.message();
     }
     return titles;
   };
@@ -195,7 +195,7 @@ TEST_F(MoneyBudgets, countSessionsThatBeganSinceTheImport) {
   time_.advance(std::chrono::minutes(3));
   requireStandings();
   ASSERT_EQ(said_.size(), 2U) << "of those that are overspent";
-  EXPECT_TRUE(said_[0].starts_with("Budget spent: $150.00 of the daily in /home/me/hooked budget of $1.00"))
+  EXPECT_TRUE(said_[0].starts_with("Budget spent: $150.00 of the budget of $1.00 (daily in /home/me/hooked)"))
       << said_[0];
   // Not every session has a log to be read again.
   usage_->stop();

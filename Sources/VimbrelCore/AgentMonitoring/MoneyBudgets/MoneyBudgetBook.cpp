@@ -31,7 +31,7 @@ std::string MoneyBudgetNotice::title() const {
 }
 
 std::string MoneyBudgetNotice::message() const {
-  return sentence("%1 of the %2 budget of %3 is spent; at this pace it will be %4",
+  return sentence("%1 of the budget of %3 (%2) is spent; at this pace it will be %4",
                   {dollarText(standing.spentUSD), describe(standing.budget.scope),
                    dollarText(standing.budget.amountUSD), dollarText(standing.forecastUSD)});
 }
