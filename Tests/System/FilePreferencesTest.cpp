@@ -15,7 +15,6 @@
 #include "CapturedLog.h"
 #include "Simulation/DescriptorQueue.h"
 #include "Support/AtomicFile.h"
-#include "Support/EventLoop.h"
 #include "Support/Fd.h"
 #include "Support/VirtualTime.h"
 #include "System/SettingsStore.h"
@@ -189,19 +188,6 @@ TEST_F(SettingsFile, isReplacedWhereALinkPointsTo) {
   ASSERT_TRUE(settings.setOnlyOnAC(true));
   EXPECT_TRUE(fs::is_symlink(path));
   EXPECT_EQ(readFile(directory.file("dotfiles/settings.json")), "{\n  \"onlyOnAC\": true\n}\n");
-}
-
-TEST_F(SettingsFile, followsEditsWhileTheLoopRuns) {
-  const auto deep = directory.file("new/Vimbrel/settings.json");
-  const auto preferences = std::make_shared<FilePreferences>(deep, settingDescriptions());
-  EventLoop loop;
-  preferences->watch(*loop.mainQueue());
-  SettingsStore settings(preferences, clock);
-  const auto token = settings.objectWillChange().subscribe([&] { loop.stop(); });
-  auto guard = loop.mainQueue()->after(std::chrono::seconds(20), [&] { loop.stop(); });
-  ASSERT_TRUE(replaceFile(deep, R"({"batteryFloorPercent": 33})"));
-  loop.run();
-  EXPECT_EQ(settings.batteryFloorPercent(), 33);
 }
 
 TEST_F(SettingsFile, isFoundAgainWhenItsDirectoryWasReplaced) {

@@ -58,12 +58,12 @@ class History : public testing::Test {
 
 TEST_F(History, tellsWhatHeldTheMachineAwakeAndWhyItStopped) {
   open();
-  live(5, idle_);
   live(100, WakeDecision::hold("Claude Code working", 1, true), {AgentType::claude}, 80);
   live(50, WakeDecision::hold("Claude Code, Codex CLI working", 3, false),
        {AgentType::claude, AgentType::claude, AgentType::codex}, 70);
-  live(1, WakeDecision::hold("Release debounce (30s)", 0, false));
-  live(1, WakeDecision::hold("Release debounce (29s)", 0, false));
+  for (const auto* left : {"30s", "29s"}) {
+    live(1, WakeDecision::hold("Release debounce (" + std::string(left) + ")", 0, false));
+  }
   live(1, WakeDecision::blocked(SafetyBlock::batteryBelowFloor), {}, 14);
   live(10, idle_);
   live(10, WakeDecision::hold("Manual hold requested", 0, false));
