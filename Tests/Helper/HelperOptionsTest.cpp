@@ -3,26 +3,20 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
+#include "ScopedEnvironment.h"
 
 namespace vimbrel {
 namespace {
 
 TEST(HelperOptions, chooseThePathsOfTheirMode) {
-  ::unsetenv("STATE_DIRECTORY");
-  ::setenv("XDG_DATA_HOME", "/data", 1);
-  const auto system = parseHelperOptions({});
-  ASSERT_TRUE(system);
-  EXPECT_EQ(system->socketPath, "/var/run/vimbrel-helper.sock");
-  EXPECT_EQ(system->stateFile, "/var/lib/vimbrel/deep-hold.json");
-  const auto user = parseHelperOptions({"--user"});
-  EXPECT_EQ(user->socketPath, "/data/Vimbrel/run/vimbrel-helper.sock");
-  EXPECT_EQ(user->stateFile, "/data/Vimbrel/deep-hold.json");
-  ::setenv("STATE_DIRECTORY", "/state:/other", 1);
+  ScopedEnvironment environment{{"STATE_DIRECTORY", {}}, {"XDG_DATA_HOME", "/data"}};
+  EXPECT_EQ(parseHelperOptions({})->socketPath, "/var/run/vimbrel-helper.sock");
+  EXPECT_EQ(parseHelperOptions({})->stateFile, "/var/lib/vimbrel/deep-hold.json");
+  EXPECT_EQ(parseHelperOptions({"--user"})->socketPath, "/data/Vimbrel/run/vimbrel-helper.sock");
+  EXPECT_EQ(parseHelperOptions({"--user"})->stateFile, "/data/Vimbrel/deep-hold.json");
+  environment.set("STATE_DIRECTORY", "/state:/other");
   EXPECT_EQ(parseHelperOptions({})->stateFile, "/state/deep-hold.json");
   EXPECT_EQ(parseHelperOptions({"--socket", "/s", "--state", "/f"})->stateFile, "/f");
-  ::unsetenv("STATE_DIRECTORY");
-  ::unsetenv("XDG_DATA_HOME");
 }
 
 TEST(HelperOptions, refuseWhatTheyDoNotKnow) {

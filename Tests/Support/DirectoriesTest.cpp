@@ -5,52 +5,34 @@
 #include <pwd.h>
 #include <unistd.h>
 
-#include <cstdlib>
-#include <map>
-#include <optional>
+#include "ScopedEnvironment.h"
 
 namespace vimbrel {
 namespace {
 
-/// The environment's variables for directories, put back in the end.
-struct Directories : testing::Test {
-  std::map<const char*, std::optional<std::string>> before;
-
-  Directories() {
-    for (const auto* name : {"HOME", "XDG_DATA_HOME", "XDG_CONFIG_HOME", "XDG_STATE_HOME"}) {
-      const char* value = std::getenv(name);
-      before[name] = value == nullptr ? std::nullopt : std::optional<std::string>(value);
-      ::unsetenv(name);
-    }
-  }
-  ~Directories() override {
-    for (const auto& [name, value] : before) {
-      value ? ::setenv(name, value->c_str(), 1) : ::unsetenv(name);
-    }
-  }
-};
-
-TEST_F(Directories, followTheEnvironmentAndElseTheUsersHome) {
+TEST(Directories, followTheEnvironmentAndElseTheUsersHome) {
+  ScopedEnvironment environment{
+      {"HOME", {}}, {"XDG_DATA_HOME", {}}, {"XDG_CONFIG_HOME", {}}, {"XDG_STATE_HOME", {}}};
   const auto* user = ::getpwuid(::geteuid());
   ASSERT_TRUE(user != nullptr);
   EXPECT_EQ(directories::home(), user->pw_dir) << "no HOME, as under some service managers";
-  ::setenv("HOME", "relative", 1);
+  environment.set("HOME", "relative");
   EXPECT_EQ(directories::home(), user->pw_dir);
-  ::setenv("HOME", "/home/h", 1);
-  EXPECT_EQ(directories::home(), "/home/h");
-  EXPECT_EQ(directories::configuration(), "/home/h/.config");
-  EXPECT_EQ(directories::state(), "/home/h/.local/state");
-  EXPECT_EQ(directories::applicationSupport(), "/home/h/.local/share");
-  ::setenv("XDG_CONFIG_HOME", "/c", 1);
-  ::setenv("XDG_STATE_HOME", "/s", 1);
-  ::setenv("XDG_DATA_HOME", "/d", 1);
-  EXPECT_EQ(directories::configuration(), "/c");
-  EXPECT_EQ(directories::state(), "/s");
-  EXPECT_EQ(directories::applicationSupport(), "/d");
-  ::setenv("XDG_CONFIG_HOME", "not/absolute", 1);
-  ::setenv("XDG_DATA_HOME", "not/absolute", 1);
-  EXPECT_EQ(directories::configuration(), "/home/h/.config");
-  EXPECT_EQ(directories::applicationSupport(), "/home/h/.local/share");
+  environment.set("HOME", "/home/h");
+  const struct {
+    const char* variable;
+    std::string (*directory)();
+    const char* byDefault;
+  } cases[] = {{"XDG_CONFIG_HOME", directories::configuration, "/home/h/.config"},
+               {"XDG_STATE_HOME", directories::state, "/home/h/.local/state"},
+               {"XDG_DATA_HOME", directories::applicationSupport, "/home/h/.local/share"}};
+  for (const auto& [variable, directory, byDefault] : cases) {
+    EXPECT_EQ(directory(), byDefault);
+    environment.set(variable, "/d");
+    EXPECT_EQ(directory(), "/d") << variable;
+    environment.set(variable, "not/absolute");
+    EXPECT_EQ(directory(), byDefault) << variable;
+  }
 }
 
 }  // namespace

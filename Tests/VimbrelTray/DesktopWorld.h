@@ -1,12 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include <cstdlib>
-#include <ctime>
 #include <nlohmann/json.hpp>
 #include <string>
 
 #include "Presentation/Link.h"
+#include "ScopedEnvironment.h"
 
 namespace vimbrel::desktop {
 
@@ -57,24 +56,5 @@ inline nlohmann::json holding(const nlohmann::json& changes = nlohmann::json::ob
 inline Situation connectedTo(const nlohmann::json& state) {
   return {.link = LinkStatus::connected, .state = *publishedStateFromJson(state)};
 }
-
-/// The time zone of a test, whatever the machine's is.
-class InTimeZone {
- public:
-  explicit InTimeZone(const char* zone) {
-    if (const char* before = std::getenv("TZ")) before_ = before;
-    ::setenv("TZ", zone, 1);
-    ::tzset();
-  }
-  ~InTimeZone() {
-    before_.empty() ? ::unsetenv("TZ") : ::setenv("TZ", before_.c_str(), 1);
-    ::tzset();
-  }
-  InTimeZone(const InTimeZone&) = delete;
-  InTimeZone& operator=(const InTimeZone&) = delete;
-
- private:
-  std::string before_;
-};
 
 }  // namespace vimbrel::desktop

@@ -20,8 +20,6 @@ namespace {
 using nlohmann::json;
 using testing::Contains;
 using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsEmpty;
 using testing::Not;
 
 std::vector<MenuAction> actionsOf(const TrayItem& tray) {
@@ -45,9 +43,14 @@ TEST(PublishedState, survivesWhateverIsMissingOrOfAnotherType) {
       EXPECT_NO_FATAL_FAILURE((void)makePopoverContent({LinkStatus::connected, *read}, noon));
     }
   }
-  EXPECT_FALSE(publishedStateFromJson(json::object()));
-  EXPECT_FALSE(publishedStateFromJson(json::array()));
-  EXPECT_FALSE(publishedStateFromJson(published({{"decision", {{"sleepwalk", 1}}}})));
+  for (const auto& none : {json::object(), json::array(), published({{"decision", {{"sleepwalk", 1}}}})}) {
+    EXPECT_FALSE(publishedStateFromJson(none)) << none;
+  }
+  // An unreadable session costs only itself.
+  const auto state = *publishedStateFromJson(
+      holding({{"sessions",
+                {session("claude", "working", "a"), json{{"id", 3}}, session("codex", "waiting", "b")}}}));
+  EXPECT_EQ(displayStateOf(state, noon).totalActiveSessionsCount, 2);
 }
 
 TEST(Emblems, tellAgentsApartOnAnyTileAndKnowHosts) {
@@ -68,37 +71,15 @@ TEST(Emblems, tellAgentsApartOnAnyTileAndKnowHosts) {
       EXPECT_EQ(emblem.at(0, 0).alpha, 0) << "stepped corners";
     }
   }
-  for (const auto& [name, kind] :
-       std::initializer_list<std::pair<const char*, HostKind>>{{"Terminal", HostKind::terminal},
-                                                               {"org.kde.konsole", HostKind::terminal},
-                                                               {"tmux", HostKind::panes},
-                                                               {"Visual Studio Code", HostKind::editor},
-                                                               {"ssh: Terminal", HostKind::remote},
-                                                               {"", HostKind::window},
-                                                               {"Spreadsheet", HostKind::window}}) {
+  for (const auto& [name, kind] : {std::pair("org.kde.konsole", HostKind::terminal),
+                                   {"tmux", HostKind::panes},
+                                   {"Visual Studio Code", HostKind::editor},
+                                   {"ssh: Terminal", HostKind::remote},
+                                   {"Spreadsheet", HostKind::window}}) {
     EXPECT_EQ(hostKindOf(name), kind) << name;
   }
   EXPECT_EQ(agentOfHost("Cursor"), AgentType::cursor);
   EXPECT_EQ(agentOfHost("Terminal"), std::nullopt);
-}
-
-TEST(PublishedState, oneUnreadableSessionCostsOnlyItself) {
-  const auto state = *publishedStateFromJson(
-      holding({{"sessions",
-                {session("claude", "working", "a"), json{{"id", 3}}, session("codex", "waiting", "b")}}}));
-  ASSERT_EQ(state.sessions.size(), 2U);
-  const auto display = displayStateOf(state, noon);
-  EXPECT_EQ(display.activeWorkingAgentCount, 1);
-  EXPECT_EQ(display.totalActiveSessionsCount, 2);
-  EXPECT_DOUBLE_EQ(display.elapsedProtectionSeconds, 125);
-}
-
-TEST(PublishedState, aPauseThatIsOverIsNone) {
-  const auto state = *publishedStateFromJson(published({{"pauseUntil", iso(noon)}}));
-  EXPECT_FALSE(displayStateOf(state, noon).isPaused);
-  const auto earlier = displayStateOf(state, noon - Seconds(90));
-  EXPECT_TRUE(earlier.isPaused);
-  EXPECT_DOUBLE_EQ(*earlier.pauseRemainingSeconds, 90);
 }
 
 TEST(TrayItem, offersOnlyWhatCanBeDone) {
@@ -107,13 +88,18 @@ TEST(TrayItem, offersOnlyWhatCanBeDone) {
               ElementsAre(startApplication, open, quit));
   // A second start while the first is under way would only fail on the lock of the first.
   EXPECT_THAT(actionsOf(makeTrayItem({LinkStatus::starting, {}}, noon)), ElementsAre(open, quit));
-  const auto running = actionsOf(makeTrayItem(connectedTo(published()), noon));
-  EXPECT_THAT(running, Contains(pauseHour));
-  EXPECT_THAT(running, Not(Contains(resume)));
-  const auto paused =
-      actionsOf(makeTrayItem(connectedTo(published({{"pauseUntil", iso(noon + Seconds(60))}})), noon));
-  EXPECT_THAT(paused, Contains(resume));
-  EXPECT_THAT(paused, Not(Contains(pauseHour)));
+  for (const double left : {60.0, 0.0}) {
+    const auto paused = published({{"pauseUntil", iso(noon + Seconds(left))}});
+    const auto actions = actionsOf(makeTrayItem(connectedTo(paused), noon));
+    EXPECT_EQ(std::ranges::count(actions, resume), left > 0 ? 1 : 0);
+    EXPECT_EQ(std::ranges::count(actions, pauseHour), left > 0 ? 0 : 1);
+  }
+  for (const bool on : {false, true}) {
+    const auto settings = published({{"settings", {{"masterEnabled", on}, {"manualHoldEnabled", !on}}}});
+    const auto tray = makeTrayItem(connectedTo(settings), noon);
+    EXPECT_EQ(std::ranges::find(tray.menu, toggleMaster, &MenuEntry::action)->isChecked, on);
+    EXPECT_EQ(std::ranges::find(tray.menu, toggleManualHold, &MenuEntry::action)->isChecked, !on);
+  }
 }
 
 TEST(TrayItem, showsTheMoodTheCountAndWhatIsWrong) {
@@ -142,26 +128,14 @@ TEST(TrayItem, showsTheMoodTheCountAndWhatIsWrong) {
   EXPECT_EQ(absent.title, "Vimbrel is not running");
 }
 
-TEST(TrayItem, checksFollowTheSettings) {
-  for (const bool on : {false, true}) {
-    const auto tray = makeTrayItem(
-        connectedTo(published({{"settings", {{"masterEnabled", on}, {"manualHoldEnabled", !on}}}})), noon);
-    const auto checked = [&](MenuAction action) {
-      return std::ranges::find(tray.menu, action, &MenuEntry::action)->isChecked;
-    };
-    EXPECT_EQ(checked(MenuAction::toggleMaster), on);
-    EXPECT_EQ(checked(MenuAction::toggleManualHold), !on);
-  }
-}
-
 TEST(Popover, saysTheDecisionInAWordAndWhy) {
-  const InTimeZone zone("UTC");
+  const ScopedEnvironment zone{{"TZ", "UTC"}};
   const auto blocked = [](const char* block) {
     return published({{"decision", {{"blocked", {{"block", block}}}}}});
   };
   auto paused = blocked("Protection paused");
   paused["pauseUntil"] = iso(noon + Seconds(900));
-  struct Case {
+  const struct {
     json state;
     std::string title;
     std::string reason;
@@ -171,26 +145,21 @@ TEST(Popover, saysTheDecisionInAWordAndWhy) {
       {holding(), "Awake", "Claude Code working", Tone::good},
       {holding({{"assertions", {{"system", false}}}}), "Not held", "Claude Code working", Tone::bad},
       {paused, "Paused", "Until 12:15", Tone::warning},
-      {blocked(rawValue(SafetyBlock::batteryBelowFloor).data()), "Protection is off",
-       std::string(rawValue(SafetyBlock::batteryBelowFloor)), Tone::bad},
+      {blocked("Thermal critical safety cutoff"), "Protection is off", "Thermal critical safety cutoff",
+       Tone::bad},
       {blocked(rawValue(SafetyBlock::masterDisabled).data()), "Protection is off",
        std::string(rawValue(SafetyBlock::masterDisabled)), Tone::warning},
   };
-  for (const auto& each : cases) {
-    const auto content = makePopoverContent(connectedTo(each.state), noon);
-    EXPECT_EQ(content.title, each.title);
-    EXPECT_EQ(content.reason, each.reason);
-    EXPECT_EQ(content.tone, each.tone) << each.title;
-    EXPECT_EQ(content.countsFrom.has_value(),
-              each.state.contains("protectionStartedAt") && each.state["protectionStartedAt"].is_string());
+  for (const auto& [state, title, reason, tone] : cases) {
+    const auto content = makePopoverContent(connectedTo(state), noon);
+    EXPECT_EQ(content.title, title);
+    EXPECT_EQ(content.reason, reason);
+    EXPECT_EQ(content.tone, tone) << title;
+    EXPECT_EQ(content.countsFrom.has_value(), state["protectionStartedAt"].is_string()) << title;
   }
-}
-
-TEST(Popover, isTheSameWhileOnlyTimePassesUnderAMinute) {
   // What is equal is not drawn again: the running time is the view's business.
-  auto state = holding({{"sessions", json::array()}});
-  EXPECT_EQ(makePopoverContent(connectedTo(state), noon),
-            makePopoverContent(connectedTo(state), noon + Seconds(9)));
+  const auto still = connectedTo(holding({{"sessions", json::array()}}));
+  EXPECT_EQ(makePopoverContent(still, noon), makePopoverContent(still, noon + Seconds(9)));
 }
 
 TEST(Popover, showsAFamilyWithItsBudgetsHostsAndSessions) {
@@ -198,10 +167,7 @@ TEST(Popover, showsAFamilyWithItsBudgetsHostsAndSessions) {
     "context":{"type":"known","value":{"contextWindow":200000,"tokensConsumed":170000,"tokensRemaining":30000,
       "percentageRemaining":15.0,"percentageUsed":85.0},"confidence":1.0,"source":"log"},
     "quota":{"type":"known","value":{"percentageRemaining":45.0},"confidence":1.0,"source":"log"},
-    "sessionUsage":{"recordedAt":"2026-01-31T11:59:00Z"},"lastUpdated":"2026-01-31T11:59:00Z",
-    "lowBudgetAlert":{"level":"warning","metricType":"context","percentageRemaining":15.0,
-      "message":"Context window is low (15% remaining)"}
-})json");
+    "sessionUsage":{"recordedAt":"2026-01-31T11:59:00Z"},"lastUpdated":"2026-01-31T11:59:00Z"})json");
   auto first = session("claude", "working", "s1");
   first["cwd"] = "/srv/project";
   first["pid"] = 4711;
@@ -211,11 +177,7 @@ TEST(Popover, showsAFamilyWithItsBudgetsHostsAndSessions) {
       makePopoverContent(connectedTo(holding({{"sessions", {first, second}}, {"budgets", {report}}})), noon);
   ASSERT_EQ(content.families.size(), 1U);
   const auto& row = content.families.front();
-  EXPECT_EQ(row.name, "Claude Code");
-  EXPECT_EQ(row.state, "Working");
-  EXPECT_EQ(row.subtitle, "2 sessions active");
-  EXPECT_THAT(row.budget, HasSubstr("30k context left"));
-  EXPECT_EQ(row.alert, "Context window is low (15% remaining)");
+  EXPECT_EQ(row.name + ", " + row.state + ", " + row.subtitle, "Claude Code, Working, 2 sessions active");
   ASSERT_EQ(row.bars.size(), 2U);
   EXPECT_EQ(row.bars[0].text, "15 % left");
   EXPECT_TRUE(row.bars[0].isLow);
@@ -228,28 +190,25 @@ TEST(Popover, showsAFamilyWithItsBudgetsHostsAndSessions) {
 }
 
 TEST(Popover, powerLineTellsTheBatteryAgainstItsFloor) {
-  const auto lineFor = [](json power, json changes = json::object()) {
-    changes["power"] = std::move(power);
+  const auto lineFor = [](std::optional<int> percent, bool isOnAC, int floor = 15,
+                          json changes = json::object()) {
+    json power{{"isCharging", false}, {"isOnAC", isOnAC}, {"isLowPowerMode", false}};
+    if (percent) power["batteryPercent"] = *percent;
+    if (!isOnAC) power["timeRemainingMinutes"] = 190;
+    changes.update({{"power", power}, {"settings", {{"batteryFloorPercent", floor}}}});
     return makePowerLine(*publishedStateFromJson(published(changes)));
   };
-  const auto on = [](int percent, bool ac) {
-    return json{
-        {"batteryPercent", percent}, {"isCharging", false}, {"isOnAC", ac}, {"isLowPowerMode", false}};
-  };
-  EXPECT_EQ(lineFor(on(21, false)).powerTone, Tone::plain);
-  EXPECT_EQ(lineFor(on(20, false)).powerTone, Tone::warning);
-  EXPECT_EQ(lineFor(on(15, false)).powerTone, Tone::bad);
-  EXPECT_EQ(lineFor(on(15, true)).powerTone, Tone::plain);
-  EXPECT_EQ(lineFor(on(15, true)).power, "AC power, battery 15 %");
-  auto remaining = on(71, false);
-  remaining["timeRemainingMinutes"] = 190;
-  EXPECT_EQ(lineFor(remaining).power, "Battery 71 %, 3 h 10 min left");
-  const auto desktop = lineFor({{"isCharging", false}, {"isOnAC", true}, {"isLowPowerMode", false}});
-  EXPECT_EQ(desktop.power, "AC power");
-  EXPECT_FALSE(desktop.batteryPercent);
+  EXPECT_EQ(lineFor(21, false).powerTone, Tone::plain);
+  EXPECT_EQ(lineFor(20, false).powerTone, Tone::warning);
+  EXPECT_EQ(lineFor(15, false).powerTone, Tone::bad);
+  EXPECT_EQ(lineFor(15, true).powerTone, Tone::plain);
+  EXPECT_EQ(lineFor(15, true).power, "AC power, battery 15 %");
+  EXPECT_EQ(lineFor(71, false).power, "Battery 71 %, 3 h 10 min left");
+  EXPECT_EQ(lineFor({}, true).power, "AC power");
+  EXPECT_FALSE(lineFor({}, true).batteryPercent);
   // A floor beyond its bounds, written into the file by hand, is shown as the policy takes it.
-  EXPECT_EQ(lineFor(on(60, false), {{"settings", {{"batteryFloorPercent", 70}}}}).floorPercent, 50);
-  EXPECT_EQ(lineFor(on(80, true), {{"closedLid", {{"cover", "covered"}}}, {"lidClosed", true}}).lid,
+  EXPECT_EQ(lineFor(60, false, 70).floorPercent, 50);
+  EXPECT_EQ(lineFor(80, true, 15, {{"closedLid", {{"cover", "covered"}}}, {"lidClosed", true}}).lid,
             "Lid closed, may be closed");
 }
 
@@ -262,21 +221,19 @@ TEST(Popover, whenNothingRunsItOffersWhatHelps) {
 }
 
 TEST(Notch, namesWhatHappened) {
-  const auto textFor = [](const json& state) {
-    return makeNotchPill(*publishedStateFromJson(state), noon).text;
-  };
-  EXPECT_EQ(textFor(published()), "Sleep allowed");
-  EXPECT_EQ(textFor(holding()), "1 working");
-  EXPECT_EQ(
-      textFor(holding({{"sessions", {session("claude", "working", "a"), session("codex", "waiting", "b")}}})),
-      "1 working, 1 waiting");
-  EXPECT_EQ(textFor(holding({{"sessions", {session("codex", "waiting", "b")}}})),
-            "Codex CLI is waiting for you");
-  EXPECT_EQ(
-      textFor(holding({{"sessions", {session("codex", "waiting", "b"), session("claude", "waiting", "c")}}})),
-      "2 agents are waiting");
-  EXPECT_EQ(textFor(published({{"sessions", {session("aider", "completed", "d")}}})), "Aider is done");
-  EXPECT_EQ(textFor(holding({{"assertions", {{"system", false}}}})), "Not held awake");
+  const auto claudeWorks = session("claude", "working", "a");
+  const auto claudeWaits = session("claude", "waiting", "c");
+  const auto codexWaits = session("codex", "waiting", "b");
+  for (const auto& [state, text] : std::vector<std::pair<json, std::string>>{
+           {published(), "Sleep allowed"},
+           {holding({{"sessions", {claudeWorks, codexWaits}}}), "1 working, 1 waiting"},
+           {holding({{"sessions", {codexWaits}}}), "Codex CLI is waiting for you"},
+           {holding({{"sessions", {codexWaits, claudeWaits}}}), "2 agents are waiting"},
+           {published({{"sessions", {session("aider", "completed", "d")}}}), "Aider is done"},
+           {holding({{"assertions", {{"system", false}}}}), "Not held awake"},
+       }) {
+    EXPECT_EQ(makeNotchPill(*publishedStateFromJson(state), noon).text, text);
+  }
 }
 
 TEST(Notch, isThereForAWhileAfterAChangeAndNeverForever) {
@@ -304,18 +261,14 @@ TEST(Notch, isThereForAWhileAfterAChangeAndNeverForever) {
 }
 
 TEST(TimeText, tomorrowIsTheMorningAfterTheSleep) {
-  const InTimeZone zone("Europe/Berlin");
-  struct Case {
-    const char* now;
-    const char* morning;
-  } cases[] = {
-      {"2026-01-31T12:00:00Z", "2026-02-01T05:00:00Z"},  // midday
-      {"2026-01-31T00:30:00Z", "2026-01-31T05:00:00Z"},  // half past one at night
-      {"2026-01-31T03:30:00Z", "2026-02-01T05:00:00Z"},  // half past four: too soon to be meant
-      {"2026-03-28T20:00:00Z", "2026-03-29T04:00:00Z"},  // the night in which summer time begins
-  };
-  for (const auto& each : cases) {
-    EXPECT_EQ(iso(nextMorning(*parseIso8601(each.now))), each.morning) << each.now;
+  const ScopedEnvironment zone{{"TZ", "Europe/Berlin"}};
+  for (const auto& [now, morning] : {
+           std::pair("2026-01-31T12:00:00Z", "2026-02-01T05:00:00Z"),  // midday
+           {"2026-01-31T00:30:00Z", "2026-01-31T05:00:00Z"},           // half past one at night
+           {"2026-01-31T03:30:00Z", "2026-02-01T05:00:00Z"},           // half past four: too soon to be meant
+           {"2026-03-28T20:00:00Z", "2026-03-29T04:00:00Z"},  // the night in which summer time begins
+       }) {
+    EXPECT_EQ(iso(nextMorning(*parseIso8601(now))), morning) << now;
   }
   EXPECT_EQ(momentText(*parseIso8601("2026-02-01T05:00:00Z"), noon), "tomorrow, 06:00");
   EXPECT_EQ(momentText(*parseIso8601("2026-01-31T13:05:00Z"), noon), "14:05");
@@ -323,15 +276,10 @@ TEST(TimeText, tomorrowIsTheMorningAfterTheSleep) {
 
 TEST(TimeText, runningTime) {
   EXPECT_EQ(runningText(Seconds(-3)), "0:00");
-  EXPECT_EQ(runningText(Seconds(7.9)), "0:07");
-  EXPECT_EQ(runningText(Seconds(3725)), "1:02:05");
-  EXPECT_EQ(runningText(Seconds(3 * 86400 + 4 * 3600 + 65)), "3 d 4:01:05");
+  EXPECT_EQ(runningText(Seconds(3 * 86400 + 4 * 3600 + 65.9)), "3 d 4:01:05");
 }
 
-TEST(Text, valuesAreNeverTakenForMarks) {
-  EXPECT_EQ(say("%1 and %2, 100 %", {"%2", "b"}), "%2 and b, 100 %");
-  EXPECT_EQ(say("%9", {"a"}), "%9");
-  // Everything the tray shows of its own is looked up.
+TEST(TrayItem, looksUpEveryTextOfItsOwn) {
   const Situation absent{LinkStatus::absent, {}};
   CatalogueTexts texts;
   for (const auto& entry : makeTrayItem(absent, noon).menu) texts[entry.text] = "<" + entry.text + ">";
