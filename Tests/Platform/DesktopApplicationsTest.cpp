@@ -20,17 +20,14 @@ using std::chrono_literals::operator""s;
 TEST(DesktopEntry, readsTheNameOfTheLocaleAndTheCommand) {
   constexpr std::string_view text =
       "# comment\n[Desktop Entry]\nType = Application\r\nName=Plain\nName[de]=Deutsch\n"
-      "Name[de_AT@euro]=Euro\nName[fr]=Fran\xc3\xa7"
-      "ais\n"
+      "Name[de_AT@euro]=Euro\nName[fr]=Français\n"
       "Exec=\"/opt/My App/run \\\\\"x\\\\\"\" --flag=100%% %U plain\\sblank\nStartupWMClass=Win\n"
       "[Desktop Action New]\nName=Other\nExec=other\n";
   for (const auto& [locale, name] : {std::pair{"", "Plain"},
                                      {"C.UTF-8", "Plain"},
                                      {"de_DE.UTF-8", "Deutsch"},
                                      {"de_AT.UTF-8@euro", "Euro"},
-                                     {"fr",
-                                      "Fran\xc3\xa7"
-                                      "ais"},
+                                     {"fr", "Français"},
                                      {"it_IT", "Plain"}}) {
     const auto entry = parseDesktopEntry(text, locale);
     ASSERT_TRUE(entry) << locale;
@@ -42,21 +39,16 @@ TEST(DesktopEntry, readsTheNameOfTheLocaleAndTheCommand) {
 }
 
 TEST(DesktopEntry, refusesWhatIsNoApplicationWithAWindow) {
-  const std::string good = "[Desktop Entry]\nType=Application\nName=N\nExec=n\n";
+  const std::string nameless = "[Desktop Entry]\nType=Application\nExec=n\n";
+  const std::string good = nameless + "Name=N\n";
   ASSERT_TRUE(parseDesktopEntry(good, ""));
   for (const std::string& text :
        {std::string(), std::string("\xff\xfe\0x", 4), good + "Type=Link\n", good + "Terminal=true\n",
-        std::string("[Desktop Entry]\nType=Application\nExec=n\nName=\xff\n"),
-        std::string("[Desktop Entry]\nType=Application\nExec=n\nName=") + std::string(300, 'x') + "\n",
-        std::string("[Desktop Entry]\nType=Application\nExec=n\nName=a\\nb\n"),
-        std::string("[Desktop Entry]\nType=Application\nName=N\nExec=%f\n"), "[Other]\n" + good.substr(16),
+        nameless + "Name=\xff\n", nameless + "Name=" + std::string(300, 'x') + "\n",
+        nameless + "Name=a\\nb\n", good + "Exec=%f\n", "[Other]\n" + good.substr(16),
         good + std::string(maximumDesktopEntryBytes, '#')}) {
     EXPECT_FALSE(parseDesktopEntry(text, "")) << text.substr(0, 200);
   }
-  const auto many =
-      parseDesktopEntry(good + "Exec=" + std::string(100'000, 'a') + std::string(1000, ' ') + "b\n", "");
-  ASSERT_TRUE(many);
-  EXPECT_EQ(many->command.size(), 2U);
   std::string arguments = good + "Exec=";
   for (int i = 0; i < 500; ++i) arguments += "a ";
   EXPECT_LE(parseDesktopEntry(arguments, "")->command.size(), 64U);

@@ -10,6 +10,7 @@
 #include "ChildProcess.h"
 #include "Platform/Linux/ProcProcessList.h"
 #include "Platform/Linux/PsProcessList.h"
+#include "ScopedEnvironment.h"
 #include "Support/VirtualTime.h"
 
 namespace vimbrel {
@@ -50,34 +51,6 @@ std::string withoutWork(const std::string& command) {
   return command.substr(0, command.find_first_of("-+]"));
 }
 
-/// Compares the processes that were the same before and after the reference was taken.
-void expectSameAsPs(const std::vector<pid_t>& mustCompare) {
-  ::setenv("LC_ALL", "C.UTF-8", 1);
-  ListWorld world;
-  PsProcessList reference;
-  const auto before = world.list.readAll();
-  const auto expected = reference.readAll();
-  const auto after = world.list.readAll();
-  ASSERT_TRUE(before && expected && after);
-  const auto first = byPid(before);
-  const auto second = byPid(after);
-  std::size_t compared = 0;
-  for (const auto& [pid, command] : byPid(expected)) {
-    const auto ours = first.find(pid);
-    if (ours == first.end() || !second.contains(pid) || second.at(pid) != ours->second) continue;
-    EXPECT_EQ(withoutWork(ours->second), withoutWork(command)) << pid;
-    ++compared;
-  }
-  EXPECT_GE(compared, mustCompare.size() + 1);
-  EXPECT_TRUE(std::ranges::is_sorted(*before, {}, &ProcessEntry::pid));
-  std::size_t shown = 0;
-  for (const auto pid : mustCompare) {
-    EXPECT_EQ(first.contains(pid), byPid(expected).contains(pid)) << pid << " is shown by only one";
-    shown += first.contains(pid) ? 1 : 0;
-  }
-  EXPECT_EQ(shown, mustCompare.size() - 2) << "two of them show nothing but blanks";
-}
-
 TEST(ProcProcessList, givesTheLinesOfPsForWhateverProgramsShow) {
   const std::vector<std::string> arguments[] = {
       {"plain", "--with", "two words"},
@@ -102,12 +75,30 @@ TEST(ProcProcessList, givesTheLinesOfPsForWhateverProgramsShow) {
   for (const char* name : {"a b", "a)b( (", "[x]", "new\nline", "tab\t\\", "\xff\xc3\xa9", "\xc3\xa9", ""}) {
     children.emplace_back([name] { ::prctl(PR_SET_NAME, name); }).endUnreaped();
   }
-  std::vector<pid_t> pids;
-  for (const auto& child : children) pids.push_back(child.pid());
-  expectSameAsPs(pids);
 
+  const ScopedEnvironment utf8{{"LC_ALL", "C.UTF-8"}};
   ListWorld world;
-  EXPECT_EQ(byPid(world.list.readAll()).at(children.back().pid()), "[] <defunct>");
+  PsProcessList reference;
+  const auto before = world.list.readAll();
+  const auto expected = reference.readAll();
+  const auto after = world.list.readAll();
+  ASSERT_TRUE(before && expected && after);
+  EXPECT_TRUE(std::ranges::is_sorted(*before, {}, &ProcessEntry::pid));
+  const auto first = byPid(before);
+  const auto second = byPid(after);
+  const auto shown = byPid(expected);
+  for (const auto& [pid, command] : shown) {
+    // Others may have come, gone or changed while the reference was taken.
+    if (!first.contains(pid) || !second.contains(pid) || second.at(pid) != first.at(pid)) continue;
+    EXPECT_EQ(withoutWork(first.at(pid)), withoutWork(command)) << pid;
+  }
+  std::size_t listed = 0;
+  for (const auto& child : children) {
+    EXPECT_EQ(first.contains(child.pid()), shown.contains(child.pid())) << "only one shows " << child.pid();
+    listed += first.contains(child.pid()) ? 1 : 0;
+  }
+  EXPECT_EQ(listed, children.size() - 2) << "two of them show nothing but blanks";
+  EXPECT_EQ(first.at(children.back().pid()), "[] <defunct>");
 }
 
 TEST(ProcProcessList, seesAFreshProcessThatExecsWithinTwoScans) {
@@ -121,8 +112,7 @@ TEST(ProcProcessList, seesAFreshProcessThatExecsWithinTwoScans) {
 
 TEST(ProcProcessList, seesAnOldProcessThatExecsWithinFifteenSecondsAlsoWhenNothingElseHappens) {
   ListWorld world;
-  std::vector<ChildProcess> crowd(40);
-  ChildProcess child;
+  const std::vector<ChildProcess> crowd(40);
   world.scans(40);
   for (const int quietSeconds : {0, 3, 7, 12}) {
     world.scans(quietSeconds);
@@ -138,27 +128,19 @@ TEST(ProcProcessList, seesAnOldProcessThatExecsWithinFifteenSecondsAlsoWhenNothi
 
 TEST(ProcProcessList, forgetsAProcessAtTheNextScanAfterItsEndAndKeepsAZombiesLine) {
   ListWorld world;
-  ChildProcess child([] { ::prctl(PR_SET_NAME, "sought-name"); });
-  child.exec({"sought"});
-  EXPECT_EQ(world.scan(child.pid()), "sought");
-  const auto pid = child.pid();
-  child.end();
-  EXPECT_EQ(world.scan(pid), std::nullopt);
-
   // A program's file name is its name, so only one that is sought leaves a zombie that is.
   const auto link = "/tmp/sought-" + std::to_string(::getpid());
   ASSERT_EQ(::symlink(PATIENT_PROGRAM, link.c_str()), 0);
-  ChildProcess second;
-  second.exec({"sought"}, link);
+  ChildProcess child;
+  child.exec({"sought"}, link);
   ::unlink(link.c_str());
-  EXPECT_EQ(world.scan(second.pid()), "sought");
-  second.endUnreaped();
-  const auto zombie = world.scan(second.pid());
-  ASSERT_TRUE(zombie);
-  EXPECT_TRUE(zombie->starts_with("[sought-") && zombie->ends_with("] <defunct>")) << *zombie;
-  const auto gone = second.pid();
-  second.end();
-  EXPECT_EQ(world.scan(gone), std::nullopt);
+  EXPECT_EQ(world.scan(child.pid()), "sought");
+  child.endUnreaped();
+  const auto zombie = world.scan(child.pid()).value_or("");
+  EXPECT_TRUE(zombie.starts_with("[sought-") && zombie.ends_with("] <defunct>")) << zombie;
+  const auto pid = child.pid();
+  child.end();
+  EXPECT_EQ(world.scan(pid), std::nullopt);
 }
 
 TEST(ProcProcessList, returnsTheSamePointerWhileNothingRelevantChanges) {
