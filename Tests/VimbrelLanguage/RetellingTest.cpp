@@ -84,20 +84,6 @@ TEST(Retelling, everySentenceOfTheGermanCatalogueIsKnownAgain) {
   });
   EXPECT_GT(patterns, 80);
 }
-
-TEST(Retelling, decisionsInGerman) {
-  const auto catalogue = Catalogue::open(GERMAN_CATALOGUE);
-  ASSERT_TRUE(catalogue) << catalogue.error();
-  const Retelling retelling(*catalogue);
-  EXPECT_EQ(retelling.retell("Active (2 working agents) — Claude Code, Codex CLI working"),
-            "Aktiv (2 arbeitende Agenten) – Claude Code, Codex CLI bei der Arbeit");
-  EXPECT_EQ(retelling.retell("Active (1 working agent) — Running make"),
-            "Aktiv (1 arbeitender Agent) – make läuft");
-  EXPECT_EQ(retelling.retell("Safety blocked: Battery level below safety cutoff"),
-            "Aus Sicherheit gesperrt: Akku unter der Sicherheitsgrenze");
-  EXPECT_EQ(retelling.retell("charge unknown on AC power, charging, floor 15 %, cut off until 18 %"),
-            "Ladestand unbekannt im Netzbetrieb, lädt, Untergrenze 15 %, abgeschaltet bis 18 %");
-}
 #endif
 
 }  // namespace
