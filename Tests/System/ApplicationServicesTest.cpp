@@ -7,141 +7,47 @@
 #include <fstream>
 #include <nlohmann/json.hpp>
 
-#include "AgentMonitoring/Hooks/DirectHookReceiver.h"
-#include "CapturedLog.h"
+#include "ApplicationWorld.h"
 #include "Platform/Linux/LinuxLoginItem.h"
-#include "Platform/Simulated/SimulatedMachine.h"
 #include "Support/AtomicFile.h"
-#include "Support/VirtualTime.h"
-#include "System/Application.h"
 #include "System/BudgetNotices.h"
-#include "TemporaryDirectory.h"
 
 namespace vimbrel {
 namespace {
 
-using namespace std::chrono_literals;
 using testing::HasSubstr;
 
-struct Center final : NotificationCenter {
-  bool isAvailable() override { return available; }
-  void requestAuthorization(std::function<void(const std::expected<bool, std::string>&)> answer) override {
-    answer(true);
-  }
-  void post(const Notification& notification, Completion completion) override {
-    posted.push_back(notification);
-    completion({});
-  }
-  bool available = true;
-  std::vector<Notification> posted;
-};
-
-struct Sounds final : SoundPlayer {
-  bool play(std::string_view name) override {
-    played += name;
-    return known;
-  }
-  void beep() override { played += "beep"; }
-  bool known = true;
-  std::string played;
-};
-
-struct Keys final : KeyShortcut {
-  std::expected<Token, std::string> watch(std::function<void()> handler) override {
-    if (!refusal.empty()) return std::unexpected(refusal);
-    ++watching;
-    pressed = std::move(handler);
-    return Token{[this] { --watching; }};
-  }
-  std::string refusal;
-  int watching = 0;
-  std::function<void()> pressed;
-};
-
-struct Item final : LoginItem {
-  LoginItemStatus status() override { return state; }
-  std::expected<void, std::string> registerItem() override {
-    ++calls;
-    if (fails) return std::unexpected("read-only file system");
-    state = LoginItemStatus::enabled;
-    return {};
-  }
-  std::expected<void, std::string> unregisterItem() override {
-    ++calls;
-    state = LoginItemStatus::notRegistered;
-    return {};
-  }
-  LoginItemStatus state = LoginItemStatus::notRegistered;
-  bool fails = false;
-  int calls = 0;
-};
-
-struct ApplicationServices : testing::Test {
-  CapturedLog quiet;
-  TemporaryDirectory directory;
-  VirtualTime time{instantFromUnixSeconds(1'800'000'000)};
-  SimulatedMachine machine{time.mainQueue(), SimulatedWorld{}};
-  std::shared_ptr<DirectHookReceiver> receiver = std::make_shared<DirectHookReceiver>(time, time);
-  std::shared_ptr<Center> center = std::make_shared<Center>();
-  std::shared_ptr<Sounds> sounds = std::make_shared<Sounds>();
-  std::shared_ptr<Keys> keys = std::make_shared<Keys>();
-  std::shared_ptr<Item> item = std::make_shared<Item>();
-  std::optional<Application> application;
-
-  void open() {
-    auto platform = machine.services();
-    platform.notificationCenter = center;
-    platform.soundPlayer = sounds;
-    platform.keyShortcut = keys;
-    platform.loginItem = item;
-    platform.describeSystem = [] { return std::string("Test OS 1"); };
-    platform.listAssertions = [] { return std::string("nothing\n"); };
-    application.emplace(std::move(platform), time, time,
-                        ApplicationDirectories{directory.path(), directory.path(), directory.path()},
-                        ApplicationOptions{.hookReceiver = receiver});
-    application->start();
-    time.runReady();
-  }
-  void hook(AgentState state) {
-    HookEvent event;
-    event.agent = AgentType::claude;
-    event.sessionId = "s1";
-    event.state = state;
-    event.timestamp = time.now();
-    receiver->send(event.toJSONData());
-    time.runReady();
-  }
-};
+using ApplicationServices = ApplicationWorld;
 
 TEST_F(ApplicationServices, toggleTheMasterSwitchAtEachPressAndStopListeningAtTheEnd) {
-  open();
+  launch();
   keys->pressed();
-  EXPECT_TRUE(application->settings().masterEnabled()) << "later, on the main queue";
+  EXPECT_TRUE(settings().masterEnabled()) << "later, on the main queue";
   time.runReady();
-  EXPECT_FALSE(application->settings().masterEnabled());
-  EXPECT_TRUE(application->coordinator().currentDecision().get().isBlocked());
+  EXPECT_FALSE(settings().masterEnabled());
+  EXPECT_TRUE(coordinator().currentDecision().get().isBlocked());
   keys->pressed();
   time.runReady();
-  EXPECT_TRUE(application->settings().masterEnabled());
+  EXPECT_TRUE(settings().masterEnabled());
   application->stop();
   EXPECT_EQ(keys->watching, 0);
 }
 
 TEST_F(ApplicationServices, pauseForAnHourFromTheNotice) {
-  open();
+  launch();
   hook(AgentState::working);
   ASSERT_EQ(center->posted.size(), 1U);
   center->onAction("vimbrel.started", center->posted[0].actions.at(0).key);
   time.runReady();
-  EXPECT_EQ(application->settings().pauseUntil(), time.now() + Seconds{3600});
-  EXPECT_FALSE(application->coordinator().currentDecision().get().isHolding());
+  EXPECT_EQ(settings().pauseUntil(), time.now() + Seconds{3600});
+  EXPECT_FALSE(isHolding());
 }
 
 TEST_F(ApplicationServices, keepTheLoginItemAndItsSettingTheSame) {
   item->state = LoginItemStatus::enabled;
-  open();
-  EXPECT_TRUE(application->settings().launchAtLogin()) << "the truth lies with the item";
-  ASSERT_TRUE(application->settings().setLaunchAtLogin(false));
+  launch();
+  EXPECT_TRUE(settings().launchAtLogin()) << "the truth lies with the item";
+  ASSERT_TRUE(settings().setLaunchAtLogin(false));
   time.runReady();
   EXPECT_EQ(item->state, LoginItemStatus::notRegistered);
   std::ofstream(directory.file("com.vimbrel.app/settings.json")) << R"({"launchAtLogin":true})";
@@ -150,14 +56,14 @@ TEST_F(ApplicationServices, keepTheLoginItemAndItsSettingTheSame) {
   EXPECT_EQ(item->state, LoginItemStatus::enabled) << "an edit of the file counts as well";
   application.reset();
   item->state = LoginItemStatus::requiresApproval;
-  open();
+  launch();
   EXPECT_EQ(item->state, LoginItemStatus::requiresApproval)
       << "what the user switched off elsewhere stays off";
 }
 
 TEST_F(ApplicationServices, noticeAndChimeAsTheirSettingsSay) {
-  open();
-  ASSERT_TRUE(application->settings().setReleaseDelaySeconds(0));
+  launch();
+  ASSERT_TRUE(settings().setReleaseDelaySeconds(0));
   // What is heard of the start of a hold, and how many notices are seen.
   const auto start = [&] {
     hook(AgentState::completed);
@@ -172,15 +78,15 @@ TEST_F(ApplicationServices, noticeAndChimeAsTheirSettingsSay) {
   center->available = false;
   EXPECT_EQ(start(), "Herobeep 0") << "without a service the chime still plays";
   center->available = true;
-  ASSERT_TRUE(application->settings().setSoundEnabled(false));
+  ASSERT_TRUE(settings().setSoundEnabled(false));
   EXPECT_EQ(start(), " 1");
-  ASSERT_TRUE(application->settings().setNotificationsEnabled(false));
-  ASSERT_TRUE(application->settings().setSoundEnabled(true));
+  ASSERT_TRUE(settings().setNotificationsEnabled(false));
+  ASSERT_TRUE(settings().setSoundEnabled(true));
   EXPECT_EQ(start(), " 0");
 }
 
 TEST_F(ApplicationServices, exportDiagnosticsThatReadBackTheSame) {
-  open();
+  launch();
   hook(AgentState::waiting);
   const auto text = application->exportDiagnosticsJSON();
   const auto report = DiagnosticsExporter::parse(text);

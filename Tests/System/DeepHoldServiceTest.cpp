@@ -103,6 +103,15 @@ TEST_F(DeepHoldLoop, tellsOfARefusalAndOfItsEndThoughTheStatusStaysTheSame) {
   EXPECT_EQ(told, 2);
 }
 
+TEST_F(DeepHoldLoop, cutsTheHoldWithinOneEvaluationForSafety) {
+  for (const auto block : {SafetyBlock::batteryBelowFloor, SafetyBlock::thermalCritical}) {
+    evaluate(deepHold);
+    (void)askedFor();
+    evaluate(WakeDecision::blocked(block));
+    EXPECT_THAT(askedFor(), ElementsAre("release"));
+  }
+}
+
 TEST_F(DeepHoldLoop, letsTheLeaseRunOutWhenTheHoldGoesOnWithoutTheLid) {
   evaluate(deepHold);
   evaluate(shallowHold);
