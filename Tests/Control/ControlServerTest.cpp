@@ -211,23 +211,6 @@ TEST(ControlServer, aPeerThatReadsNothingHoldsNobodyUpAndCostsOneAnswer) {
   }
 }
 
-TEST(ControlServer, refusesConnectionsAboveItsLimitAndTakesNewOnesAfterwards) {
-  RunningServer server({.maximumConnections = 3});
-  {
-    std::vector<ControlClient> clients;
-    for (int i = 0; i < 3; ++i) {
-      clients.push_back(server.client());
-      ASSERT_TRUE(clients.back().call("echo", json::object()));
-    }
-    auto refused = server.client();
-    const auto answer = refused.call("echo", json::object());
-    ASSERT_FALSE(answer);
-    EXPECT_EQ(answer.error().code, -32001);
-  }
-  ASSERT_TRUE(eventually([&] { return server.connections() == 0; }));
-  EXPECT_TRUE(server.client().call("echo", json::object()));
-}
-
 TEST(ControlServer, answersLateWhetherTheClientHasGoneOnOrAway) {
   RunningServer server;
   auto client = server.client();

@@ -7,7 +7,6 @@
 #include "CapturedLog.h"
 #include "Control/AgentMethods.h"
 #include "Control/DeepHoldMethods.h"
-#include "Control/DoctorMethods.h"
 #include "Control/HistoryMethods.h"
 #include "Control/ProtectionMethods.h"
 #include "Control/SettingsMethods.h"
@@ -60,7 +59,6 @@ struct ControlMethods : testing::Test {
     addSettingsMethods(server, application);
     addProtectionMethods(server, application);
     addHistoryMethods(server, application);
-    addDoctorMethods(server, application);
     addUsageMethods(server, {}, world.time(), world.time().mainQueue());
     agents = addAgentMethods(server, application, world.time().mainQueue(), "");
   }
@@ -147,15 +145,6 @@ TEST_F(ControlMethods, boundTheHoldsOfAConnection) {
   const json params{{"command", "make"}, {"seconds", 5}};
   for (int i = 0; i < 64; ++i) EXPECT_FALSE(ask("holdWhile", params).contains("code")) << i;
   EXPECT_TRUE(ask("holdWhile", params).contains("code"));
-}
-
-TEST_F(ControlMethods, tryTheHelperOutForTheDoctor) {
-  const auto answer = ask("doctor");
-  const auto finding = std::ranges::find_if(answer["findings"],
-                                            [](const json& each) { return each["subject"] == "closed lid"; });
-  ASSERT_NE(finding, answer["findings"].end());
-  EXPECT_EQ((*finding)["explanation"], "the system's helper covers the lid when it is asked to");
-  EXPECT_EQ(stateAfter(6s)["closedLid"]["cover"], "notNeeded");
 }
 
 TEST_F(ControlMethods, sayWhatIsWrongWithTheirParameters) {
