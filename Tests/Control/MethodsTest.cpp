@@ -157,7 +157,7 @@ TEST_F(ControlMethods, sayWhatIsWrongWithTheirParameters) {
     json params;
     const char* says;
   };
-  const std::vector<Row> rows{
+  std::vector<Row> rows{
       {"pause", {{"seconds", "60"}}, "\"seconds\" is not a number"},
       {"pause", json::object(), "give either \"seconds\" or \"until\""},
       {"pause", {{"seconds", 60}, {"until", in(60)}}, "give either \"seconds\" or \"until\""},
@@ -175,13 +175,11 @@ TEST_F(ControlMethods, sayWhatIsWrongWithTheirParameters) {
       {"holdWhile", hold("make", 1e9), "\"seconds\""},
       {"history", {{"since", 7}}, "\"since\" is not a string"},
       {"history", {{"until", "monday"}}, "ISO 8601 times"},
-      {"usage.report", {{"by", 7}}, "\"by\" is not a string"},
       {"usage.report", {{"by", "yearly"}}, "\"by\" is one of"},
       {"usage.report", {{"timezone", "Europe/Atlantis"}}, "there is no time zone Europe/Atlantis"},
       {"usage.report", {{"since", "monday"}}, "since takes a day such as 2026-01-31"},
       {"usage.report", {{"until", "2026-02-30"}}, "until takes a day such as 2026-01-31"},
       {"usage.report", {{"agent", "oracle"}}, "there is no agent oracle"},
-      {"usage.export", {{"format", 1}}, "\"format\" is not a string"},
       {"usage.export", {{"format", "xml"}}, "\"format\" is one of json, prometheus, otlp-json"},
       {"usage.import", {{"all", "yes"}}, "\"all\" is not"},
       {"budgets.set", {{"amountUSD", 1}}, "\"period\" is missing"},
@@ -189,24 +187,18 @@ TEST_F(ControlMethods, sayWhatIsWrongWithTheirParameters) {
       {"statusLine.report", {{"agent", "claude"}, {"costUSD", "1"}}, "\"costUSD\" is not a number"},
       {"statusLine.report", {{"agent", "oracle"}}, "there is no such agent"},
       {"agents", {{"environment", 7}}, "\"environment\" is an object of texts"},
-      {"agents", {{"environment", {{"PATH", 7}}}}, "\"environment\" is an object of texts"},
-      {"agents.setup", {{"agent", 7}}, "\"agent\" is not a string"},
       {"agents.setup", {{"agent", "oracle"}}, "there is no such agent"},
       {"agents.setup", {{"agent", "claude"}, {"environment", {{"PATH", 7}}}}, "an object of texts"},
       {"agents.setup", {{"agent", "claude"}}, "vimbrel-relay is not installed beside this Vimbrel"},
-      {"agents.trial", {{"session", 7}}, "\"session\" is not a string"},
       {"agents.trial", {{"session", ""}}, "1 to 200 bytes"},
       {"agents.trial", {{"session", std::string(201, 's')}}, "1 to 200 bytes"},
       {"agents.trial", {{"session", "known"}}, "there is such a session already"},
-      {"usage.today", json::object(), "usage is not recorded"},
-      {"usage.report", json::object(), "usage is not recorded"},
-      {"usage.export", json::object(), "usage is not recorded"},
-      {"usage.reset", json::object(), "usage is not recorded"},
-      {"usage.import", json::object(), "usage is not recorded"},
-      {"usage.importState", json::object(), "usage is not recorded"},
-      {"budgets", json::object(), "usage is not recorded"},
       {"statusLine.report", {{"agent", "claude"}}, "usage is not recorded"},
   };
+  for (const auto* method : {"usage.today", "usage.report", "usage.export", "usage.reset", "usage.import",
+                             "usage.importState", "budgets"}) {
+    rows.push_back({method, json::object(), "usage is not recorded"});
+  }
   world.hook(AgentType::claude, AgentState::idle, "known");
   world.settle();
   for (const auto& [method, params, says] : rows) {

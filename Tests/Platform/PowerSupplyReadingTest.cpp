@@ -10,7 +10,6 @@
 
 #include "Platform/Linux/BusConnection.h"
 #include "Platform/Linux/LinuxLidSwitch.h"
-#include "Platform/Linux/ThermalZones.h"
 #include "Support/VirtualTime.h"
 #include "TemporaryDirectory.h"
 
@@ -72,7 +71,7 @@ TEST(PowerSupplies, becomeOneDescription) {
     const TemporaryDirectory directory;
     for (const auto& files : supplies) write(directory.path(), files);
     const auto combined = combinePowerSupplies(readPowerSupplies(directory.path()));
-    std::string read = combined ? combined->powerSourceState : "none";
+    std::string read = combined ? combined->powerSourceState.value_or("unknown") : "none";
     if (combined && combined->currentCapacity) {
       const auto whole = static_cast<double>(combined->maxCapacity.value_or(100));
       read += " " +
@@ -82,34 +81,6 @@ TEST(PowerSupplies, becomeOneDescription) {
     if (combined && combined->isCharging.value_or(false)) read += " charging";
     EXPECT_EQ(read, description) << name;
   }
-}
-
-TEST(ThermalZones, goByTheirOwnTripPoints) {
-  const TemporaryDirectory directory;
-  VirtualTime time(instantFromUnixSeconds(0));
-  const auto zone = directory.file("class/thermal/thermal_zone0");
-  write(zone, {{"type", "x86_pkg_temp"},
-               {"temp", "40000"},
-               {"trip_point_0_type", "passive"},
-               {"trip_point_0_temp", "90000"},
-               {"trip_point_1_type", "critical"},
-               {"trip_point_1_temp", "105000"}});
-  write(directory.file("class/thermal/thermal_zone1"),
-        {{"temp", "99000"}});  // without trip points it says nothing
-  ThermalZones zones(time.mainQueue(), directory.path());
-  EXPECT_EQ(zones.level(), 0);
-  int changes = 0;
-  const auto watch = zones.watch([&] { ++changes; });
-  write(zone, {{"temp", "106000"}});
-  time.advance(std::chrono::seconds{30});
-  EXPECT_EQ(zones.level(), 3);
-  EXPECT_EQ(changes, 1);
-  write(zone, {{"temp", "40000"}});
-  time.advance(std::chrono::seconds{30});
-  EXPECT_EQ(zones.level(), 0);
-  EXPECT_EQ(changes, 2);
-  time.advance(std::chrono::seconds{60});
-  EXPECT_EQ(changes, 2);
 }
 
 TEST(LidSwitch, isReadFromTheKernelAndReported) {

@@ -4,7 +4,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/file.h>
-#include <sys/stat.h>
 
 #include <barrier>
 #include <chrono>
@@ -17,24 +16,6 @@
 
 namespace vimbrel {
 namespace {
-
-TEST(UnixSocket, replacesAStaleSocketButNotAServedOne) {
-  const TemporaryDirectory directory;
-  const auto path = directory.file("s");
-  {
-    const auto crashed = listenOnUnixSocket(path, 0600, 4);
-    ASSERT_TRUE(crashed);
-  }
-  ASSERT_TRUE(std::filesystem::exists(path));
-  const auto listener = listenOnUnixSocket(path, 0600, 4);
-  ASSERT_TRUE(listener) << listener.error().text();
-  struct stat status{};
-  ASSERT_EQ(stat(path.c_str(), &status), 0);
-  EXPECT_EQ(status.st_mode & 0777U, 0600U);
-  const auto second = listenOnUnixSocket(path, 0600, 4);
-  ASSERT_FALSE(second);
-  EXPECT_EQ(second.error().fault, SocketFault::alreadyServed);
-}
 
 /// Stands in for another user, who can open a directory such as /run and lock it.
 TEST(UnixSocket, isMadeWhoeverHasLockedItsDirectory) {

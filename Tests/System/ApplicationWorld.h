@@ -57,7 +57,6 @@ struct Item final : LoginItem {
   LoginItemStatus status() override { return state; }
   std::expected<void, std::string> registerItem() override {
     ++calls;
-    if (fails) return std::unexpected("read-only file system");
     state = LoginItemStatus::enabled;
     return {};
   }
@@ -67,7 +66,6 @@ struct Item final : LoginItem {
     return {};
   }
   LoginItemStatus state = LoginItemStatus::notRegistered;
-  bool fails = false;
   int calls = 0;
 };
 

@@ -101,19 +101,17 @@ TEST(Say, speaksTheCatalogueWhereItKnowsTheTextAndEnglishElsewhere) {
                        {"%1 fish\0%1 fishes"s, "ein Fisch\0%1 Fische"s},
                        {"weekday\x04Mon", "Mo"},
                        {"date\x04%1 %2 %3", "%1, %2. %3"}}));
-  EXPECT_EQ(say("%1 left of %2", {"%2", "9"}), "von 9 noch %2");
+  EXPECT_EQ(say("%1 left of %2", {"%2", "9"}), "von 9 noch %2") << "a value is no mark";
   EXPECT_EQ(say("unknown %1", {"x"}), "unknown x");
   EXPECT_EQ(say(""), "") << "the header is no text";
   EXPECT_EQ(sayCount(1, "%1 fish", "%1 fishes"), "ein Fisch");
-  EXPECT_EQ(sayCount(5, "%1 fish", "%1 fishes"), "5 Fische");
   EXPECT_EQ(sayCount(5, "%1 cat", "%1 cats"), "5 cats");
   EXPECT_EQ(shortDate(std::chrono::year(2026) / 3 / 2), "Mo, 2. Mar");
   {
     const InEnglish english;
     EXPECT_EQ(sayCount(1, "%1 fish", "%1 fishes"), "1 fish");
-    EXPECT_EQ(weekdayName(std::chrono::Monday), "Mon");
   }
-  EXPECT_EQ(weekdayName(std::chrono::Monday), "Mo");
+  EXPECT_EQ(sayCount(5, "%1 fish", "%1 fishes"), "5 Fische");
   speak(nullptr);
   EXPECT_EQ(say("%1 left of %2", {"1", "9"}), "1 left of 9");
 }

@@ -17,7 +17,6 @@ TEST(UserLanguage, isChosenAsTheEnvironmentSays) {
   } cases[] = {
       {"nothing is set", {}, {}},
       {"a usual desktop", {.lang = "de_DE.UTF-8"}, {"de_DE", "de"}},
-      {"without an encoding", {.lang = "de"}, {"de"}},
       {"messages differ from the rest", {.lcMessages = "C", .lang = "de_DE.UTF-8"}, {}},
       {"all of it overridden",
        {.lcAll = "de_AT.utf8", .lcMessages = "C", .lang = "fr_FR.UTF-8"},
@@ -27,9 +26,7 @@ TEST(UserLanguage, isChosenAsTheEnvironmentSays) {
       {"English is in the list", {.lang = "de_DE.UTF-8", .language = "fr:en:de"}, {"fr"}},
       {"English first", {.lang = "de_DE.UTF-8", .language = "en_GB:de"}, {}},
       {"no language, but an encoding", {.lang = "C.UTF-8", .language = "de"}, {"de"}},
-      {"no language at all", {.lang = "C", .language = "de"}, {}},
       {"no language at all", {.lcAll = "POSIX", .language = "de"}, {}},
-      {"C with an encoding alone", {.lang = "C.UTF-8"}, {}},
       {"English", {.lang = "en_US.UTF-8"}, {}},
       {"English with a list", {.lang = "en_US.UTF-8", .language = "de"}, {"de"}},
       {"an encoding without all letters", {.lang = "de_DE.ISO-8859-1"}, {}},
