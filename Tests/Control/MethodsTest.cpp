@@ -85,7 +85,7 @@ struct ControlMethods : testing::Test {
   }
 };
 
-TEST_F(ControlMethods, showRowsMoodBudgetsAlertsAndTheHelper) {
+TEST_F(ControlMethods, showRowsBudgetsAndTheHelper) {
   world.hook(AgentType::claude, AgentState::working, "a");
   world.run(1s);
   world.hook(AgentType::claude, AgentState::waiting, "b");
@@ -93,15 +93,11 @@ TEST_F(ControlMethods, showRowsMoodBudgetsAlertsAndTheHelper) {
   const auto state = stateAfter(6s);
   ASSERT_EQ(state["agentFamilies"].size(), 2U) << "one at work, one with a recent budget";
   const auto& claude = state["agentFamilies"][0];
-  EXPECT_EQ(claude["aggregateState"], "working");
   EXPECT_EQ(claude["sessions"], json({"b", "a"})) << "newest first; the sessions stand in \"sessions\"";
   EXPECT_EQ(claude["hosts"][0]["id"], "claude_Terminal");
-  const auto& codex = state["agentFamilies"][1];
-  EXPECT_EQ(codex["lowBudgetAlert"]["level"], "critical");
-  EXPECT_EQ(codex["budgetSummaryLine"], state["budgets"][0]["idleSummaryLine"]);
+  EXPECT_EQ(state["agentFamilies"][1]["lowBudgetAlert"], state["lowBudgetAlerts"]["codex"]);
   EXPECT_EQ(state["lowBudgetAlerts"]["codex"]["metricType"], "quota");
   EXPECT_EQ(state["budgets"][0]["quota"]["value"]["percentageRemaining"], 8.0);
-  EXPECT_EQ(state["visualState"], "working");
   EXPECT_EQ(state["helperStatus"]["isDeepHoldActive"], true);
 }
 
@@ -167,9 +163,7 @@ TEST_F(ControlMethods, sayWhatIsWrongWithTheirParameters) {
       {"pause", {{"until", in(4e7)}}, "in the future, within a year"},
       {"hold", {{"on", 1}}, "\"on\" is not"},
       {"holdWhile", {{"command", "make"}, {"seconds", 60}, {"lid", "yes"}}, "\"lid\" is not"},
-      {"holdWhile", {{"command", "make"}}, "\"seconds\""},
       {"holdWhile", hold("", 5), "\"command\""},
-      {"holdWhile", hold(7, 5), "\"command\""},
       {"holdWhile", hold(std::string(201, 'x'), 5), "\"command\""},
       {"holdWhile", hold("make", 0), "\"seconds\""},
       {"holdWhile", hold("make", 1e9), "\"seconds\""},
@@ -181,16 +175,13 @@ TEST_F(ControlMethods, sayWhatIsWrongWithTheirParameters) {
       {"usage.report", {{"until", "2026-02-30"}}, "until takes a day such as 2026-01-31"},
       {"usage.report", {{"agent", "oracle"}}, "there is no agent oracle"},
       {"usage.export", {{"format", "xml"}}, "\"format\" is one of json, prometheus, otlp-json"},
-      {"usage.import", {{"all", "yes"}}, "\"all\" is not"},
       {"budgets.set", {{"amountUSD", 1}}, "\"period\" is missing"},
-      {"budgets.remove", json::object(), "\"period\" is missing"},
       {"statusLine.report", {{"agent", "claude"}, {"costUSD", "1"}}, "\"costUSD\" is not a number"},
       {"statusLine.report", {{"agent", "oracle"}}, "there is no such agent"},
       {"agents", {{"environment", 7}}, "\"environment\" is an object of texts"},
       {"agents.setup", {{"agent", "oracle"}}, "there is no such agent"},
       {"agents.setup", {{"agent", "claude"}, {"environment", {{"PATH", 7}}}}, "an object of texts"},
       {"agents.setup", {{"agent", "claude"}}, "vimbrel-relay is not installed beside this Vimbrel"},
-      {"agents.trial", {{"session", ""}}, "1 to 200 bytes"},
       {"agents.trial", {{"session", std::string(201, 's')}}, "1 to 200 bytes"},
       {"agents.trial", {{"session", "known"}}, "there is such a session already"},
       {"statusLine.report", {{"agent", "claude"}}, "usage is not recorded"},

@@ -122,16 +122,5 @@ TEST(AtomicFile, readingRefusesWhatIsNoPlainFileOfBoundedSize) {
   EXPECT_EQ(*readFile(directory.file("data"), 5), "12345");
 }
 
-TEST(AtomicFile, createsMissingDirectoriesOnly) {
-  const TemporaryDirectory directory;
-  ASSERT_TRUE(createDirectories(directory.file("a/b/c")));
-  ASSERT_TRUE(createDirectories(directory.file("a/b/c")));
-  struct stat status{};
-  ASSERT_EQ(stat(directory.file("a/b").c_str(), &status), 0);
-  EXPECT_EQ(status.st_mode & 07777U, 0700U);
-  ASSERT_TRUE(replaceFile(directory.file("file"), ""));
-  EXPECT_EQ(createDirectories(directory.file("file/x")).error().code, ENOTDIR);
-}
-
 }  // namespace
 }  // namespace vimbrel
