@@ -73,7 +73,8 @@ TEST(ControlClient, takesNothingButItsAnswerForItsAnswer) {
   for (const auto& [said, fault, text] : cases) {
     const auto name = said.substr(0, 80);
     Conversation conversation;
-    const auto speaker = conversation.say(said);
+    auto speaker = conversation.say(said);
+    if (said.size() < 1000) speaker.join();  // Gone before it is asked, as a server that takes no more is.
     const auto result = conversation.client->call("m", json::object(), patience);
     ::shutdown(conversation.peer.get(), SHUT_RDWR);  // Whoever still speaks is let go.
     ASSERT_EQ(result.has_value(), !fault) << name;

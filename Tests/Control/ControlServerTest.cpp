@@ -232,7 +232,7 @@ TEST(ControlServer, aSubscriberThatFallsBehindGetsTheLatestState) {
 TEST(ControlServer, dropsPeersThatStallOrIdle) {
   Serving serving({.stalledWrite = 30s, .idle = 60s, .checkInterval = 1000ms});
   const auto idle = serving.connect();
-  const auto subscriber = serving.connect();
+  auto subscriber = serving.connect();
   send(subscriber, request("subscribe"));
   const auto stalled = serving.connect();
   send(stalled, request("large"));
@@ -247,6 +247,10 @@ TEST(ControlServer, dropsPeersThatStallOrIdle) {
   EXPECT_EQ(aliveAfter(26s), 2U);
   EXPECT_EQ(aliveAfter(4s), 1U);
   EXPECT_EQ(serving.received(idle), "(end)");
+  ::shutdown(subscriber.get(), SHUT_WR);
+  EXPECT_EQ(aliveAfter(2s), 1U) << "it listens on";
+  subscriber.reset();
+  EXPECT_EQ(aliveAfter(2s), 0U);
 }
 
 }  // namespace

@@ -67,10 +67,11 @@ TEST(HelperPeers, holdRenewAndReleaseAndATerminatedHelperRestores) {
 TEST(HelperPeers, sendGarbageAndAreToldSo) {
   HelperProcess helper({"--user", "--simulate"});
   ASSERT_TRUE(ask(helper, {HelperCommand::acquire, "A", 60}).ok);
-  for (const auto& bytes : {"x"s, "\0\0\0"s, "[1]"s, R"({"command":"acquire"})"s, R"({"command":7})"s,
-                            "{\"command\":\"release\",\"leaseId\":\"\xff\xfe\"}"s, std::string(4000, '{'),
-                            R"({"command":"acquire","leaseId":"B","ttlSeconds":1e400})"s,
-                            R"({"command":"status","leaseId":")" + std::string(9000, 'a') + "\"}"}) {
+  for (const auto& bytes :
+       {"x"s, "\0\0\0"s, "[1]"s, R"({"command":"acquire"})"s, R"({"command":7})"s,
+        "\t\r\n{\"command\" : [[7]]}"s, "{\"command\":\"release\",\"leaseId\":\"\xff\xfe\"}"s,
+        std::string(4000, '{'), R"({"command":"acquire","leaseId":"B","ttlSeconds":1e400})"s,
+        R"({"command":"status","leaseId":")" + std::string(9000, 'a') + "\"}"}) {
     const auto response = decodeHelperResponse(exchangeBytes(helper, bytes));
     ASSERT_TRUE(response) << bytes.substr(0, 40);
     EXPECT_FALSE(response->ok);

@@ -36,11 +36,13 @@ TEST_F(WritePolicy, allowsOnlyTheApplicationsOwnPlaces) {
   std::filesystem::create_symlink(home + "/.ssh", data + "/to-ssh");
   std::filesystem::create_symlink(home + "/.ssh/not-there-yet", data + "/dangling");
   std::filesystem::create_symlink(data + "/loop", data + "/loop");
+  std::filesystem::create_symlink("../../../.ssh", data + "/relative");
   const std::vector<std::pair<std::string, bool>> cases{
       {data + "/usage.json", true},
       {data + "/../Vimbrel/./usage.json", true},
       {data + "/../elsewhere.json", false},
       {data + "/to-ssh/key", false},
+      {data + "/relative/key", false},
       {data + "/dangling", false},
       {data + "/loop", false},
       {home + "/.local/state/Vimbrel/vimbrel.log", true},
@@ -56,6 +58,11 @@ TEST_F(WritePolicy, allowsOnlyTheApplicationsOwnPlaces) {
       {"relative", false},
   };
   for (const auto& [path, allowed] : cases) EXPECT_EQ(VimbrelWritePolicy::mayWrite(path), allowed) << path;
+
+  environment.set("TMPDIR", {});
+  environment.set("XDG_RUNTIME_DIR", root + "/session/");
+  EXPECT_TRUE(VimbrelWritePolicy::mayWrite(root + "/session/x"));
+  EXPECT_FALSE(VimbrelWritePolicy::mayWrite(root + "/mine/x"));
 }
 
 TEST_F(WritePolicy, namesThePlaceThatItRefuses) {

@@ -141,6 +141,7 @@ TEST_F(DeepHoldLoop, keepsAtMostOneRequestUnderWayAndRemembersTheLatestWish) {
 }
 
 TEST_F(DeepHoldLoop, tellsWhetherTheLidIsCoveredByWhomAndWhatToDo) {
+  EXPECT_EQ(service->report().cover, LidCover::off);
   controller->refusal = "no helper is installed";
   controller->helper.isHelperInstalled = false;
   evaluate(deepHold);

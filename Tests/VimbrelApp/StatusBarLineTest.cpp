@@ -125,6 +125,9 @@ TEST(HistoryView, dividesAtMidnightAndCountsNoTimeThatWasNotHeld) {
   EXPECT_TRUE(lines[8].contains("the hold ended")) << "no agent was there to finish";
   EXPECT_EQ(lines[10], "Protected for 2 h 44 min in 3 episodes; 0 safety cut-offs");
   EXPECT_EQ(lines[11], "Sleeps prevented: Claude Code 1");
+  const json unheld{{"episodes", {history["episodes"][3]}}};
+  EXPECT_EQ(historyLines(unheld, 0, Palette(false), noon)[1],
+            "Sat 2026-01-31  ················································");
   EXPECT_EQ(historyLines(json::object(), 0, Palette(false), noon).size(), 1U);
 }
 

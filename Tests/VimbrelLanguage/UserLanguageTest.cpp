@@ -17,6 +17,8 @@ TEST(UserLanguage, isChosenAsTheEnvironmentSays) {
   } cases[] = {
       {"nothing is set", {}, {}},
       {"a usual desktop", {.lang = "de_DE.UTF-8"}, {"de_DE", "de"}},
+      {"without an encoding", {.lang = "de"}, {"de"}},
+      {"C with an encoding alone", {.lang = "C.UTF-8"}, {}},
       {"messages differ from the rest", {.lcMessages = "C", .lang = "de_DE.UTF-8"}, {}},
       {"all of it overridden",
        {.lcAll = "de_AT.utf8", .lcMessages = "C", .lang = "fr_FR.UTF-8"},

@@ -219,6 +219,7 @@ TEST(Notch, namesWhatHappened) {
   const auto codexWaits = session("codex", "waiting", "b");
   for (const auto& [state, text] : std::vector<std::pair<json, std::string>>{
            {published(), "Sleep allowed"},
+           {holding(), "1 working"},
            {holding({{"sessions", {claudeWorks, codexWaits}}}), "1 working, 1 waiting"},
            {holding({{"sessions", {codexWaits}}}), "Codex CLI is waiting for you"},
            {holding({{"sessions", {codexWaits, claudeWaits}}}), "2 agents are waiting"},
@@ -269,6 +270,7 @@ TEST(TimeText, tomorrowIsTheMorningAfterTheSleep) {
 
 TEST(TimeText, runningTime) {
   EXPECT_EQ(runningText(Seconds(-3)), "0:00");
+  EXPECT_EQ(runningText(Seconds(3725)), "1:02:05");
   EXPECT_EQ(runningText(Seconds(3 * 86400 + 4 * 3600 + 65.9)), "3 d 4:01:05");
 }
 

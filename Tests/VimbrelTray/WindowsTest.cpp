@@ -181,14 +181,16 @@ TEST(EpisodeTimeline, dividesEpisodesAtMidnightOfTheUsersCalendar) {
   EXPECT_EQ(timeline.episodes[0].battery, "80 % → 15 %");
   EXPECT_EQ(timeline.total, "Kept awake for 4 h in all, once; cut off for safety once");
 
-  episode.erase("block");
+  for (const auto* key : {"block", "batteryAtEnd"}) episode.erase(key);
   episode.update({{"endedAt", "2026-01-30T14:00:00Z"}, {"ending", "finished"}, {"unheldSeconds", 3600.0}});
   const auto unheld = makeEpisodeTimeline({{"episodes", {episode}}}, noon);
   EXPECT_EQ(unheld.days[1].seconds, 0);
   EXPECT_EQ(unheld.episodes[0].duration, "1 h (not held for 1 h)");
   EXPECT_EQ(unheld.episodes[0].ending, "the hold ended") << "no agent was there to be done";
   EXPECT_EQ(unheld.episodes[0].tone, Tone::bad);
+  EXPECT_EQ(unheld.episodes[0].battery, "");
   EXPECT_EQ(unheld.total, "Kept awake for 0 s in all, once");
+  EXPECT_TRUE(makeEpisodeTimeline(json(), noon).days.empty());
 }
 
 TEST(Avatar, everyMoodIsToldByItsShapeAlone) {
