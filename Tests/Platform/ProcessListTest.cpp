@@ -94,8 +94,10 @@ TEST(ProcProcessList, givesTheLinesOfPsForWhateverProgramsShow) {
   }
   std::size_t listed = 0;
   for (const auto& child : children) {
-    EXPECT_EQ(first.contains(child.pid()), shown.contains(child.pid())) << "only one shows " << child.pid();
-    listed += first.contains(child.pid()) ? 1 : 0;
+    ASSERT_EQ(first.contains(child.pid()), shown.contains(child.pid())) << "only one shows " << child.pid();
+    if (!first.contains(child.pid())) continue;
+    ++listed;
+    EXPECT_EQ(first.at(child.pid()), shown.at(child.pid()));
   }
   EXPECT_EQ(listed, children.size() - 2) << "two of them show nothing but blanks";
   EXPECT_EQ(first.at(children.back().pid()), "[] <defunct>");
