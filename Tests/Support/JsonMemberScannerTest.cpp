@@ -14,14 +14,8 @@ using Progress = JsonMemberScanner::Progress;
 std::string found(std::string_view text, std::size_t firstPiece) {
   JsonMemberScanner scanner("id");
   scanner.feed(text.substr(0, firstPiece));
-  switch (scanner.feed(text.substr(firstPiece))) {
-    case Progress::more:
-      return "(more)";
-    case Progress::absent:
-      return "(absent)";
-    case Progress::found:
-      break;
-  }
+  const auto progress = scanner.feed(text.substr(firstPiece));
+  if (progress != Progress::found) return progress == Progress::more ? "(more)" : "(absent)";
   return std::string(scanner.value());
 }
 

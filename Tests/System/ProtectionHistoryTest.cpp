@@ -45,7 +45,10 @@ class History : public testing::Test {
       time_.advance(std::chrono::seconds{1});
     }
   }
-  const WakeDecision idle_ = WakeDecision::release("No active agent sessions");
+  void idle(double seconds = 1) { live(seconds, WakeDecision::release("No active agent sessions")); }
+  void work(double seconds, const std::string& reason, const std::vector<AgentType>& working = {}) {
+    live(seconds, WakeDecision::hold(reason, static_cast<int>(working.size()), false), working);
+  }
   TemporaryDirectory directory_;
   const std::string path_ = directory_.file("history.jsonl");
   VirtualTime time_{instantFromUnixSeconds(1'800'000'000)};
@@ -64,8 +67,8 @@ TEST_F(History, tellsWhatHeldTheMachineAwakeAndWhyItStopped) {
     live(1, WakeDecision::hold("Release debounce (" + std::string(left) + ")", 0, false));
   }
   live(1, WakeDecision::blocked(SafetyBlock::batteryBelowFloor), {}, 14);
-  live(10, idle_);
-  live(10, WakeDecision::hold("Manual hold requested", 0, false));
+  idle(10);
+  work(10, "Manual hold requested");
   const auto episodes = history_->episodes();
   ASSERT_EQ(episodes.size(), 2U);
   const auto& first = episodes[0];
@@ -91,18 +94,18 @@ TEST_F(History, tellsWhatHeldTheMachineAwakeAndWhyItStopped) {
 
 TEST_F(History, whatWasNotHeldIsNotCountedAsProtected) {
   open();
-  const auto work = [this](double seconds, bool isGranted, AgentType agent) {
+  const auto asked = [this](double seconds, bool isGranted, AgentType agent) {
     isGranted_ = isGranted;
-    live(seconds, WakeDecision::hold("work", 1, false), {agent});
+    work(seconds, "work", {agent});
   };
-  work(32, false, AgentType::codex);
-  live(1, idle_);
-  work(1, true, AgentType::claude);
-  live(1, idle_);
-  work(10, true, AgentType::claude);
-  work(5, false, AgentType::claude);
-  work(5, true, AgentType::claude);
-  work(3, false, AgentType::aider);
+  asked(32, false, AgentType::codex);
+  idle();
+  asked(1, true, AgentType::claude);
+  idle();
+  asked(10, true, AgentType::claude);
+  asked(5, false, AgentType::claude);
+  asked(5, true, AgentType::claude);
+  asked(3, false, AgentType::aider);
   history_->didStop();
   const auto episodes = history_->episodes();
   ASSERT_EQ(episodes.size(), 3U);
@@ -121,17 +124,17 @@ TEST_F(History, whatWasNotHeldIsNotCountedAsProtected) {
 TEST_F(History, leavesOutTests) {
   open();
   trial_ = "aider0";
-  live(1, WakeDecision::hold("Aider working", 1, false), {AgentType::aider});
-  live(1, idle_);
+  work(1, "Aider working", {AgentType::aider});
+  idle();
   EXPECT_TRUE(history_->episodes().empty()) << "nothing but a test was there";
 
-  live(10, WakeDecision::hold("Manual hold requested", 0, false));
+  work(10, "Manual hold requested");
   trial_ = "aider1";
-  live(2, WakeDecision::hold("Aider, Claude Code working", 2, false), {AgentType::claude, AgentType::aider});
-  live(10, WakeDecision::hold("Claude Code working", 1, false), {AgentType::claude});
-  live(1, idle_);
+  work(2, "Aider, Claude Code working", {AgentType::claude, AgentType::aider});
+  work(10, "Claude Code working", {AgentType::claude});
+  idle();
   trial_ = "aider0";
-  live(5, WakeDecision::hold("Aider working", 2, false), {AgentType::aider, AgentType::aider});
+  work(5, "Aider working", {AgentType::aider, AgentType::aider});
   const auto episodes = history_->episodes();
   ASSERT_EQ(episodes.size(), 2U);
   EXPECT_EQ(episodes[0].workingSeconds, (std::map<AgentType, double>{{AgentType::claude, 12}}));
@@ -144,13 +147,13 @@ TEST_F(History, leavesOutTests) {
 
 TEST_F(History, aCrashLeavesAnInterruptedEpisodeAndAStopAStoppedOne) {
   open();
-  live(150, WakeDecision::hold("Claude Code working", 1, false), {AgentType::claude});
+  work(150, "Claude Code working", {AgentType::claude});
   open();  // as after a crash: the object before said nothing
   auto episodes = history_->episodes();
   ASSERT_EQ(episodes.size(), 1U);
   EXPECT_EQ(episodes[0].ending, EpisodeEnding::interrupted);
   EXPECT_EQ(episodes[0].seconds(), 120) << "it was last written after two minutes";
-  live(10, WakeDecision::hold("Claude Code working", 1, false), {AgentType::claude});
+  work(10, "Claude Code working", {AgentType::claude});
   history_->didStop();
   open();
   episodes = history_->episodes();
@@ -161,8 +164,8 @@ TEST_F(History, aCrashLeavesAnInterruptedEpisodeAndAStopAStoppedOne) {
 TEST_F(History, staysBoundedAndReadsPastTornLines) {
   open(20);
   for (int i = 0; i < 50; ++i) {
-    live(1, WakeDecision::hold("x", 1, false));
-    live(1, idle_);
+    work(1, "x");
+    idle();
   }
   EXPECT_LE(history_->episodes().size(), 20U);
   EXPECT_GE(history_->episodes().size(), 10U);
@@ -170,8 +173,8 @@ TEST_F(History, staysBoundedAndReadsPastTornLines) {
   std::filesystem::resize_file(path_, std::filesystem::file_size(path_) - 30);
   open(20);
   EXPECT_EQ(history_->episodes().size(), count - 1);
-  live(1, WakeDecision::hold("x", 1, false));
-  live(1, idle_);
+  work(1, "x");
+  idle();
   std::ofstream(path_, std::ios::app) << "\nnot json\n{}\n";
   open(20);
   EXPECT_EQ(history_->episodes().size(), count);

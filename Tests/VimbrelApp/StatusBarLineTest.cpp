@@ -22,8 +22,6 @@ json stateOf(const json& changes) {
              {"decision", {{"release", {{"reason", "No active agent sessions"}}}}},
              {"assertions", {{"system", false}, {"simulated", false}}},
              {"agentFamilies", json::array()},
-             {"lowBudgetAlerts", json::object()},
-             {"pauseUntil", nullptr},
              {"power", {{"batteryPercent", 71}}}};
   state.update(changes);
   return state;
