@@ -4,14 +4,12 @@ sshd on one of them with the settings that it is installed with, and on that one
 
   remote_agents_test.py VIMBREL RELAY"""
 
-import json
 import os
 import subprocess
 import sys
 
 here = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, here + "/../EndToEnd")
-sys.path.insert(0, here + "/../EndToEnd/agents")
 
 vimbrel, relay = (os.path.abspath(path) for path in sys.argv[1:3])
 os.environ.update(VIMBREL_PROGRAM=vimbrel, VIMBREL_RELAY_PROGRAM=relay)
@@ -42,21 +40,16 @@ class Server:
         run("ip", "link", "add", "here", "type", "veth", "peer", "name", "there", "netns", str(self.holder.pid))
         run("ip", "addr", "add", "10.99.0.1/24", "dev", "here")
         run("ip", "link", "set", "here", "up")
-        for command in ("hostname server", "ip link set lo up", "ip addr add %s/24 dev there" % address,
-                        "ip link set there up", "mount -t tmpfs -o mode=700 server /root", "mount -t tmpfs -o mode=755 server /run",
-                        "mkdir -m 755 /run/sshd"):
-            self.inside(command)
         run("ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-f", sandbox.file("key"))
-        with open(sandbox.file("key.pub")) as file:
-            self.inside("mkdir -m 700 /root/.ssh; cat > /root/.ssh/authorized_keys; chmod 600 /root/.ssh/authorized_keys",
-                        input=file.read())
-        self.inside("ssh-keygen -q -t ed25519 -N '' -f /root/host_key")
-        with open(relay, "rb") as file:
-            self.inside("cat > /root/vimbrel-relay; chmod 755 /root/vimbrel-relay", input=file.read())
-        with open("/etc/ssh/sshd_config") as file:
-            settings = file.read()
-        self.inside("cat > /root/sshd_config", input=settings + "\nHostKey /root/host_key\nPermitRootLogin yes\n"
-                    "UsePAM no\nPidFile none\n")
+        sandbox.write("sshd_config", sandbox.read("/etc/ssh/sshd_config") +
+                      "\nHostKey /root/host_key\nPermitRootLogin yes\nUsePAM no\nPidFile none\n")
+        for command in ("hostname server", "ip link set lo up", "ip addr add %s/24 dev there" % address,
+                        "ip link set there up", "mount -t tmpfs -o mode=700 server /root",
+                        "mount -t tmpfs -o mode=755 server /run", "mkdir -m 755 /run/sshd",
+                        "install -Dm 600 %s /root/.ssh/authorized_keys" % sandbox.file("key.pub"),
+                        "ssh-keygen -q -t ed25519 -N '' -f /root/host_key", "install -m 755 %s /root" % relay,
+                        "install %s /root" % sandbox.file("sshd_config")):
+            self.inside(command)
         self.sshd = self.start(sshd + " -D -e -f /root/sshd_config 2> /root/log")
         # Only now do the first host's files vanish: what stands below /tmp here is this build's and its home's.
         self.inside("mount -t tmpfs server /tmp")
@@ -65,9 +58,8 @@ class Server:
     def command(self, line):
         return ["nsenter", "-t", str(self.holder.pid), "-n", "-m", "-u", "--wd=/", "sh", "-c", line]
 
-    def inside(self, line, **options):
-        text = not isinstance(options.get("input"), bytes)
-        done = subprocess.run(self.command(line), timeout=patience, stdout=subprocess.PIPE, text=text, **options)
+    def inside(self, line):
+        done = subprocess.run(self.command(line), timeout=patience, stdout=subprocess.PIPE, text=True)
         require(done.returncode == 0, "on the server: " + line)
         return done.stdout
 
@@ -98,14 +90,8 @@ class Server:
         require(done.returncode == 0 and done.stdout == "", "a hook on the server: %s" % done)
 
 
-def state_of(sandbox, name):
-    return next((each["state"] for each in sandbox.ask("sessions")["sessions"] if each["id"] == name), None)
-
-
 def commands_for_the_server(sandbox, agent):
-    printed = sandbox.command("agents", "setup", agent, "--no-wait", "--json", "--relay", "/root/vimbrel-relay",
-                              "--socket", remote_socket)
-    setup = json.loads(printed.stdout)
+    setup = sandbox.setup_of(agent, "--relay", "/root/vimbrel-relay", "--socket", remote_socket)
     require(setup["relayPath"] == "/root/vimbrel-relay", setup)
     return setup["reports"]
 
@@ -123,38 +109,38 @@ def main():
         forwarding = server.forward()
         require(server.inside("stat -c %a " + remote_socket).strip() == "600", "for its owner on the server only")
         server.agent(claude["working"], '{"session_id":"far"}')
-        eventually(lambda: state_of(sandbox, "far") == "working", "the agent on the server works here")
+        sandbox.session("far", "working")
         eventually(lambda: sandbox.ask("status")["isHolding"], "and this machine is held awake")
         server.agent("/root/vimbrel-relay --agent codex --state working --session-id plain")
-        eventually(lambda: state_of(sandbox, "plain") == "working", "at its usual place the socket needs no option")
+        sandbox.session("plain", "working")  # At its usual place the socket needs no option.
         server.agent(commands_for_the_server(sandbox, "aider")["waiting"] + " --session-id aider-far")
         server.agent(claude["idle"], '{"session_id":"far"}')
-        eventually(lambda: state_of(sandbox, "far") == "idle", "and stops")
+        sandbox.session("far", "idle")
         # A scan of this machine's processes does not end a session of another's.
         sandbox.world({"processes": ["4711 /usr/bin/gemini"]})
-        eventually(lambda: state_of(sandbox, "proc-gemini-4711"), "a scan")
-        require(state_of(sandbox, "aider-far") == "waiting", "the session of an agent that is watched by its process")
+        eventually(lambda: "proc-gemini-4711" in sandbox.sessions(), "a scan")
+        sandbox.session("aider-far", "waiting")  # Of an agent that is watched by its process.
 
         # The connection breaks without a word; the hooks go on, unheard, and are heard again after the next one.
         forwarding.kill()
         forwarding.wait()
         server.agent(claude["working"], '{"session_id":"far"}')
-        require(state_of(sandbox, "far") == "idle", "nothing is heard without the connection")
+        require(sandbox.sessions()["far"]["state"] == "idle", "nothing is heard without the connection")
         forwarding = server.forward()
         server.agent(claude["completed"], '{"session_id":"far"}')
-        eventually(lambda: state_of(sandbox, "far") == "completed", "heard again")
+        sandbox.session("far", "completed")
 
         # The application here restarts under the connection.
         sandbox.kill()
         server.agent(claude["working"], '{"session_id":"far"}')
         sandbox.start()
         server.agent(claude["working"], '{"session_id":"again"}')
-        eventually(lambda: state_of(sandbox, "again") == "working", "the same connection serves the new application")
-        require(state_of(sandbox, "early") is None, "what was not heard stays unheard")
+        sandbox.session("again", "working")  # The same connection serves the new application.
+        require("early" not in sandbox.sessions(), "what was not heard stays unheard")
         for process in (forwarding, server.sshd, server.holder):
             process.kill()
             process.wait()
-        require(sandbox.stop() == 0, "the application stops with 0")
+        sandbox.stop()
 
 
-sys.exit(main())
+main()

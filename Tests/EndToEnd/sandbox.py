@@ -38,17 +38,42 @@ def eventually(condition, what, limit=patience):
         time.sleep(0.02)
 
 
-def helper_answer(path, request, limit=patience):
-    """What the helper answers to one request."""
+def exchange(path, document, limit=patience, ends=True):
+    """What is answered at this socket; `ends` says that nothing more is asked."""
     with socket.socket(socket.AF_UNIX) as connection:
         connection.settimeout(limit)
         connection.connect(path)
-        connection.sendall(json.dumps(request).encode())
-        connection.shutdown(socket.SHUT_WR)
-        text = b""
+        connection.sendall(document)
+        if ends:
+            connection.shutdown(socket.SHUT_WR)
+        answer = b""
         while chunk := connection.recv(8192):
-            text += chunk
-    return json.loads(text)
+            answer += chunk
+        return answer
+
+
+class Helper:
+    """The helper on a simulated machine, at a place in the sandbox."""
+
+    def __init__(self, sandbox):
+        self.path = sandbox.file("helper/s")
+        self.environment = {**sandbox.environment, "DBUS_SYSTEM_BUS_ADDRESS": "unix:path=/nonexistent"}
+        self.words = [os.environ["VIMBREL_HELPER_PROGRAM"], "--user", "--simulate", "--socket", self.path,
+                      "--state", sandbox.file("helper/state.json")]
+        os.makedirs(sandbox.file("helper"))
+
+    def start(self):
+        return subprocess.Popen(self.words, env=self.environment, stderr=subprocess.DEVNULL)
+
+    def ask(self, command, limit=patience, **request):
+        return json.loads(exchange(self.path, json.dumps({"command": command, **request}).encode(), limit))
+
+    def status(self, limit=patience):
+        """What it holds; nothing where it does not answer."""
+        try:
+            return self.ask("status", limit).get("status")
+        except (OSError, ValueError):
+            return None
 
 
 class Refused(Exception):
@@ -88,10 +113,9 @@ class Sandbox:
     def __init__(self, home=None):
         self.vimbrel = os.environ["VIMBREL_PROGRAM"]
         self.relay_program = os.environ["VIMBREL_RELAY_PROGRAM"]
-        self.helper_program = os.environ.get("VIMBREL_HELPER_PROGRAM", "")
         self.own = home is None
         self.home = home or tempfile.mkdtemp(prefix="vimbrel-", dir="/tmp")
-        self.environment = {"HOME": self.home, "PATH": "/usr/bin:/bin", "TZ": "UTC", "TERM": "dumb"}
+        self.environment = {"HOME": self.home, "PATH": self.file("bin") + ":/usr/bin:/bin", "TZ": "UTC", "TERM": "dumb"}
         for name in ("ASAN_OPTIONS", "TSAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS"):
             if name in os.environ:
                 self.environment[name] = os.environ[name]
@@ -104,41 +128,72 @@ class Sandbox:
 
     def __exit__(self, *_):
         if self.process and self.process.poll() is None:
-            self.process.kill()
-            self.process.wait()
+            self.kill()
         if self.own:
             shutil.rmtree(self.home, ignore_errors=True)
+
+    # The home
 
     def file(self, name):
         return os.path.join(self.home, name)
 
+    def write(self, name, text, mode="w"):
+        os.makedirs(os.path.dirname(self.file(name)), exist_ok=True)
+        with open(self.file(name), mode) as file:
+            file.write(text)
+
+    def append(self, name, text):
+        self.write(name, text, "a")
+
+    def read(self, name):
+        """What is in the file; nothing where there is none."""
+        try:
+            with open(self.file(name), errors="replace") as file:
+                return file.read()
+        except FileNotFoundError:
+            return ""
+
+    def program(self, name, script):
+        """Something that is installed on this machine."""
+        self.write("bin/" + name, script if script.startswith("#!") else "#!/bin/sh\n%s\n" % script)
+        os.chmod(self.file("bin/" + name), 0o755)
+
+    def others(self):
+        """Every file of the home that is neither Vimbrel's own nor the test's, with what is in it."""
+        found = {}
+        for folder, _, names in os.walk(self.home):
+            if any(part in folder + "/" for part in ("/Vimbrel/", "/com.vimbrel.app/", "/bin/", "/.test/")):
+                continue
+            for name in names:
+                path = os.path.join(folder, name)
+                if "com.vimbrel" not in name and not os.path.islink(path) and name not in ("stderr", "world.json"):
+                    with open(path, "rb") as file:
+                        found[path] = file.read()
+        return found
+
     def world(self, world):
         """The simulated machine, replaced in one step."""
-        with open(self.file("world.json.new"), "w") as file:
-            json.dump(world, file)
+        self.write("world.json.new", json.dumps(world))
         os.rename(self.file("world.json.new"), self.file("world.json"))
 
     @property
-    def run_directory(self):
-        return self.file(".local/share/Vimbrel/run")
-
-    @property
     def control_socket(self):
-        return self.run_directory + "/control.sock"
+        return self.file(".local/share/Vimbrel/run/control.sock")
 
     @property
     def hook_socket(self):
-        return self.run_directory + "/vimbrel.sock"
+        return self.file(".local/share/Vimbrel/run/vimbrel.sock")
 
-    def launch(self, **popen):
-        self.process = subprocess.Popen(
-            [self.vimbrel, "run", "--simulate", self.file("world.json")], env=self.environment,
-            stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=open(self.file("stderr"), "ab"), **popen)
+    # The application
+
+    def launch(self, *arguments, **popen):
+        popen = {"stdout": subprocess.DEVNULL, "stderr": open(self.file("stderr"), "ab"), **popen}
+        self.process = self.popen("run", *(arguments or ("--simulate", self.file("world.json"))), **popen)
         return self.process
 
-    def start(self, **popen):
+    def start(self, *arguments, **popen):
         """Starts the application; it answers, its usage store included, when this returns."""
-        self.launch(**popen)
+        self.launch(*arguments, **popen)
         self.wait_until_it_answers()
         return self.process
 
@@ -146,29 +201,24 @@ class Sandbox:
         def answers():
             require(self.process.poll() is None, "the application ended: " + self.errors())
             try:
-                control = Control(self.control_socket)
-                control.ask("usage.today")
-                control.close()
+                self.ask("usage.today")
                 return True
             except (OSError, ConnectionError, Refused):
                 return False
         eventually(answers, "the application answers")
 
     def errors(self):
-        with open(self.file("stderr"), "rb") as file:
-            return file.read().decode(errors="replace")[-8000:]
+        return self.read("stderr")[-8000:]
 
     def kill(self):
         self.process.send_signal(signal.SIGKILL)
         self.process.wait()
 
     def stop(self):
-        """Ends it as a person would, and says with which status it ended."""
+        """Ends it as a person would; it must end in order."""
         self.process.send_signal(signal.SIGTERM)
         status = self.process.wait(timeout=patience)
-        if status != 0:
-            print("the application ended with %d and said: %s" % (status, self.errors()), file=sys.stderr)
-        return status
+        require(status == 0, "the application ended with %d and said: %s" % (status, self.errors()))
 
     def control(self):
         return Control(self.control_socket)
@@ -180,25 +230,21 @@ class Sandbox:
         finally:
             control.close()
 
-    def relay(self, *arguments):
-        """One event as a hook sends it; its exit status, which is always 0."""
-        return subprocess.run([self.relay_program, *arguments], env=self.environment, stdin=subprocess.DEVNULL,
-                              timeout=patience).returncode
+    def refusal(self, method, **params):
+        """Why this is refused, which it must be."""
+        try:
+            self.ask(method, **params)
+        except Refused as refused:
+            return str(refused)
+        raise AssertionError("%s with %s was accepted" % (method, params))
 
-    def command(self, *arguments):
-        return subprocess.run([self.vimbrel, *arguments], env=self.environment, stdin=subprocess.DEVNULL,
-                              capture_output=True, text=True, timeout=patience)
+    def sessions(self):
+        return {session["id"]: session for session in self.ask("sessions")["sessions"]}
 
-    def hook(self, document):
-        """Sends bytes to the hook socket and gives back the answer."""
-        with socket.socket(socket.AF_UNIX) as connection:
-            connection.settimeout(patience)
-            connection.connect(self.hook_socket)
-            connection.sendall(document)
-            answer = b""
-            while chunk := connection.recv(4096):
-                answer += chunk
-            return answer
+    def session(self, name, state):
+        """The session of this name, once it is in this state."""
+        return eventually(lambda: (found := self.sessions().get(name)) and found["state"] == state and found,
+                          "session %s is %s" % (name, state))
 
     def descriptors(self):
         return len(os.listdir("/proc/%d/fd" % self.process.pid))
@@ -207,6 +253,50 @@ class Sandbox:
         """Proportional memory in kB."""
         with open("/proc/%d/smaps_rollup" % self.process.pid) as file:
             return next(int(line.split()[1]) for line in file if line.startswith("Pss:"))
+
+    # Who speaks to it
+
+    def popen(self, *arguments, **options):
+        return subprocess.Popen([self.vimbrel, *arguments],
+                                **{"env": self.environment, "stdin": subprocess.DEVNULL, **options})
+
+    def command(self, *arguments, **options):
+        options = {"env": self.environment, "stdout": subprocess.PIPE, "stderr": subprocess.PIPE, **options}
+        if "input" not in options:
+            options["stdin"] = subprocess.DEVNULL
+        return subprocess.run([self.vimbrel, *arguments], text=True, timeout=patience, **options)
+
+    def answer(self, *arguments):
+        """The document that a command prints."""
+        done = self.command(*arguments, "--json")
+        require(done.returncode == 0, "%s: %s" % (arguments, done.stderr))
+        return json.loads(done.stdout)
+
+    def setup_of(self, agent, *options):
+        return self.answer("agents", "setup", agent, "--no-wait", *options)
+
+    def relay(self, *arguments):
+        """One event as a hook sends it; its exit status is always 0."""
+        done = subprocess.run([self.relay_program, *arguments], env=self.environment, stdin=subprocess.DEVNULL,
+                              timeout=patience)
+        require(done.returncode == 0, "the relay ended with %d" % done.returncode)
+
+    def report(self, agent, state, session):
+        self.relay("--agent", agent, "--state", state, "--session-id", session, "--no-pid")
+
+    def use(self, message, output):
+        """A turn of an agent, as its log has it: ten tokens in, so many out."""
+        self.append(".claude/projects/p/s1.jsonl", claude_line(message, output))
+
+    def tokens(self):
+        return self.ask("usage.today")["totalTokens"]
+
+    def hook(self, document):
+        """Sends bytes to the hook socket and gives back the answer."""
+        return exchange(self.hook_socket, document, ends=False)
+
+    def is_taken(self, document):
+        require(b'"ok":true' in (answer := self.hook(document)), "an event was refused: %s" % answer)
 
 
 # What may differ between two looks at an idle process: a file that is being written, a queue's growth.

@@ -5,9 +5,8 @@ plugin interface, against a running application."""
 import json
 import os
 import subprocess
-import sys
 
-from sandbox import Sandbox, eventually, require, skip
+from sandbox import Sandbox, require, skip
 
 node = "/usr/bin/node"
 if not os.access(node, os.X_OK):
@@ -44,10 +43,7 @@ class Host:
         self.event("session.status", sessionID=session, status={"type": kind})
 
     def require_state(self, session, state):
-        def is_there():
-            found = [each for each in self.sandbox.ask("sessions")["sessions"] if each["id"] == session]
-            return found and found[0]["state"] == state and found[0]
-        found = eventually(is_there, "session %s is %s" % (session, state))
+        found = self.sandbox.session(session, state)
         require(found["agentType"] == "opencode" and found["integrationType"] == "plugin", found)
         return found
 
@@ -96,8 +92,8 @@ def try_conversations(sandbox, host):
     host.event("session.deleted", info={"id": "child", "parentID": "one"})
     host.event("session.deleted", info={"id": "one"})
     host.require_state("one", "completed")
-    known = {session["id"] for session in sandbox.ask("sessions")["sessions"]}
-    require(not known & {"child", "grandchild", "undefined", "null"}, known)
+    known = sandbox.sessions().keys() & {"child", "grandchild", "undefined", "null"}
+    require(not known, known)
 
 
 def try_odd_events(host):
@@ -112,20 +108,20 @@ def try_odd_events(host):
 def main():
     with Sandbox() as sandbox:
         sandbox.start()
-        setup = json.loads(sandbox.command("agents", "setup", "opencode", "--no-wait", "--json").stdout)
+        setup = sandbox.setup_of("opencode")
         require(setup["currentFormat"] == "javascript", setup["currentFormat"])
         require(setup["currentConfigPath"] == "~/.config/opencode/plugins/vimbrel.js", setup["currentConfigPath"])
         plugin = sandbox.file(".config/opencode/plugins/vimbrel.js")
-        os.makedirs(os.path.dirname(plugin))
         # This engine takes a file of this name for a module only when it is told to.
-        with open(os.path.dirname(plugin) + "/package.json", "w") as file:
-            file.write('{"type":"module"}')
+        sandbox.write(".config/opencode/plugins/package.json", '{"type":"module"}')
 
         def save(text):
-            with open(plugin, "w") as file:
-                file.write(text)
+            sandbox.write(plugin, text)
             require(subprocess.run([node, "--check", plugin]).returncode == 0, "the plugin is valid")
-        save(setup["currentSetupSnippet"])
+
+        def save_for(*options):
+            save(sandbox.setup_of("opencode", *options)["currentSetupSnippet"])
+        save_for()
         with Host(sandbox, plugin) as host:
             require(host.exports == ["Vimbrel"], host.exports)
             try_conversations(sandbox, host)
@@ -135,14 +131,12 @@ def main():
         os.makedirs(odd)
         os.symlink(setup["relayPath"], odd + "/vimbrel-relay")
         os.symlink(sandbox.hook_socket, odd + "/s")
-        save(json.loads(sandbox.command("agents", "setup", "opencode", "--no-wait", "--json", "--relay",
-                                        odd + "/vimbrel-relay", "--socket", odd + "/s").stdout)["currentSetupSnippet"])
+        save_for("--relay", odd + "/vimbrel-relay", "--socket", odd + "/s")
         with Host(sandbox, plugin) as host:
             host.status("odd $(x) \"'", "busy")
             host.require_state("odd $(x) \"'", "working")
 
-        save(json.loads(sandbox.command("agents", "setup", "opencode", "--no-wait", "--json", "--relay",
-                                        "/no/such/relay").stdout)["currentSetupSnippet"])
+        save_for("--relay", "/no/such/relay")
         with Host(sandbox, plugin) as host:
             host.status("unheard", "busy")  # A missing relay disturbs nobody.
 
@@ -153,7 +147,7 @@ def main():
             host.ask(status={"id": "earlier", "status": "done"})
             host.require_state("earlier", "idle")
             host.ask(status=None)
-        require(sandbox.stop() == 0, "the application stops with 0")
+        sandbox.stop()
 
 
-sys.exit(main())
+main()

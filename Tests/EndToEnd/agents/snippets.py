@@ -7,10 +7,10 @@ import json
 import os
 import shlex
 import shutil
+import subprocess
 import sys
 
-from agent_process import AgentProcess
-from sandbox import Sandbox, eventually, require, skip
+from sandbox import Sandbox, eventually, patience, require, skip
 
 try:
     import yaml
@@ -75,12 +75,40 @@ def input_of(agent, event, conversation, directory):
     return {}
 
 
+class AgentProcess:
+    """A process that stands for an agent: it runs hooks as its children, as agents do."""
+
+    loop = """
+import json, subprocess, sys
+for line in sys.stdin:
+    done = subprocess.run(stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, **json.loads(line))
+    print(json.dumps([done.returncode, done.stdout]), flush=True)
+"""
+
+    def __init__(self, sandbox, home=None):
+        self.options = {"env": {"HOME": home or sandbox.home}, "cwd": sandbox.home, "timeout": patience}
+        self.process = subprocess.Popen([sys.executable, "-c", self.loop], stdin=subprocess.PIPE,
+                                        stdout=subprocess.PIPE, text=True)
+        self.pid = self.process.pid
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.process.kill()
+        self.process.communicate()
+
+    def run_hook(self, words, document):
+        """Every hook must end with 0 and print nothing: some agents show a hook's output to the model."""
+        self.process.stdin.write(json.dumps({"args": words, "input": document, **self.options}) + "\n")
+        self.process.stdin.flush()
+        ended = json.loads(self.process.stdout.readline())
+        require(ended == [0, ""], "%s ended so: %s" % (words, ended))
+
+
 class Snippet:
     def __init__(self, sandbox, agent, *options):
-        self.agent = agent
-        printed = sandbox.command("agents", "setup", agent, "--no-wait", "--json", *options)
-        require(printed.returncode == 0, printed.stderr)
-        self.setup = json.loads(printed.stdout)
+        self.setup = sandbox.setup_of(agent, *options)
         self.text = self.setup["currentSetupSnippet"]
         people = sandbox.command("agents", "setup", agent, "--no-wait", *options).stdout
         require(self.text in people, "people are shown the very text")
@@ -89,23 +117,13 @@ class Snippet:
         parse = {"json": json.loads, "yaml": yaml.safe_load}[self.setup["currentFormat"]]
         self.hooks = hooks_of(agent, parse(self.text))
 
-    def command(self, event):
-        return self.hooks[event]["command"]
-
-
-def sessions_of(sandbox):
-    return {session["id"]: session for session in sandbox.ask("sessions")["sessions"]}
-
 
 # Agents that Vimbrel watches by a process of which their hooks know nothing.
 without_process = ("cursor", "windsurf", "antigravity")
 
 
 def require_session(sandbox, name, agent, state, pid, is_far=False):
-    def is_there():
-        session = sessions_of(sandbox).get(name)
-        return session and session["state"] == state and session
-    session = eventually(is_there, "session %s of %s is %s" % (name, agent, state))
+    session = sandbox.session(name, state)
     require(session["agentType"] == agent, session)
     named = None if agent in without_process or (agent == "aider" and is_far) else pid
     require(session.get("pid") == named, "the process of the agent (%d), not of a shell, or none: %s" % (pid, session))
@@ -115,7 +133,7 @@ def require_scan(sandbox, processes):
     """The processes are seen: what a scan does to sessions, it has done."""
     sandbox.world({"processes": ["%d /usr/bin/aider" % pid for pid in processes]})
     eventually(lambda: {"proc-aider-%d" % pid for pid in processes}
-               == {name for name in sessions_of(sandbox) if name.startswith("proc-")}, "the scan")
+               == {name for name in sandbox.sessions() if name.startswith("proc-")}, "the scan")
 
 
 def try_agent(sandbox, agent):
@@ -129,14 +147,11 @@ def try_agent(sandbox, agent):
     # Seconds, but for Gemini CLI; the other two have none.
     require(timeouts == {{"gemini": 2000, "cursor": None, "windsurf": None, "aider": None}.get(agent, 5)}, timeouts)
 
-    path = os.path.join(sandbox.home, paths[agent].removeprefix("~/"))
-    os.makedirs(os.path.dirname(path), exist_ok=True)
-    with open(path, "w") as file:
-        file.write(snippet.text)
-    overview = {each["agentType"]: each for each in json.loads(sandbox.command("agents", "--json").stdout)}
+    sandbox.write(paths[agent].removeprefix("~/"), snippet.text)
+    overview = {each["agentType"]: each for each in sandbox.answer("agents")}
     require(overview[agent]["configuredIn"] == [paths[agent]], "detection finds what was pasted")
 
-    before = set(sessions_of(sandbox))
+    before = set(sandbox.sessions())
     runs = {"sh": lambda line: ["/bin/sh", "-c", line], "bash": lambda line: ["/bin/bash", "-c", line],
             "none": shlex.split}  # An agent that needs no shell.
     made, pids = set(), set()
@@ -153,18 +168,18 @@ def try_agent(sandbox, agent):
             for event, state in expected[agent].items():
                 for conversation, process in conversations:
                     document = json.dumps(input_of(agent, event, conversation, sandbox.home))
-                    process.run_hook(words_of(snippet.command(event)), document)
+                    process.run_hook(words_of(snippet.hooks[event]["command"]), document)
                     name = conversation if agent in session_keys else "%s-%d" % (agent, process.pid)
                     made.add(name)
                     require_session(sandbox, name, agent, state, process.pid)
     # The sessions of the others outlive a scan that does not find their processes.
     require_scan(sandbox, pids if agent == "aider" else [os.getpid()])
-    others = {name for name in set(sessions_of(sandbox)) - before if not name.startswith("proc-")} ^ made
+    others = {name for name in set(sandbox.sessions()) - before if not name.startswith("proc-")} ^ made
     require(not others, "each conversation has one session, and nothing else has one: %s" % others)
     require(len(made) == len(runs) * (3 if agent in session_keys else 2), made)
     if agent == "aider":
         require_scan(sandbox, [])
-        require(not set(sessions_of(sandbox)) & made, "its sessions end with its processes")
+        require(not set(sandbox.sessions()) & made, "its sessions end with its processes")
 
 
 def try_odd_paths(sandbox):
@@ -172,14 +187,13 @@ def try_odd_paths(sandbox):
     folder = sandbox.file("it's $HOME \"quoted\" `a` \\ é;&")
     os.makedirs(folder)
     relay = shutil.copy(sandbox.relay_program, folder + "/vimbrel-relay")
-    os.symlink(sandbox.run_directory + "/vimbrel.sock", folder + "/s")
+    os.symlink(sandbox.hook_socket, folder + "/s")
     for agent in expected:
         snippet = Snippet(sandbox, agent, "--relay", relay, "--socket", folder + "/s")
         event, state = next(iter(expected[agent].items()))
-        with AgentProcess(sandbox) as process:
-            process.environment = {"HOME": "/nowhere"}
+        with AgentProcess(sandbox, home="/nowhere") as process:
             document = json.dumps(input_of(agent, event, "odd-" + agent, sandbox.home))
-            process.run_hook(["/bin/sh", "-c", snippet.command(event)], document)
+            process.run_hook(["/bin/sh", "-c", snippet.hooks[event]["command"]], document)
             name = "odd-" + agent if agent in session_keys else "%s-%d" % (agent, process.pid)
             require_session(sandbox, name, agent, state, process.pid, is_far=True)
 
@@ -190,7 +204,7 @@ def main():
         for agent in expected:
             try_agent(sandbox, agent)
         try_odd_paths(sandbox)
-        require(sandbox.stop() == 0, "the application stops with 0")
+        sandbox.stop()
 
 
-sys.exit(main())
+main()

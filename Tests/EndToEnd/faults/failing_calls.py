@@ -14,7 +14,7 @@ import subprocess
 import sys
 import time
 
-from sandbox import Refused, Sandbox, claude_line, event, eventually, helper_answer, patience, require, skip
+from sandbox import Helper, Refused, Sandbox, event, eventually, patience, require, skip
 
 # What a system that has run out of something, or a broken disk, answers. Only calls that can fail so: to wake a loop
 # through a counter cannot, and neither can closing.
@@ -133,29 +133,14 @@ def sweep(sandbox, program, live=None):
             yield call, error, "%d+" % (loader[call] + 1)
 
 
-class Count:
-    """How many calls did fail, and how many of these ended the program."""
-
-    def __init__(self):
-        self.failed = self.ended = 0
-
-    def add(self, status, failed):
-        self.failed += failed
-        self.ended += status != 0
-
-
 def hurt_the_application(sandbox):
     """What it has confirmed, and every line of a log, is there when it starts again."""
-    count = Count()
-    log = sandbox.file(".claude/projects/p/s1.jsonl")
-    os.makedirs(os.path.dirname(log))
     lines = 0
     confirmed = None
 
     def live():
         nonlocal lines, confirmed
-        with open(log, "a") as file:
-            file.write(claude_line("m%d" % lines, 90))
+        sandbox.use("m%d" % lines, 90)
         lines += 1
         attempt(lambda: sandbox.hook(event("s", "working")))
         value = 20 + lines % 20
@@ -174,78 +159,69 @@ def hurt_the_application(sandbox):
         if program.answers(version):
             live()
         terminate(program.process)
-        count.add(*program.result())
+        yield program.result()
 
         sandbox.start()
         setting = sandbox.ask("settings.get", key="batteryFloorPercent")["value"]
         require(confirmed in (None, setting), "%s: the setting %s is %s" % (program.name, confirmed, setting))
-        eventually(lambda: sandbox.ask("usage.today")["totalTokens"] == 100 * lines, program.name + ": all usage counts")
-        require(sandbox.stop() == 0, "it stops with 0")
+        eventually(lambda: sandbox.tokens() == 100 * lines, program.name + ": all usage counts")
+        sandbox.stop()
     for _, _, files in os.walk(sandbox.home):
         for name in files:
             require(".unreadable" not in name, name + " was given up")
-    return count
 
 
 def hurt_the_helper(sandbox):
     """Whatever it was told last, one that starts again understands what is left of it."""
-    count = Count()
-    path, state = sandbox.file("helper.sock"), sandbox.file("helper.json")
-    run = [sandbox.helper_program, "--user", "--simulate", "--socket", path, "--state", state]
-    sandbox.environment["DBUS_SYSTEM_BUS_ADDRESS"] = "unix:path=/nonexistent"
-
-    def ask(**request):
-        return helper_answer(path, request, deaf_after)
+    helper = Helper(sandbox)
+    sandbox.environment = helper.environment
 
     def status():
-        return ask(command="status")
+        return helper.status(deaf_after)
+
+    def ask(command, **more):
+        return attempt(lambda: helper.ask(command, deaf_after, leaseId="lease", **more))
 
     def live():
-        eventually(lambda: attempt(status), "the helper answers")
-        attempt(lambda: ask(command="acquire", leaseId="lease", ttlSeconds=600))
-        attempt(lambda: ask(command="renew", leaseId="lease", ttlSeconds=600))
-        attempt(lambda: ask(command="release", leaseId="lease"))
+        eventually(status, "the helper answers")
+        ask("acquire", ttlSeconds=600)
+        ask("renew", ttlSeconds=600)
+        ask("release")
 
-    for call, error, when in sweep(sandbox, run, live):
-        helper = Traced(sandbox, run, call, error, when)
-        if helper.answers(status):
-            attempt(lambda: ask(command="acquire", leaseId="lease", ttlSeconds=600))
-        terminate(helper.process)
-        count.add(*helper.result())
-        again = subprocess.Popen(run, env=sandbox.environment, stderr=subprocess.DEVNULL)
+    for call, error, when in sweep(sandbox, helper.words, live):
+        program = Traced(sandbox, helper.words, call, error, when)
+        if program.answers(status):
+            ask("acquire", ttlSeconds=600)
+        terminate(program.process)
+        yield program.result()
+        again = helper.start()
         try:
             live()
-            require(not status()["status"]["isDeepHoldActive"], helper.name + ": what was released is not held")
+            require(not status()["isDeepHoldActive"], program.name + ": what was released is not held")
         finally:
             again.terminate()
             again.wait(timeout=patience)
-    return count
+
+
+def hurt_what_ends(sandbox, run, must_succeed):
+    sandbox.start()
+    for call, error, when in sweep(sandbox, run):
+        program = Traced(sandbox, run, call, error, when)
+        status, failed = program.result()
+        if status != 0 and must_succeed:
+            faults.append("%s: the hook sees %d" % (program.name, status))
+        yield status, failed
+    sandbox.stop()
 
 
 def hurt_the_relay(sandbox):
     """Whatever fails, a hook goes on at once."""
-    count = Count()
-    sandbox.start()
-    run = [sandbox.relay_program, "--agent", "codex", "--state", "working"]
-    for call, error, when in sweep(sandbox, run):
-        relay = Traced(sandbox, run, call, error, when)
-        status, failed = relay.result()
-        if status != 0:
-            faults.append("%s: the hook sees %d" % (relay.name, status))
-        count.add(status, failed)
-    require(sandbox.stop() == 0, "it stops with 0")
-    return count
+    return hurt_what_ends(sandbox, [sandbox.relay_program, "--agent", "codex", "--state", "working"], True)
 
 
 def hurt_a_command(sandbox):
     """A command answers or says why not."""
-    count = Count()
-    sandbox.start()
-    run = [sandbox.vimbrel, "status"]
-    for call, error, when in sweep(sandbox, run):
-        count.add(*Traced(sandbox, run, call, error, when).result())
-    require(sandbox.stop() == 0, "it stops with 0")
-    return count
+    return hurt_what_ends(sandbox, [sandbox.vimbrel, "status"], False)
 
 
 def main():
@@ -259,9 +235,10 @@ def main():
                 # Nothing of theirs works while another process traces, or without memory.
                 sandbox.environment["ASAN_OPTIONS"] = sandbox.environment.get("ASAN_OPTIONS", "") + ":detect_leaks=0"
                 failures[:] = [failure for failure in failures if failure[0] != "mmap"]
-            count = {"application": hurt_the_application, "helper": hurt_the_helper, "relay": hurt_the_relay,
-                     "command": hurt_a_command}[who](sandbox)
-        print("%s: %d calls failed, %d of them ended it" % (who, count.failed, count.ended))
+            ends = list({"application": hurt_the_application, "helper": hurt_the_helper, "relay": hurt_the_relay,
+                         "command": hurt_a_command}[who](sandbox))
+        print("%s: %d calls failed, %d of them ended it" % (who, sum(failed for _, failed in ends),
+                                                            sum(status != 0 for status, _ in ends)))
         require(not faults, "\n".join(faults))
 
 

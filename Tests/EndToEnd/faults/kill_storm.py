@@ -9,20 +9,26 @@ import random
 import subprocess
 import time
 
-from sandbox import Sandbox, claude_line, eventually, event, helper_answer, require
+from sandbox import Helper, Sandbox, event, eventually, require
 
 rounds = int(os.environ.get("VIMBREL_ROUNDS", "12"))
 
 
+def require_recorded(sandbox, tokens, turns):
+    """A new start has exactly this."""
+    sandbox.start()
+    today = sandbox.ask("usage.today")
+    require(today["totalTokens"] == tokens, "%d tokens of %d" % (today["totalTokens"], tokens))
+    require(today["turnCount"] == turns, "%d turns of %d" % (today["turnCount"], turns))
+    sandbox.stop()
+
+
 def storm_on_the_application(sandbox, chance):
-    log = sandbox.file(".claude/projects/p/s1.jsonl")
-    os.makedirs(os.path.dirname(log))
     written = 0
     for number in range(rounds):
         sandbox.start() if number % 3 == 0 else sandbox.launch()
         for _ in range(chance.randrange(1, 40)):
-            with open(log, "a") as file:
-                file.write(claude_line("m%d" % written, 100 + written))
+            sandbox.use("m%d" % written, 100 + written)
             written += 1
             if chance.random() < 0.3:
                 sandbox.relay("--agent", "claude", "--state", chance.choice(["working", "idle"]))
@@ -34,14 +40,10 @@ def storm_on_the_application(sandbox, chance):
 
     sandbox.start()
     expected = sum(110 + number for number in range(written))
-    eventually(lambda: sandbox.ask("usage.today")["totalTokens"] >= expected, "all usage is recorded")
+    eventually(lambda: sandbox.tokens() >= expected, "all usage is recorded")
     # And once more, in case something was counted twice with a delay.
-    require(sandbox.stop() == 0, "the application stops with 0")
-    sandbox.start()
-    today = sandbox.ask("usage.today")
-    require(today["totalTokens"] == expected, "%d tokens of %d" % (today["totalTokens"], expected))
-    require(today["turnCount"] == written, "%d turns of %d" % (today["turnCount"], written))
-    require(sandbox.stop() == 0, "the application stops with 0")
+    sandbox.stop()
+    require_recorded(sandbox, expected, written)
 
     for directory, _, files in os.walk(sandbox.file(".")):
         for name in files:
@@ -67,54 +69,38 @@ def orderly_ends(sandbox, chance):
             # Without a name for its turn, an event is known by its session, its time and its count.
             tokens = 1000 * (number + 1) + sent
             try:
-                answer = sandbox.hook(event("o%d-%d" % (number, sent), "working", input_tokens=tokens))
+                sandbox.is_taken(event("o%d-%d" % (number, sent), "working", input_tokens=tokens))
             except OSError:
                 continue  # It has not begun to listen.
-            require(b'"ok":true' in answer, answer)
             expected += tokens
             sent += 1
-        require(sandbox.stop() == 0, "the application stops with 0")
-    sandbox.start()
-    today = sandbox.ask("usage.today")
-    require(today["totalTokens"] == expected, "%d tokens of %d" % (today["totalTokens"], expected))
-    require(today["turnCount"] == rounds * 20, "%d turns of %d" % (today["turnCount"], rounds * 20))
-    require(sandbox.stop() == 0, "the application stops with 0")
+        sandbox.stop()
+    require_recorded(sandbox, expected, rounds * 20)
 
 
 def storm_on_the_helper(sandbox, chance):
-    directory = sandbox.file("helper")
-    os.makedirs(directory)
-    path, state = directory + "/s", directory + "/state.json"
-    environment = {**sandbox.environment, "DBUS_SYSTEM_BUS_ADDRESS": "unix:path=/nonexistent"}
-
-    def status():
-        try:
-            return helper_answer(path, {"command": "status"}).get("status")
-        except (OSError, ValueError):
-            return None
-
+    helper = Helper(sandbox)
     lease = None
     for number in range(rounds):
-        helper = subprocess.Popen([sandbox.helper_program, "--user", "--simulate", "--socket", path, "--state", state],
-                                  env=environment, stderr=subprocess.DEVNULL)
+        process = helper.start()
         try:
-            now = eventually(status, "the helper answers")
+            now = eventually(helper.status, "the helper answers")
             require(now["isDeepHoldActive"] == (lease is not None), "round %d: %s after %s" % (number, now, lease))
             if lease:
                 require(now["activeLeaseId"] == lease, "another lease came back")
                 require(now["currentSystemSleepDisabled"], "the lease is there without its hold")
             if chance.random() < 0.6:
                 lease = "lease-%d" % number
-                answer = helper_answer(path, {"command": "acquire", "leaseId": lease, "ttlSeconds": 600})
-                require(answer["ok"], answer)
+                require(helper.ask("acquire", leaseId=lease, ttlSeconds=600)["ok"], "acquired")
             elif lease:
-                require(helper_answer(path, {"command": "release", "leaseId": lease})["ok"], "released")
+                require(helper.ask("release", leaseId=lease)["ok"], "released")
                 lease = None
         finally:
-            helper.kill()
-            helper.wait()
+            process.kill()
+            process.wait()
     # The socket, the state, the clock beside it, and one file that was being replaced.
-    require(len(os.listdir(directory)) <= 4, "files pile up: %s" % os.listdir(directory))
+    files = os.listdir(sandbox.file("helper"))
+    require(len(files) <= 4, "files pile up: %s" % files)
 
 
 def storm_on_the_relay(sandbox, chance):
@@ -125,12 +111,11 @@ def storm_on_the_relay(sandbox, chance):
         time.sleep(chance.random() * 0.004)
         relay.kill()
         relay.wait()
-    require(b'"ok":true' in sandbox.hook(event("survivor", "working")), "events are still taken")
-    eventually(lambda: any(session["id"] == "survivor" for session in sandbox.ask("sessions")["sessions"]),
-               "the event after the storm is seen")
+    sandbox.is_taken(event("survivor", "working"))
+    sandbox.session("survivor", "working")
     # A hook is not held up by an application that was killed under it.
     sandbox.kill()
-    require(sandbox.relay("--agent", "codex", "--state", "idle") == 0, "the relay exits with 0")
+    sandbox.report("codex", "idle", "survivor")
 
 
 def main():

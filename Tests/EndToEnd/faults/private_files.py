@@ -5,22 +5,19 @@ in the way of its files are never written through."""
 import os
 import stat
 
-from sandbox import Sandbox, claude_line, event, eventually, require
+from sandbox import Sandbox, event, eventually, require
 
 
 def use_everything(sandbox):
-    log = sandbox.file(".claude/projects/p/s1.jsonl")
-    os.makedirs(os.path.dirname(log), exist_ok=True)
-    with open(log, "w") as file:
-        for number in range(40):
-            file.write(claude_line("m%d" % number, 90))
+    for number in range(40):
+        sandbox.use("m%d" % number, 90)
     sandbox.start()
     eventually(lambda: sandbox.ask("usage.today")["turnCount"] == 40, "usage is recorded")
     sandbox.ask("settings.set", key="batteryFloorPercent", value=33)
     sandbox.ask("hold", on=True)
-    require(b'"ok":true' in sandbox.hook(event("s", "working")), "events are taken")
+    sandbox.is_taken(event("s", "working"))
     sandbox.ask("hold", on=False)
-    require(sandbox.stop() == 0, "it stops with 0")
+    sandbox.stop()
 
 
 def own_entries(sandbox):
@@ -38,33 +35,25 @@ def permissions():
     try:
         with Sandbox() as sandbox:
             # Directories that other programs made before; they are not ours to change.
-            for name in (".local", ".local/share", ".local/state", ".config"):
-                os.mkdir(sandbox.file(name), 0o755)
-            shared = {sandbox.file(name) for name in (".local", ".local/share", ".local/state", ".config")}
+            shared = [sandbox.file(name) for name in (".local", ".local/share", ".local/state", ".config")]
+            for path in shared:
+                os.mkdir(path, 0o755)
             use_everything(sandbox)
             found = [path for path in own_entries(sandbox) if path not in shared]
             require(len(found) >= 5, found)
             for path in found:
                 mode = stat.S_IMODE(os.lstat(path).st_mode)
                 require(mode & 0o077 == 0, "%s has mode %o" % (path, mode))
+            return {os.path.relpath(path, sandbox.home) for path in found if not os.path.isdir(path)}
     finally:
         os.umask(before)
-    return found
 
 
-def links(names):
+def link(name):
     with Sandbox() as sandbox:
-        victims = sandbox.file("victims")
-        os.mkdir(victims)
-        planted = []
-        for number, name in enumerate(names):
-            path = os.path.join(sandbox.home, name)
-            victim = os.path.join(victims, str(number))
-            with open(victim, "w") as file:
-                file.write("precious")
-            os.makedirs(os.path.dirname(path), exist_ok=True)
-            os.symlink(victim, path)
-            planted.append(victim)
+        sandbox.write("victims/one", "precious")
+        os.makedirs(os.path.dirname(sandbox.file(name)), exist_ok=True)
+        os.symlink(sandbox.file("victims/one"), sandbox.file(name))
         # It may refuse to work like this, but it must not write there.
         sandbox.launch()
         try:
@@ -72,28 +61,20 @@ def links(names):
                        "it answers or ends")
             if sandbox.process.poll() is None:
                 sandbox.wait_until_it_answers()
-                try:
-                    sandbox.ask("settings.set", key="batteryFloorPercent", value=33)
-                except Exception:
-                    pass  # A refusal is one way of not writing there.
+                # A refusal is one way of not writing there.
+                sandbox.command("settings", "set", "batteryFloorPercent", "33")
                 sandbox.hook(event("s", "working", input_tokens=5, model="m", turn_id="t"))
-                eventually(lambda: sandbox.ask("sessions")["sessions"], "the event is seen")
+                eventually(sandbox.sessions, "the event is seen")
                 sandbox.stop()
         except AssertionError:
             sandbox.kill()
-            sandbox.process.wait()
-        for victim, name in zip(planted, names):
-            with open(victim) as file:
-                require(file.read() == "precious", "the file behind the link %s was written" % name)
+        require(sandbox.read("victims/one") == "precious", "the file behind the link %s was written" % name)
 
 
 def main():
     found = permissions()
-    with Sandbox() as sample:
-        length = len(sample.home) + 1
-    names = sorted(path[length:] for path in found if not os.path.isdir(path))
     # Those that were there, those that come and go, and the temporaries beside them.
-    names = sorted(set(names) | {
+    names = sorted(found | {
         ".config/com.vimbrel.app/settings.json.new",
         ".local/share/Vimbrel/usage_store.json", ".local/share/Vimbrel/usage_store.json.new",
         ".local/share/Vimbrel/usage_store.journal.1", ".local/share/Vimbrel/usage_store.lock",
@@ -103,7 +84,7 @@ def main():
     # People keep their settings elsewhere and link to them: that link alone is meant to be followed.
     names.remove(".config/com.vimbrel.app/settings.json")
     for name in names:
-        links([name])
+        link(name)
     print("%d entries made, each for their user alone; %d links left alone" % (len(found), len(names)))
 
 

@@ -6,8 +6,9 @@ program ever, and what one run has done the next one finds."""
 import os
 import subprocess
 
+from machine import Machine
 from sandbox import eventually, require
-from setup_sandbox import Machine, Terminal
+from terminal import Terminal
 
 
 def greets():
@@ -55,8 +56,8 @@ def asks_first():
             text = terminal.end(0)
             require("skipped" in text and "Vimbrel does not run, so the lid" in text, text)
         require(not machine.runs and not machine.units and not machine.entry, "nothing was done")
-        require(machine.others() == before and not machine.read(".manager/asked"), "nothing was touched")
-        require(not machine.read("tray") and not machine.read("clipboard"), "nor started")
+        require(machine.others() == before and not machine.read(".test/asked"), "nothing was touched")
+        require(not machine.read(".test/tray") and not machine.read(".test/clipboard"), "nor started")
 
 
 def walk(terminal, machine, answers):
@@ -84,7 +85,7 @@ def connects_everything():
             terminal.asked("put this into ~/.claude/settings.json", machine.relay_program, "clipboard?")
             terminal.answer("yes")
             terminal.until(Terminal.waiting)
-            require(machine.relay_program in machine.read("clipboard"), "the snippet is on the clipboard")
+            require(machine.relay_program in machine.read(".test/clipboard"), "the snippet is on the clipboard")
             require(machine.command("agents", "test", "claude").returncode == 0, "a trial is no first event")
             machine.relay("--agent", "claude", "--state", "working", "--session-id", "first")
             terminal.until("received: Claude Code reports Working")
@@ -94,15 +95,15 @@ def connects_everything():
             require("connected: Claude Code" in text and "starts at login (vimbrel.service); it runs" in text, text)
         require(machine.units == ["vimbrel.service"] and not machine.entry, "one thing starts it at login")
         require(machine.others() == before, "no configuration was touched")
-        eventually(lambda: machine.read("tray") == "started\n", "the tray was started")
+        eventually(lambda: machine.read(".test/tray") == "started\n", "the tray was started")
         require(machine.ask("status")["settings"]["hasCompletedOnboarding"], "the tray introduces nothing that is done")
         # Run again, it finds what it did: of Claude Code the file was never written, so that is still open.
         machine.write(".claude/settings.json", '{"hooks":"%s"}' % machine.relay_program)
-        asked = machine.read(".manager/asked")
+        asked = machine.read(".test/asked")
         again = machine.command("setup", "--dry-run")
         require("It would now: Show it in the panel" in again.stdout and again.stdout.count("It would") == 1, again.stdout)
         require(machine.command("setup", "--yes").returncode == 0, "and nothing fails")
-        require(machine.read(".manager/asked") == asked, "nothing is asked of the manager twice")
+        require(machine.read(".test/asked") == asked, "nothing is asked of the manager twice")
 
 
 def ends_anywhere():
@@ -114,11 +115,11 @@ def ends_anywhere():
                 if not walk(terminal, machine, answers):
                     terminal.end(0)
                     break
-                before = (machine.units, machine.runs, machine.read(".manager/asked"), machine.read("tray"))
+                before = (machine.units, machine.runs, machine.read(".test/asked"), machine.read(".test/tray"))
                 terminal.type(leave)
                 text = terminal.end(status)
                 require("To go on: vimbrel setup" in text, text)
-                after = (machine.units, machine.runs, machine.read(".manager/asked"), machine.read("tray"))
+                after = (machine.units, machine.runs, machine.read(".test/asked"), machine.read(".test/tray"))
                 require(before == after, "leaving changes nothing: %s, then %s" % (before, after))
                 require(machine.runs == (machine.units == ["vimbrel.service"]), "the service is whole or not there")
                 rest = machine.command("setup", "--yes")
@@ -134,7 +135,7 @@ def holds_signals_back():
         with Terminal(machine, "setup") as terminal:
             terminal.asked("Enable the user service")
             terminal.answer("y")
-            eventually(lambda: os.path.exists(machine.file(".manager/enabling")), "it is at work")
+            eventually(lambda: os.path.exists(machine.file(".test/enabling")), "it is at work")
             terminal.type("\x03")
             require(terminal.process.poll() is None, "it does not leave in the middle")
             os.remove(machine.file("slow"))
@@ -149,7 +150,7 @@ def needs_no_package():
         done = machine.command("setup", "--yes")
         require(done.returncode == 0, done.stdout + done.stderr)
         require(machine.units == ["com.vimbrel.app.service"] and not machine.entry and machine.runs, machine.units)
-        require("daemon-reload" in machine.read(".manager/asked"), "the manager reads the new unit")
+        require("daemon-reload" in machine.read(".test/asked"), "the manager reads the new unit")
         require("not connected: Claude Code" in done.stdout and "vimbrel agents setup claude" in done.stdout, done.stdout)
 
 
@@ -184,7 +185,7 @@ def says_what_fails():
         machine.write("broken", "")
         done = machine.command("setup", "--yes")
         require(done.returncode == 1 and "systemctl --user start vimbrel.service failed" in done.stdout, done.stdout)
-        eventually(lambda: machine.read("tray"), "the other steps follow all the same")
+        eventually(lambda: machine.read(".test/tray"), "the other steps follow all the same")
 
 
 for trial in (greets, asks_first, connects_everything, ends_anywhere, holds_signals_back, needs_no_package, never_both,

@@ -7,7 +7,6 @@ import json
 import math
 import os
 import shutil
-import subprocess
 import time
 
 from history import History, figures
@@ -18,9 +17,7 @@ golden_logs = os.path.join(here, "..", "..", "Fixtures", "logs")
 
 
 def report(home, *arguments):
-    answer = home.command("usage", *arguments, "--json")
-    require(answer.returncode == 0, "usage %s: %s" % (" ".join(arguments), answer.stderr))
-    return json.loads(answer.stdout)
+    return home.answer("usage", *arguments)
 
 
 def same(found, wanted, what):
@@ -34,9 +31,8 @@ def same(found, wanted, what):
 def newest_record(path):
     """When the log's last record was written, as its own time says."""
     with open(path) as file:
-        times = [json.loads(line).get("timestamp") for line in file]
-    text = [time for time in times if time][-1][:19] + "+00:00"
-    return datetime.datetime.fromisoformat(text).timestamp()
+        times = [time for line in file if (time := json.loads(line).get("timestamp"))]
+    return datetime.datetime.fromisoformat(times[-1][:19] + "+00:00").timestamp()
 
 
 def golden():
@@ -47,8 +43,7 @@ def golden():
                 for name in names:
                     path = os.path.join(directory, name)
                     os.utime(path, (newest_record(path),) * 2)
-        with open(os.path.join(golden_logs, "totals.json")) as file:
-            totals = json.load(file)
+        totals = json.loads(home.read(os.path.join(golden_logs, "totals.json")))
         home.start()
         same(report(home, "sessions")["total"]["turnCount"], totals.pop("events"), "the number of turns")
         for grouping, rows in totals.items():
@@ -57,7 +52,7 @@ def golden():
             for key, wanted in rows.items():
                 for name, value in wanted.items():
                     same(found[key].get(name), value, "%s %s %s" % (grouping, key, name))
-        require(home.stop() == 0, "stops in order")
+        home.stop()
 
 
 def block_starts(times):
@@ -109,16 +104,15 @@ def months():
         require(report(home, "models")["unpricedModels"] == ["house-model"], "the unknown model is named")
         text = home.command("usage", "models").stdout
         require("unpriced" in text and "house-model." in text, "the screen names it, too: " + text)
-        for arguments, says in ((("daily", "--since", "yesterday"), "since takes a day"),
-                                (("daily", "--since", "2026-02-24", "--until", "2026-02-01"), "--until is before --since"),
-                                (("daily", "--agent", "nobody"), "no agent nobody"),
-                                (("daily", "--timezone", "Mars/Base"), "no time zone Mars/Base")):
-            answer = home.command("usage", *arguments)
-            require(answer.returncode == 2 and says in answer.stderr, "%s: %s" % (arguments, answer.stderr))
+        for options, says in (("--since yesterday", "since takes a day"), ("--agent nobody", "no agent nobody"),
+                              ("--since 2026-02-24 --until 2026-02-01", "--until is before --since"),
+                              ("--timezone Mars/Base", "no time zone Mars/Base")):
+            answer = home.command("usage", "daily", *options.split())
+            require(answer.returncode == 2 and says in answer.stderr, "%s: %s" % (options, answer.stderr))
 
         everything = report(home, "sessions")
-        imported = home.command("usage", "import", "--json")
-        require(json.loads(imported.stdout)["filesRead"] <= 1, "only the database is opened again: " + imported.stdout)
+        imported = home.answer("usage", "import")
+        require(imported["filesRead"] <= 1, "only the database is opened again: %s" % imported)
         imported = home.command("usage", "import", "--all")
         require("New: 0 of" in imported.stdout, "the same import twice changes nothing: " + imported.stdout)
         require(report(home, "sessions") == everything, "the reports are the same")
@@ -127,69 +121,61 @@ def months():
         home.kill()
         shutil.rmtree(home.file(".claude"))
         shutil.rmtree(home.file(".local/share/opencode"))
-        os.makedirs(home.file(".config/com.vimbrel.app"), exist_ok=True)
-        with open(home.file(".config/com.vimbrel.app/rates.json"), "w") as file:
-            json.dump({"models": [{"model": "house", "input": 1, "output": 2, "cacheRead": 3, "cacheWrite": 4}]}, file)
+        home.write(".config/com.vimbrel.app/rates.json", json.dumps({"models": [
+            {"model": "house", "input": 1, "output": 2, "cacheRead": 3, "cacheWrite": 4}]}))
         home.start()
         own = [m for m in truth.messages if m.model == "house-model"]
         for message in own:
             message.cost = sum(count * price for count, price in zip(message.counts, (1, 2, 3, 4))) / 1e6
         compare(home, truth, "models", lambda m: m.model)
         require(report(home, "models")["unpricedModels"] == [], "no model is unpriced any more")
-        require(home.stop() == 0, "stops in order")
-
-
-def now_text():
-    return datetime.datetime.now(datetime.timezone.utc).strftime("%Y-%m-%dT%H:%M:%SZ")
-
-
-def over_now(home):
-    return json.loads(home.command("budgets", "check", "--json").stdout)["over"]
+        home.stop()
 
 
 def budgets():
     with Sandbox() as home:
         home.start()
         month = time.gmtime().tm_mon
-        require(home.command("budgets", "check").returncode == 0, "nothing is overspent without budgets")
-        require(home.command("budgets", "set", "monthly", "1").returncode == 0, "a budget is set")
-        require(home.command("budgets", "set", "monthly", "90", "--agent", "claude").returncode == 0, "another")
-        for arguments in (("set", "hourly", "1"), ("set", "daily", "much"), ("set", "daily")):
-            require(home.command("budgets", *arguments).returncode == 2, "refuses " + " ".join(arguments))
-        for amount in ("-3", "0", "inf", "nan", "1e999"):
-            answer = home.command("budgets", "set", "daily", amount)
-            require(answer.returncode == 2 and "a number of US dollars above 0" in answer.stderr, amount + answer.stderr)
-        home.command("budgets", "set", "weekly", "0.001")
-        require("<$0.01" in home.command("budgets").stdout, "a small amount is not nothing")
-        require(home.command("budgets", "remove", "weekly").returncode == 0, "is removed")
-        home.command("budgets", "set", "daily", "5", "--project", "/home/dev/shop")
-        require(home.command("budgets", "remove", "daily").returncode == 1, "that scope has no budget")
-        require(home.command("budgets", "remove", "daily", "--project", "/home/dev/shop/").returncode == 0, "this has")
 
-        path = home.file(".claude/projects/p/s.jsonl")
-        os.makedirs(os.path.dirname(path))
-        with open(path, "w") as file:
-            file.write(json.dumps({"type": "assistant", "sessionId": "s", "timestamp": now_text(), "cwd": "/p",
-                                   "message": {"id": "msg_1", "model": "claude-opus-5",
-                                               "usage": {"input_tokens": 0, "output_tokens": 1000000}}}) + "\n")
+        def budget(words, status=0):
+            answer = home.command("budgets", *words.split())
+            require(answer.returncode == status, "budgets %s: %d %s" % (words, answer.returncode, answer.stderr))
+            return answer.stdout + answer.stderr
+
+        def over():
+            return json.loads(home.command("budgets", "check", "--json").stdout)["over"]
+
+        budget("check")
+        budget("set monthly 1")
+        budget("set monthly 90 --agent claude")
+        for words in ("set hourly 1", "set daily much", "set daily"):
+            budget(words, status=2)
+        for amount in ("-3", "0", "inf", "nan", "1e999"):
+            require("a number of US dollars above 0" in budget("set daily " + amount, status=2), amount)
+        budget("set weekly 0.001")
+        require("<$0.01" in budget(""), "a small amount is not nothing")
+        budget("remove weekly")
+        budget("set daily 5 --project /home/dev/shop")
+        budget("remove daily", status=1)  # That scope has none.
+        budget("remove daily --project /home/dev/shop/")
+
+        def spend(session, project, tokens):
+            line = json.loads(claude_line("msg_" + session, tokens, session))
+            home.write(".claude/projects/p/%s.jsonl" % session, json.dumps({**line, "cwd": project}) + "\n")
+
+        spend("s", "/p", 999998)  # 75 dollars with the ten tokens that went in
         require(home.command("usage", "import").returncode == 0, "the new log is read")
-        check = home.command("budgets", "check", "--json")
         if time.gmtime().tm_mon == month:
-            over = json.loads(check.stdout)["over"]
-            require(check.returncode == 1 and len(over) == 1, "the first budget is overspent: " + check.stdout)
-            same(over[0]["spentUSD"], 75.0, "what was spent")
-            require("monthly" in home.command("budgets").stdout, "the screen shows the budgets")
+            require("monthly" in budget("check", status=1), "the first budget is overspent")
+            require(len(over()) == 1, "and no other")
+            same(over()[0]["spentUSD"], 75.0, "what was spent")
 
         # A session that begins while it runs belongs to its project at once.
-        home.command("budgets", "set", "monthly", "1", "--project", "/shop")
-        require(not any(each.get("project") == "/shop" for each in over_now(home)), "nothing is spent there")
-        with open(home.file(".claude/projects/p/shop.jsonl"), "w") as file:
-            file.write(json.dumps({"type": "assistant", "sessionId": "shop", "timestamp": now_text(), "cwd": "/shop",
-                                   "message": {"id": "msg_2", "model": "claude-opus-5",
-                                               "usage": {"output_tokens": 100000}}}) + "\n")
-        eventually(lambda: any(each.get("project") == "/shop" for each in over_now(home)),
-                   "the project's budget is overspent")
-        home.command("budgets", "remove", "monthly", "--project", "/shop")
+        budget("set monthly 1 --project /shop")
+        require(not any(each.get("project") == "/shop" for each in over()), "nothing is spent there")
+        spend("shop", "/shop", 100000)
+        eventually(lambda: any(each.get("project") == "/shop" for each in over()), "the project's budget is overspent")
+        budget("remove monthly --project /shop")
 
         status = {"session_id": "s", "model": {"id": "claude-opus-5", "display_name": "Opus 5"},
                   "context_window": {"used_percentage": 25, "context_window_size": 200000},
@@ -198,8 +184,7 @@ def budgets():
                                   "seven_day": {"used_percentage": 91, "resets_at": int(time.time()) + 99999}}}
 
         def statusline(document):
-            answer = subprocess.run([home.vimbrel, "statusline"], input=document, env=home.environment, text=True,
-                                    capture_output=True, timeout=60)
+            answer = home.command("statusline", input=document)
             require(answer.returncode == 0 and answer.stdout.count("\n") == 1, "one line: " + answer.stdout)
             return answer.stdout
 
@@ -209,17 +194,15 @@ def budgets():
         same(report_of_claude["quota"]["value"]["percentageRemaining"], 9.0, "the measured quota")
         same(report_of_claude["quota"]["source"], "status-line", "its source")
         same(report_of_claude["context"]["value"]["tokensRemaining"], 150000, "the measured context")
-        require(home.stop() == 0, "stops in order")
+        home.stop()
         require(statusline(json.dumps(status)).endswith(" · $1.50 session\n"), "prints without an application")
         for garbage in ("", "[]", "{\"model\":3,\"rate_limits\":{\"five_hour\":7}}", "\0\1", "{" * 5000):
             require(statusline(garbage) == "Claude\n", "garbage gives the shortest line")
         # The budgets are still there, and a file that cannot be read stops a script.
         home.start()
         require(len(home.ask("budgets")["money"]) == 2, "budgets are kept")
-        with open(home.file(".config/com.vimbrel.app/budgets.json"), "w") as file:
-            file.write("{")
-        check = home.command("budgets", "check")
-        require(check.returncode == 1 and "cannot be used" in check.stderr, "says that it cannot tell: " + check.stderr)
+        home.write(".config/com.vimbrel.app/budgets.json", "{")
+        require("cannot be used" in budget("check", status=1), "says that it cannot tell")
 
 
 def forgotten():
@@ -230,28 +213,25 @@ def forgotten():
         today = datetime.datetime.now(datetime.timezone.utc).strftime("%Y-%m-%d")
         before = report(home, "daily")
         require(len(before["rows"]) > 30 and today not in [row["key"] for row in before["rows"]], "months are read")
-        require(home.stop() == 0, "stops in order")
+        home.stop()
         os.remove(home.file(".local/share/Vimbrel/usage_store.json"))
         home.start()
         compare(home, truth, "daily", lambda m: m.time.strftime("%Y-%m-%d"))
 
-        index = home.file(".local/share/Vimbrel/usage_index.json")
-        require("/home/dev/project-" in open(index).read(), "the index knows directories")
+        index = ".local/share/Vimbrel/usage_index.json"
+        require("/home/dev/project-" in home.read(index), "the index knows directories")
         require(home.command("usage", "reset", "--yes").returncode == 0, "is reset")
         for _ in range(2):
             eventually(lambda: report(home, "daily")["rows"] == [], "everything is forgotten")
             home.command("usage", "import", "--all")
             require(report(home, "projects")["rows"] == [], "no log brings it back")
-            require("/home/dev/project-" not in open(index).read(), "nor its directories")
-            require(home.stop() == 0, "stops in order")
+            require("/home/dev/project-" not in home.read(index), "nor its directories")
+            home.stop()
             home.start()
-        path = home.file(".claude/projects/p/new.jsonl")
-        os.makedirs(os.path.dirname(path))
         time.sleep(1.1)  # A time in whole seconds may lie before the reset.
-        with open(path, "w") as file:
-            file.write(claude_line("msg_new", 5, "new"))
-        eventually(lambda: home.ask("usage.today")["totalTokens"] == 15, "what is used since is counted")
-        require(home.stop() == 0, "stops in order")
+        home.use("msg_new", 5)
+        eventually(lambda: home.tokens() == 15, "what is used since is counted")
+        home.stop()
 
 
 golden()
