@@ -38,6 +38,11 @@ def eventually(condition, what, limit=patience):
         time.sleep(0.02)
 
 
+def is_stopped(process):
+    with open("/proc/%d/stat" % process.pid) as file:
+        return file.read().rsplit(")", 1)[1].split()[0] == "T"
+
+
 def exchange(path, document, limit=patience, ends=True):
     """What is answered at this socket; `ends` says that nothing more is asked."""
     with socket.socket(socket.AF_UNIX) as connection:

@@ -19,13 +19,13 @@ class Terminal:
 
     def __init__(self, machine, *arguments, columns=100):
         master, slave = pty.openpty()
-        fcntl.ioctl(slave, termios.TIOCSWINSZ, struct.pack("HHHH", 40, columns, 0, 0))
-        self.mode = termios.tcgetattr(slave)
         self.master, self.slave = master, slave
+        self.resize(columns, 40)
+        self.mode = termios.tcgetattr(slave)
         self.text = ""
         self.seen = 0
         self.process = subprocess.Popen(
-            [machine.vimbrel, *arguments], env=machine.environment, stdin=slave, stdout=slave, stderr=slave,
+            [machine.vimbrel, *arguments], env={**machine.environment, "TERM": "xterm"}, stdin=slave, stdout=slave, stderr=slave,
             start_new_session=True, preexec_fn=lambda: fcntl.ioctl(0, termios.TIOCSCTTY, 0))
 
     def __enter__(self):
@@ -37,6 +37,9 @@ class Terminal:
             self.process.wait()
         os.close(self.slave)
         os.close(self.master)
+
+    def resize(self, columns, rows):
+        fcntl.ioctl(self.master, termios.TIOCSWINSZ, struct.pack("HHHH", rows, columns, 0, 0))
 
     def read(self, limit):
         """More output; false when none came within the limit."""
@@ -74,13 +77,14 @@ class Terminal:
         self.type(text + "\n")
 
     def end(self, status):
-        """Its exit status must be this; what it printed last is the result."""
+        """Its exit status must be this, which is 128 more than the signal that ended it; what it printed last is the result."""
         limit = time.monotonic() + patience
         while self.process.poll() is None:
             self.read(0.05)
             require(time.monotonic() < limit, "it does not end: %r" % self.text[self.seen:])
         while self.read(0):
             pass
-        require(self.process.returncode == status, "status %s: %s" % (self.process.returncode, self.text))
+        ended = self.process.returncode if self.process.returncode >= 0 else 128 - self.process.returncode
+        require(ended == status, "status %s: %s" % (ended, self.text))
         require(termios.tcgetattr(self.slave) == self.mode, "the terminal is as it was")
         return self.text[self.seen:]

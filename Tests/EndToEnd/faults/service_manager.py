@@ -8,7 +8,7 @@ import signal
 import socket
 import time
 
-from sandbox import Sandbox, eventually, require
+from sandbox import Sandbox, eventually, is_stopped, require
 
 interval = 0.2
 
@@ -32,8 +32,7 @@ def main():
             require(message(60) == "WATCHDOG=1", "a sign of life")
 
         os.kill(sandbox.process.pid, signal.SIGSTOP)
-        eventually(lambda: "T" in open("/proc/%d/stat" % sandbox.process.pid).read().rsplit(")", 1)[1].split()[0],
-                   "it is stopped")
+        eventually(lambda: is_stopped(sandbox.process), "it is stopped")
         while message(0):
             pass
         require(message(5 * interval) is None, "no sign of life from a main loop that stands still")

@@ -50,7 +50,7 @@ class Machine(Sandbox):
         os.makedirs(self.file("bin"))
         self.vimbrel = shutil.copy(self.vimbrel, self.file("bin/vimbrel"))
         self.relay_program = shutil.copy(self.relay_program, self.file("bin/vimbrel-relay"))
-        self.environment.update(VIMBREL=self.vimbrel, XDG_CONFIG_DIRS=self.file("xdg"), TERM="xterm")
+        self.environment.update(VIMBREL=self.vimbrel, XDG_CONFIG_DIRS=self.file("xdg"))
         if desktop:
             self.environment["WAYLAND_DISPLAY"] = "wayland-of-a-test"
         self.program("systemctl", systemctl)
