@@ -4,10 +4,7 @@
 #include <gtest/gtest.h>
 #include <xcb/xcb.h>
 
-#include <csignal>
-
 #include "Component/Rig.h"
-#include "EndToEnd/ProcessHarness.h"
 #include "Platform/Linux/BusNotificationCenter.h"
 #include "Platform/Linux/PortalKeyShortcut.h"
 #include "Platform/Linux/X11KeyShortcut.h"
@@ -28,53 +25,12 @@ void press(const std::vector<std::string>& keys) {
   run("/usr/bin/xdotool", arguments);
 }
 
-/// `vimbrel run` on the rig's desktop.
-struct RealApplication {
-  RealApplication() {
-    for (const auto* name : {"DISPLAY", "DBUS_SESSION_BUS_ADDRESS", "XDG_RUNTIME_DIR"}) {
-      if (const auto* value = std::getenv(name)) sandbox.environment[name] = value;
-    }
-    process = std::make_unique<RunningProcess>(std::vector<std::string>{vimbrelProgram(), "run"},
-                                               sandbox.environment);
-    EXPECT_TRUE(eventually([&] { return sandbox.vimbrel({"status"}).status == 0; })) << process->errors();
-  }
-  ~RealApplication() {
-    process->signal(SIGTERM);
-    EXPECT_EQ(process->wait(), 0);
-  }
-  void report(const std::string& state) {
-    EXPECT_EQ(sandbox.relay({"--agent", "claude", "--state", state, "--session-id", "s1"}).status, 0);
-  }
-  std::string setting(const std::string& key) { return sandbox.vimbrel({"settings", "get", key}).output; }
-  Sandbox sandbox;
-  std::unique_ptr<RunningProcess> process;
-};
-
 /// What the daemon shows now, and what it showed and closed.
 int shown() { return std::atoi(dunst({"count", "displayed"}).c_str()); }
-std::string closeAllAndRead() {
+std::string closeAllAndRead(EventLoop& loop) {
   dunst({"close-all"});
-  EXPECT_TRUE(eventually([] { return shown() == 0; }));
+  EXPECT_TRUE(rig::eventually(loop, [] { return shown() == 0; }));
   return dunst({"history"});
-}
-
-TEST(Notifications, tellOfTheStartWithAnActionThatPausesAndOfTheEnd) {
-  RealApplication application;
-  application.report("working");
-  ASSERT_TRUE(eventually([] { return shown() == 1; }));
-  dunst({"action", "0"});
-  EXPECT_TRUE(eventually([&] { return application.setting("pauseUntil").find("T") != std::string::npos; }))
-      << "the first action is \"Pause 1 h\"";
-  EXPECT_THAT(application.sandbox.vimbrel({"status"}).output, HasSubstr("Paused"));
-  EXPECT_EQ(application.sandbox.vimbrel({"resume"}).status, 0);
-  ASSERT_TRUE(eventually([] { return shown() == 1; })) << "protection started again";
-  EXPECT_EQ(application.sandbox.vimbrel({"settings", "set", "releaseDelaySeconds", "0"}).status, 0);
-  application.report("idle");
-  ASSERT_TRUE(eventually([] { return shown() == 2; }));
-  const auto history = closeAllAndRead();
-  EXPECT_THAT(history, HasSubstr("Vimbrel is protecting this Mac"));
-  EXPECT_THAT(history, HasSubstr("1 coding agent session working."));
-  EXPECT_THAT(history, HasSubstr("Coding agents finished"));
 }
 
 TEST(Notifications, replaceOneAnotherByIdentifierAndSurviveTheServicesRestart) {
@@ -91,12 +47,12 @@ TEST(Notifications, replaceOneAnotherByIdentifierAndSurviveTheServicesRestart) {
                  });
     EXPECT_TRUE(rig::eventually(loop, [&] { return posted; }));
   };
-  closeAllAndRead();
+  closeAllAndRead(loop);
   post("a", "first");
   post("a", "second");
   post("b", "third");
   EXPECT_EQ(shown(), 2);
-  const auto history = closeAllAndRead();
+  const auto history = closeAllAndRead(loop);
   EXPECT_THAT(history, HasSubstr("second"));
   EXPECT_THAT(history, HasSubstr("third"));
   EXPECT_THAT(history, testing::Not(HasSubstr("first")));
@@ -192,18 +148,6 @@ TEST(Shortcut, isSeenWhileAnotherWindowHasTheFocusWhateverLocksAreOn) {
   EXPECT_EQ(window.presses(keyL), 1) << "the keys are given back";
   EXPECT_TRUE(second.watch([] {}));
   EXPECT_FALSE(X11KeyShortcut(":99", loop.mainQueue()).watch([] {}));
-}
-
-TEST(Shortcut, flipsTheMasterSwitchOfTheRunningApplication) {
-  RealApplication application;
-  EXPECT_EQ(application.setting("masterEnabled"), "on\n");
-  press({"alt+super+l"});
-  EXPECT_TRUE(eventually([&] { return application.setting("masterEnabled") == "off\n"; }));
-  press({"alt+super+l"});
-  EXPECT_TRUE(eventually([&] { return application.setting("masterEnabled") == "on\n"; }));
-  EXPECT_THAT(application.sandbox.vimbrel({"doctor"}).output, HasSubstr("Alt+Super+L switches protection"));
-  RealApplication second;
-  EXPECT_THAT(second.sandbox.vimbrel({"doctor"}).output, HasSubstr("another program holds Alt+Super+L"));
 }
 
 std::string mock(const std::string& member) {

@@ -1,25 +1,17 @@
-#!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
 """The running application on a machine that can be changed: power supplies with the kernel's events as udev passes
 them on, the firmware's profile, both names of the daemon that people choose to save power with, heat, and a lid.
 
-machine_events_test.py VIMBREL
-
-Everything runs in a mount and network namespace: files stand in for /sys and a forged message for udev's. Exit status
-77 with one line when this machine cannot do it, or 1 then with VIMBREL_REQUIRE_COMPONENTS=1.
+Inside rig.sh with a system bus, and in a network of its own: files stand in for /sys and a forged message for udev's.
 """
-import json
 import os
 import shutil
 import socket
 import struct
 import subprocess
-import sys
-import tempfile
-import time
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)) + "/../EndToEnd")
-from namespaces import enter_namespaces  # noqa: E402
+from namespaces import enter_namespaces
+from sandbox import Sandbox, eventually, require
 
 # Without an event a change is seen within 30 seconds: an event must be much faster than that.
 SOON = 15
@@ -39,17 +31,13 @@ def murmur_hash(data):
     """MurmurHash2 with the seed 0: how libudev lets the kernel filter messages by subsystem."""
     mask, prime = 0xFFFFFFFF, 0x5BD1E995
     result = len(data) & mask
-    at = 0
-    while len(data) - at >= 4:
-        word = struct.unpack_from("<I", data, at)[0] * prime & mask
+    whole = len(data) // 4 * 4
+    for (word,) in struct.iter_unpack("<I", data[:whole]):
+        word = word * prime & mask
         word = (word ^ word >> 24) * prime & mask
         result = (result * prime & mask) ^ word
-        at += 4
-    rest = data[at:]
-    if rest:
-        for place, byte in enumerate(rest):
-            result ^= byte << (8 * place)
-        result = result * prime & mask
+    if rest := data[whole:]:
+        result = (result ^ int.from_bytes(rest, "little")) * prime & mask
     result = (result ^ result >> 13) * prime & mask
     return result ^ result >> 15
 
@@ -64,16 +52,12 @@ def send_event(device):
         link.sendto(header + body, (0, 2))
 
 
-class World:
-    def __init__(self, program):
-        self.program = program
-        self.home = tempfile.mkdtemp(prefix="vimbrel-")
-        # A link-up loopback is not needed; netlink works in an empty network namespace.
-        for path in (SUPPLIES, "/sys/firmware", THERMAL, INPUT, "/run"):
+class Machine(Sandbox):
+    def __init__(self):
+        super().__init__()
+        for path in (SUPPLIES, "/sys/firmware", THERMAL, INPUT):
             subprocess.check_call(["mount", "-t", "tmpfs", "-o", "mode=755", "test", path])
-        os.makedirs("/run/udev")  # udev_monitor asks whether udev runs at all
-        with open("/run/udev/control", "w"):
-            pass
+        write("/run/udev", control="")  # udev_monitor asks whether udev runs at all
         write(f"{SUPPLIES}/AC", type="Mains", online=0)
         write(f"{SUPPLIES}/BAT0", type="Battery", status="Discharging", capacity=41)
         write("/sys/firmware/acpi", platform_profile="balanced")
@@ -86,179 +70,115 @@ class World:
         write(f"{INPUT}/input0/device/capabilities", sw="0")
         write(f"{INPUT}/input1/device/capabilities", sw="1 3")
         write(f"{INPUT}/mouse0", dev="13:32")
-        with open("/run/bus.conf", "w") as file:
-            file.write('<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN" '
-                       '"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd"><busconfig><type>system</type>'
-                       '<keep_umask/><listen>unix:path=/run/system_bus</listen><auth>EXTERNAL</auth>'
-                       '<policy context="default"><allow send_destination="*" eavesdrop="true"/>'
-                       '<allow eavesdrop="true"/><allow own="*"/><allow user="*"/></policy></busconfig>')
-        self.bus = subprocess.Popen(["dbus-daemon", "--config-file=/run/bus.conf", "--nofork"])
-        self.until(lambda: os.path.exists("/run/system_bus"), 20, "the bus")
-        self.environment = {"HOME": self.home, "PATH": "/usr/bin:/bin", "TZ": "UTC",
-                            "DBUS_SYSTEM_BUS_ADDRESS": "unix:path=/run/system_bus",
-                            "DBUS_SESSION_BUS_ADDRESS": "unix:path=/nonexistent",
-                            "XDG_CURRENT_DESKTOP": "ubuntu:GNOME", "SSH_CONNECTION": "192.0.2.1 1 192.0.2.2 22"}
-        self.process = subprocess.Popen([program, "run"], env=self.environment, stdin=subprocess.DEVNULL,
-                                        stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        self.until(self.power, 60, "the application")
+        self.environment.update(DBUS_SESSION_BUS_ADDRESS="unix:path=/nonexistent", XDG_CURRENT_DESKTOP="ubuntu:GNOME",
+                                SSH_CONNECTION="192.0.2.1 1 192.0.2.2 22")
+        self.start("--lines")
 
-    def until(self, condition, limit, what):
-        start = time.monotonic()
-        while not condition():
-            assert time.monotonic() - start <= limit, f"{what}: not within {limit} s; {self.power()}"
-            time.sleep(0.02)
-        return time.monotonic() - start
+    def soon(self, condition, what):
+        eventually(condition, what, SOON)
 
-    def ask(self, what):
-        run = subprocess.run([self.program, what, "--json"], env=self.environment, capture_output=True)
-        return json.loads(run.stdout) if run.stdout else None
+    def power(self, name):
+        return self.ask("status")["power"].get(name)
 
-    def power(self):
-        state = self.ask("status")
-        return state and state["power"]
+    def saves(self, wanted, what):
+        self.soon(lambda: self.power("isLowPowerMode") == wanted, what)
 
     def finding(self, subject):
         """What `vimbrel doctor` says of it: the verdict and the explanation."""
-        found = [finding for finding in self.ask("doctor")["findings"] if finding["subject"] == subject]
-        return found and (found[0]["verdict"], found[0]["explanation"])
-
-    def end(self):
-        self.process.terminate()
-        status = self.process.wait(timeout=60)
-        self.bus.kill()
-        shutil.rmtree(self.home, ignore_errors=True)
-        return status
-
-
-def supplies(world):
-    start = world.power()
-    assert start["batteryPercent"] == 41 and not start["isOnAC"], start
-    write(f"{SUPPLIES}/AC", online=1)
-    write(f"{SUPPLIES}/BAT0", status="Charging", capacity=42)
-    send_event("AC")
-    took = world.until(lambda: world.power()["isOnAC"], SOON, "the plug")
-    now = world.power()
-    assert now["batteryPercent"] == 42 and now["isCharging"], now
-    print(f"a plug is seen {took * 1000:.0f} ms after its event")
-    # Ten quick changes end in the last one.
-    for percent in range(50, 60):
-        write(f"{SUPPLIES}/BAT0", capacity=percent)
-        send_event("BAT0")
-    world.until(lambda: world.power()["batteryPercent"] == 59, SOON, "the last of many events")
-    shutil.rmtree(f"{SUPPLIES}/BAT0")
-    send_event("AC")
-    world.until(lambda: world.power().get("batteryPercent") is None, SOON, "a battery that was taken out")
-    write(f"{SUPPLIES}/BAT0", type="Battery", status="Discharging", capacity=30)
-    write(f"{SUPPLIES}/AC", online=0)
-    send_event("BAT0")
-    world.until(lambda: world.power().get("batteryPercent") == 30, SOON, "a battery that was put in")
+        findings = {each["subject"]: (each["verdict"], each["explanation"]) for each in self.ask("doctor")["findings"]}
+        return findings.get(subject)
 
 
 class Daemon:
-    """A service with one property, in a process that can be killed: the daemon of power profiles under one of its
-    names, or what tells of the lid."""
+    """A service with one property, in a process that can be killed."""
 
-    def __init__(self, name, path, interface=None):
-        self.process = subprocess.Popen([sys.executable, __file__, "--daemon", name, path, interface or name], stdin=subprocess.PIPE, text=True,
-                                        stdout=subprocess.PIPE,
-                                        env={**os.environ, "DBUS_SYSTEM_BUS_ADDRESS": "unix:path=/run/system_bus"})
-        assert self.process.stdout.readline() == "ready\n"
+    def __init__(self, name, path, interface, **properties):
+        self.name, self.path, self.interface = name, path, interface
+        self.process = subprocess.Popen(["/usr/bin/python3", "-m", "dbusmock", "--system", name, path, interface],
+                                        stdout=subprocess.DEVNULL)
+        subprocess.check_call(["gdbus", "wait", "--system", "--timeout", "20", name])
+        self.call("AddProperties", **properties)
 
-    def choose(self, profile):
-        self.process.stdin.write(profile + "\n")
-        self.process.stdin.flush()
+    def call(self, method, **properties):
+        values = ", ".join("'%s': <%s>" % each for each in properties.items())
+        subprocess.check_call(["gdbus", "call", "--system", "-d", self.name, "-o", self.path, "-m",
+                               "org.freedesktop.DBus.Mock." + method, self.interface, "{%s}" % values],
+                              stdout=subprocess.DEVNULL)
+
+    def set(self, **properties):
+        self.call("UpdateProperties", **properties)
 
     def kill(self):
         self.process.kill()
         self.process.wait()
 
 
-def serve_daemon(name, path, interface):
-    import dbus
-    import dbus.service
-    from dbus.mainloop.glib import DBusGMainLoop
-    from gi.repository import GLib
-    DBusGMainLoop(set_as_default=True)
-    bus = dbus.bus.BusConnection("unix:path=/run/system_bus")
-    keep = dbus.service.BusName(name, bus)
-
-    class Profiles(dbus.service.Object):
-        profile = "balanced"
-
-        @dbus.service.method("org.freedesktop.DBus.Properties", in_signature="ss", out_signature="v")
-        def Get(self, _, key):
-            if key == "LidClosed":
-                return dbus.Boolean(self.profile == "closed")
-            return self.profile if key == "ActiveProfile" else ""
-
-        @dbus.service.signal("org.freedesktop.DBus.Properties", signature="sa{sv}as")
-        def PropertiesChanged(self, interface, changed, invalidated):
-            pass
-
-    profiles = Profiles(bus, path)
-
-    def read(source, _):
-        line = sys.stdin.readline().strip()
-        if not line:
-            return False
-        profiles.profile = line
-        profiles.PropertiesChanged(interface, {"ActiveProfile": line}, [])
-        return True
-
-    GLib.io_add_watch(sys.stdin, GLib.IO_IN, read)
-    print("ready", flush=True)
-    assert keep
-    GLib.MainLoop().run()
+def supplies(machine):
+    require((machine.power("batteryPercent"), machine.power("isOnAC")) == (41, False), "as it starts")
+    write(f"{SUPPLIES}/AC", online=1)
+    write(f"{SUPPLIES}/BAT0", status="Charging", capacity=42)
+    send_event("AC")
+    machine.soon(lambda: machine.power("isOnAC"), "the plug")
+    require(machine.power("batteryPercent") == 42 and machine.power("isCharging"), "all is read again")
+    # Ten quick changes end in the last one.
+    for percent in range(50, 60):
+        write(f"{SUPPLIES}/BAT0", capacity=percent)
+        send_event("BAT0")
+    machine.soon(lambda: machine.power("batteryPercent") == 59, "the last of many events")
+    shutil.rmtree(f"{SUPPLIES}/BAT0")
+    send_event("AC")
+    machine.soon(lambda: machine.power("batteryPercent") is None, "a battery that was taken out")
+    write(f"{SUPPLIES}/BAT0", type="Battery", status="Discharging", capacity=30)
+    write(f"{SUPPLIES}/AC", online=0)
+    send_event("BAT0")
+    machine.soon(lambda: machine.power("batteryPercent") == 30, "a battery that was put in")
 
 
-def low_power(world):
-    assert not world.power()["isLowPowerMode"]
-    for name, path in (("org.freedesktop.UPower.PowerProfiles", "/org/freedesktop/UPower/PowerProfiles"),
-                       ("net.hadess.PowerProfiles", "/net/hadess/PowerProfiles")):
-        daemon = Daemon(name, path)
-        daemon.choose("power-saver")
-        took = world.until(lambda: world.power()["isLowPowerMode"], SOON, f"power-saver of {name}")
-        print(f"power-saver of {name} is seen after {took * 1000:.0f} ms")
-        daemon.choose("balanced")
-        world.until(lambda: not world.power()["isLowPowerMode"], SOON, f"balanced of {name}")
-        daemon.choose("power-saver")
-        world.until(lambda: world.power()["isLowPowerMode"], SOON, f"power-saver of {name} again")
+def low_power(machine):
+    require(not machine.power("isLowPowerMode"), "as it starts")
+    for name in ("org.freedesktop.UPower.PowerProfiles", "net.hadess.PowerProfiles"):
+        daemon = Daemon(name, "/" + name.replace(".", "/"), name, ActiveProfile="'balanced'")
+        for profile in ("power-saver", "balanced", "power-saver"):
+            daemon.set(ActiveProfile="'%s'" % profile)
+            machine.saves(profile == "power-saver", f"{profile} of {name}")
         # The daemon dies: what it said last no longer holds.
         daemon.kill()
-        world.until(lambda: not world.power()["isLowPowerMode"], SOON, f"the end of {name}")
+        machine.saves(False, f"the end of {name}")
     # Without a daemon the firmware's own profile counts.
     write("/sys/firmware/acpi", platform_profile="low-power")
     send_event("AC")
-    world.until(lambda: world.power()["isLowPowerMode"], SOON, "the firmware's profile")
+    machine.saves(True, "the firmware's profile")
 
 
-def heat(world):
+def heat(machine):
     """Read every few seconds; past the firmware's last warning nothing is held."""
-    assert world.finding("temperature") == ("works", "2 thermal zones are watched"), world.finding("temperature")
+    def becomes(state):
+        machine.soon(lambda: machine.ask("status")["thermalState"] == state, state)
+
+    require(machine.finding("temperature") == ("works", "2 thermal zones are watched"), machine.finding("temperature"))
     for temperature, state in ((81000, "fair"), (91000, "serious"), (96000, "critical"), (93000, "critical"),
                                (60000, "nominal")):
         write(f"{THERMAL}/thermal_zone0", temp=temperature)
-        world.until(lambda: world.ask("status")["thermalState"] == state, SOON, f"{temperature} as {state}")
-        decision = world.ask("status")["decision"]
-        assert ("blocked" in decision) == (state == "critical"), decision
+        becomes(state)
+        decision = machine.ask("status")["decision"]
+        require(("blocked" in decision) == (state == "critical"), decision)
     # A zone that wakes up is read, too.
     write(f"{THERMAL}/thermal_zone1", temp=90000)
-    world.until(lambda: world.ask("status")["thermalState"] == "serious", SOON, "the other zone")
+    becomes("serious")
 
 
-def lid(world):
-    assert world.finding("lid")[0] == "warning", world.finding("lid")
-    logind = Daemon("org.freedesktop.login1", "/org/freedesktop/login1")
-    logind.choose("closed")
-    world.until(lambda: world.ask("status")["lidClosed"], SOON, "a closed lid")
-    assert world.finding("lid") == ("works", "the lid is closed"), world.finding("lid")
-    logind.choose("open")
-    world.until(lambda: not world.ask("status")["lidClosed"], SOON, "an open lid")
-    assert world.finding("lid") == ("works", "the lid is open"), world.finding("lid")
+def lid(machine):
+    require(machine.finding("lid")[0] == "warning", machine.finding("lid"))
+    logind = Daemon("org.freedesktop.login1", "/org/freedesktop/login1", "org.freedesktop.login1.Manager",
+                    LidClosed="false")
+    for closed, told in (("true", "the lid is closed"), ("false", "the lid is open")):
+        logind.set(LidClosed=closed)
+        machine.soon(lambda: machine.ask("status")["lidClosed"] == (closed == "true"), told)
+        require(machine.finding("lid") == ("works", told), machine.finding("lid"))
     logind.kill()
 
 
-def doctor(world):
+def doctor(machine):
     """What is said of a machine follows it."""
     for contents, verdict, explanation in ((None, "missing", "the machine counts as on AC power"),
                                            ({"type": "Battery", "status": "Discharging"}, "warning", "tells no charge"),
@@ -266,25 +186,16 @@ def doctor(world):
         shutil.rmtree(f"{SUPPLIES}/BAT0", ignore_errors=True)
         if contents:
             write(f"{SUPPLIES}/BAT0", **contents)
-        found = world.finding("battery")
-        assert found[0] == verdict and explanation in found[1], found
+        found = machine.finding("battery")
+        require(found[0] == verdict and explanation in found[1], found)
     for subject in ("GNOME and the tray", "remote login"):
-        assert world.finding(subject)[0] == "warning", subject
-    assert not world.finding("KDE and the lid")
+        require(machine.finding(subject)[0] == "warning", subject)
+    require(not machine.finding("KDE and the lid"), "nothing is said of another desktop")
 
 
-def main():
-    if sys.argv[1:2] == ["--daemon"]:
-        return serve_daemon(*sys.argv[2:5])
-    enter_namespaces("mnp", root="only root can stand in for the kernel's power supplies", tools=("dbus-daemon",))
-    world = World(sys.argv[1])
-    supplies(world)
-    low_power(world)
-    heat(world)
-    lid(world)
-    doctor(world)
-    assert world.end() == 0
-    return 0
-
-
-sys.exit(main())
+enter_namespaces("mn", root="only root can stand in for the kernel's power supplies")
+with Machine() as machine:
+    for test in (supplies, low_power, heat, lid, doctor):
+        test(machine)
+        print("ok:", test.__name__, flush=True)
+    machine.stop()

@@ -1,20 +1,12 @@
 # SPDX-License-Identifier: Apache-2.0
 """Agents on a server keep this machine awake through OpenSSH: two hosts with networks and files of their own, a real
-sshd on one of them with the settings that it is installed with, and on that one nothing of Vimbrel but the relay.
-
-  remote_agents_test.py VIMBREL RELAY"""
+sshd on one of them with the settings that it is installed with, and on that one nothing of Vimbrel but the relay."""
 
 import os
 import subprocess
-import sys
 
-here = os.path.dirname(os.path.abspath(__file__))
-sys.path.insert(0, here + "/../EndToEnd")
-
-vimbrel, relay = (os.path.abspath(path) for path in sys.argv[1:3])
-os.environ.update(VIMBREL_PROGRAM=vimbrel, VIMBREL_RELAY_PROGRAM=relay)
-from namespaces import enter_namespaces  # noqa: E402
-from sandbox import Sandbox, eventually, patience, require  # noqa: E402
+from namespaces import enter_namespaces
+from sandbox import Sandbox, eventually, patience, require
 
 sshd = "/usr/sbin/sshd"
 address = "10.99.0.2"
@@ -47,7 +39,7 @@ class Server:
                         "ip link set there up", "mount -t tmpfs -o mode=700 server /root",
                         "mount -t tmpfs -o mode=755 server /run", "mkdir -m 755 /run/sshd",
                         "install -Dm 600 %s /root/.ssh/authorized_keys" % sandbox.file("key.pub"),
-                        "ssh-keygen -q -t ed25519 -N '' -f /root/host_key", "install -m 755 %s /root" % relay,
+                        "ssh-keygen -q -t ed25519 -N '' -f /root/host_key", "install -m 755 %s /root" % sandbox.relay_program,
                         "install %s /root" % sandbox.file("sshd_config")):
             self.inside(command)
         self.sshd = self.start(sshd + " -D -e -f /root/sshd_config 2> /root/log")
